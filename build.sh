@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# One entry point for building, demonstrating and testing liboxel on Debian.
+#
+#   ./build.sh              install what is missing, build, run the oxel program on examples
+#   ./build.sh test         install what is missing, build, run the whole test suite
+#   ./build.sh test --sanitize   also build and run the suite under ASan + UBSan
+#   ./build.sh test --tsan       also build and run the thread tests under TSan
+#   ./build.sh test --fuzz[=S]   also run every fuzz target for S seconds (default 30)
+#   ./build.sh test --ci         all of the above (what CI runs)
+#   ./build.sh bench        build and run the benchmark against muparser and fparser
+set -euo pipefail
+cd "$(dirname "$0")"
+
+MODE=demo
+SANITIZE=0
+TSAN=0
+FUZZ_SECONDS=0
+for arg in "$@"; do
+    case "$arg" in
+    demo | test | bench) MODE=$arg ;;
+    --sanitize) SANITIZE=1 ;;
+    --tsan) TSAN=1 ;;
+    --fuzz) FUZZ_SECONDS=30 ;;
+    --fuzz=*) FUZZ_SECONDS=${arg#--fuzz=} ;;
+    --ci) SANITIZE=1 TSAN=1 FUZZ_SECONDS=30 ;;
+    -h | --help)
+        sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
+        exit 0
+        ;;
+    *)
+        echo "build.sh: unknown argument '$arg' (try --help)" >&2
+        exit 2
+        ;;
+    esac
+done
+
+JOBS=$(nproc 2>/dev/null || echo 2)
+
+# Installs the Debian packages that are not there yet (needs root or sudo).
+need_packages() {
+    local missing=()
+    for p in "$@"; do
+        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    echo "build.sh: installing ${missing[*]}" >&2
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+need_packages build-essential cmake flex bison libgtest-dev pkg-config
+if [ "$SANITIZE$TSAN" != "00" ] || [ "$FUZZ_SECONDS" != 0 ]; then
+    need_packages clang libclang-rt-14-dev
+fi
+if [ "$MODE" = bench ]; then
+    need_packages libbenchmark-dev libmuparser-dev libfparser-dev
+fi
+
+# configure DIR [cmake options...] then build it.
+build_tree() {
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOXEL_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$JOBS"
+}
+
+case "$MODE" in
+demo)
+    build_tree build
+    ./tools/demo.sh build/oxel
+    ;;
+test)
+    build_tree build
+    ctest --test-dir build --output-on-failure -j "$JOBS"
+    if [ "$SANITIZE" = 1 ]; then
+        build_tree build-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+            -DOXEL_SANITIZE=address,undefined
+        ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+            ctest --test-dir build-asan --output-on-failure -j "$JOBS"
+    fi
+    if [ "$TSAN" = 1 ]; then
+        build_tree build-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+            -DOXEL_SANITIZE=thread
+        TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure \
+            -R 'Thread' -j "$JOBS"
+    fi
+    if [ "$FUZZ_SECONDS" != 0 ]; then
+        build_tree build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+            -DOXEL_BUILD_FUZZ=ON -DOXEL_BUILD_TESTS=OFF -DOXEL_BUILD_TOOLS=OFF
+        ./fuzz/run.sh build-fuzz "$FUZZ_SECONDS"
+    fi
+    ;;
+bench)
+    build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_BENCH=ON -DOXEL_BUILD_TESTS=OFF
+    ./build-bench/bench/oxel_bench
+    ;;
+esac

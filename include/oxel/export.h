@@ -1,0 +1,11 @@
+// Symbol visibility for the shared library: only what carries OXEL_API is exported.
+#ifndef OXEL_EXPORT_H
+#define OXEL_EXPORT_H
+
+#if defined(OXEL_BUILDING_LIBRARY)
+#define OXEL_API __attribute__((visibility("default")))
+#else
+#define OXEL_API
+#endif
+
+#endif

@@ -1,0 +1,13 @@
+// Umbrella header: everything a host needs from liboxel.
+#ifndef OXEL_OXEL_H
+#define OXEL_OXEL_H
+
+#include <oxel/export.h>
+#include <oxel/support.h>
+#include <oxel/core.h>
+#include <oxel/nodes.h>
+#include <oxel/parser.h>
+#include <oxel/expression.h>
+#include <oxel/package.h>
+
+#endif

@@ -1,0 +1,85 @@
+// Default behaviour of Oxel, written purely in terms of the child accessors.
+#include <cstdio>
+#include <cstring>
+
+#include <oxel/core.h>
+
+Oxel::~Oxel() {}
+
+Oxel* Oxel::diff(const char* /*var*/)
+{
+    std::printf("diff: Not yet implemented in %s.\n", symbol());
+    return dup();
+}
+
+int Oxel::priority() { return 10; }
+int Oxel::getNumChildren() { return 0; }
+Oxel* Oxel::getChild(int /*i*/) { return nullptr; }
+void Oxel::setChild(int /*i*/, Oxel* /*child*/) {}
+int Oxel::identify() { return 0; }
+const char* Oxel::symbol() { return "OXEL"; }
+
+// Brackets only when strictly greater, while print() brackets on greater-or-equal:
+// for equal priorities count() is two characters short. Callers add a margin.
+int Oxel::count()
+{
+    int n = 0;
+    int kids = getNumChildren();
+    for (int i = 0; i < kids; ++i) {
+        Oxel* c = getChild(i);
+        if (priority() > c->priority())
+            n += 2;
+        n += c->count();
+        if (i != kids - 1)
+            n += static_cast<int>(std::strlen(symbol()));
+    }
+    return n;
+}
+
+int Oxel::print(char* buf)
+{
+    int p = 0;
+    int kids = getNumChildren();
+    for (int i = 0; i < kids; ++i) {
+        Oxel* c = getChild(i);
+        if (priority() >= c->priority()) {
+            buf[p++] = '(';
+            p += c->print(buf + p);
+            buf[p++] = ')';
+        } else {
+            p += c->print(buf + p);
+        }
+        if (i != kids - 1)
+            p += std::sprintf(buf + p, "%s", symbol());
+    }
+    buf[p] = '\0';
+    return p;
+}
+
+int Oxel::vconstant()
+{
+    int r = -1;
+    int kids = getNumChildren();
+    for (int i = 0; i < kids && r; ++i)
+        r &= getChild(i)->vconstant();
+    return r;
+}
+
+int Oxel::pconstant(const char* var)
+{
+    int r = -1;
+    int kids = getNumChildren();
+    for (int i = 0; i < kids && r; ++i)
+        r &= getChild(i)->pconstant(var);
+    return r;
+}
+
+// Children are compared by identity, not by value; classes that need more override this.
+int Oxel::operator==(Oxel& other)
+{
+    int r = identify() == other.identify();
+    int kids = getNumChildren();
+    for (int i = 0; i < kids && r; ++i)
+        r = r && getChild(i) == other.getChild(i);
+    return r;
+}

@@ -1,0 +1,1 @@
+// OxelExpression (to be written)

@@ -1,0 +1,342 @@
+// Evaluation kernels: the guarded arithmetic of every operator and function, shared by the
+// tree walk and the compiled batch evaluator so that both compute the very same bits.
+#ifndef OXEL_NODES_KERNELS_H
+#define OXEL_NODES_KERNELS_H
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+
+namespace oxk {
+
+// A node records its own failure only when nothing failed before it.
+inline void raise(int& err, int code)
+{
+    if (err == 0)
+        err = code;
+}
+
+// The x86-64 truncating conversions yield the "integer indefinite" value for anything out of
+// range (NaN and infinities included); C++ leaves that undefined, so spell it out.
+inline int32_t toInt32(double v)
+{
+    if (v > -2147483649.0 && v < 2147483648.0)
+        return static_cast<int32_t>(v);
+    return INT32_MIN;
+}
+
+inline int64_t toInt64(double v)
+{
+    if (v >= -9223372036854775808.0 && v < 9223372036854775808.0)
+        return static_cast<int64_t>(v);
+    return INT64_MIN;
+}
+
+inline bool truth(double v) { return v > 1e-8; }
+
+const double kExpLimit = 709.72;  // a little below log(DBL_MAX), kept so
+
+// ---------------------------------------------------------------- arithmetic
+
+inline double eval_OxPlus(double a, double b, int& err)
+{
+    if (a > 0) {
+        if (DBL_MAX - a > b)
+            return a + b;
+        raise(err, 9);
+        return 1.0;
+    }
+    if (b > -DBL_MAX - a)
+        return a + b;
+    raise(err, 10);
+    return 1.0;
+}
+
+inline double eval_OxMinus(double a, double b, int& err)
+{
+    if (b > 0) {
+        if (a > b - DBL_MAX)
+            return a - b;
+        raise(err, 10);
+        return 1.0;
+    }
+    if (b + DBL_MAX > a)
+        return a - b;
+    raise(err, 9);
+    return 1.0;
+}
+
+inline double eval_OxMal(double a, double b, int& err)
+{
+    if (std::fabs(a) > 1.0) {
+        if (DBL_MAX / std::fabs(a) > std::fabs(b))
+            return a * b;
+        raise(err, 9);
+        return 1.0;
+    }
+    return a * b;
+}
+
+inline double eval_OxDurch(double a, double b, int& err)
+{
+    if (b == 0.0) {
+        raise(err, 8);
+        return 1.0;
+    }
+    if (std::fabs(b) >= 1.0 || std::isnan(b))
+        return a / b;
+    if (std::fabs(b) * DBL_MAX > std::fabs(a))
+        return a / b;
+    raise(err, 9);
+    return 1.0;
+}
+
+inline double eval_OxModulo(double a, double b, int& err)
+{
+    if (b == 0.0) {
+        raise(err, 8);
+        return 0.0;
+    }
+    int32_t k = toInt32(a / b);
+    return a - static_cast<double>(k) * b;
+}
+
+inline double eval_OxHoch(double a, double b, int& err)
+{
+    if (a < 0 && b != std::ceil(b)) {
+        raise(err, 12);
+        b = std::ceil(b);  // the power is still taken, with the exponent rounded up
+    } else if (a == 0.0 && b < 0) {
+        raise(err, 8);
+        return 0.0;
+    }
+    if (b > 1.0) {
+        long double limit = powl(static_cast<long double>(DBL_MAX),
+                                 static_cast<long double>(1.0 / b));
+        if (limit > a)
+            return static_cast<double>(powl(static_cast<long double>(a),
+                                            static_cast<long double>(b)));
+        raise(err, 9);
+        return 1.0;
+    }
+    return static_cast<double>(powl(static_cast<long double>(a), static_cast<long double>(b)));
+}
+
+// ---------------------------------------------------------------- bitwise and shifts
+
+inline double eval_OxBitOr(double a, double b, int&)
+{
+    return static_cast<double>(toInt32(a) | toInt32(b));
+}
+
+inline double eval_OxBitAnd(double a, double b, int&)
+{
+    return static_cast<double>(toInt32(a) & toInt32(b));
+}
+
+inline double eval_OxBitXOr(double a, double b, int&)
+{
+    return static_cast<double>(toInt32(a) ^ toInt32(b));
+}
+
+inline double eval_OxShiftLeft(double a, double b, int&)
+{
+    uint32_t bits = static_cast<uint32_t>(toInt32(a)) << (toInt32(b) & 31);
+    return static_cast<double>(static_cast<int32_t>(bits));
+}
+
+inline double eval_OxShiftRight(double a, double b, int&)
+{
+    return static_cast<double>(toInt32(a) >> (toInt32(b) & 31));
+}
+
+// ---------------------------------------------------------------- comparisons and logic
+
+inline double eval_OxLess(double a, double b) { return a < b ? 1.0 : 0.0; }
+inline double eval_OxGreater(double a, double b) { return a > b ? 1.0 : 0.0; }
+inline double eval_OxLessEqual(double a, double b) { return a <= b ? 1.0 : 0.0; }
+inline double eval_OxGreaterEqual(double a, double b) { return a >= b ? 1.0 : 0.0; }
+inline double eval_OxEqual(double a, double b) { return a == b ? 1.0 : 0.0; }
+inline double eval_OxAnd(double a, double b) { return truth(a) && truth(b) ? 1.0 : 0.0; }
+inline double eval_OxOr(double a, double b) { return truth(a) || truth(b) ? 1.0 : 0.0; }
+// NaN is false for the connectives but its negation is 0 as well: kept so.
+inline double eval_OxNot(double v) { return v < 1e-8 ? 1.0 : 0.0; }
+
+// ---------------------------------------------------------------- one-argument functions
+
+inline double eval_OxSinus(double v, int&) { return std::sin(v); }
+inline double eval_OxCosinus(double v, int&) { return std::cos(v); }
+inline double eval_OxTangens(double v, int&) { return std::tan(v); }
+
+inline double eval_OxSqroot(double v, int& err)
+{
+    if (v < 0) {
+        raise(err, 12);
+        return 0.0;
+    }
+    return std::sqrt(v);
+}
+
+inline double eval_OxLn(double v, int& err)
+{
+    if (!(v > 0)) {
+        raise(err, 11);
+        return 0.0;
+    }
+    return std::log(v);
+}
+
+inline double eval_OxArctan(double v, int&) { return std::atan(v); }
+
+inline double eval_OxArcsin(double v, int& err)
+{
+    if (v < -1.0 || v > 1.0 || std::isnan(v)) {
+        raise(err, 14);
+        return 0.0;
+    }
+    return std::asin(v);
+}
+
+inline double eval_OxArccos(double v, int& err)
+{
+    if (v < -1.0 || v > 1.0 || std::isnan(v)) {
+        raise(err, 14);
+        return 0.0;
+    }
+    return std::acos(v);
+}
+
+inline double eval_OxExp(double v, int& err)
+{
+    if (v >= kExpLimit) {
+        raise(err, 9);
+        return 1.0;
+    }
+    return std::exp(v);
+}
+
+inline double eval_OxErf(double v, int&) { return std::erf(v); }
+inline double eval_OxErfc(double v, int&) { return std::erfc(v); }
+inline double eval_OxBetrag(double v, int&) { return std::fabs(v); }
+
+inline double eval_OxArccosh(double v, int& err)
+{
+    if (v < 1.0) {
+        raise(err, 14);
+        return 0.0;
+    }
+    return std::acosh(v);
+}
+
+inline double eval_OxArcsinh(double v, int&) { return std::asinh(v); }
+
+inline double eval_OxArctanh(double v, int& err)
+{
+    if (v <= -1.0 || v >= 1.0) {
+        raise(err, 14);
+        return 0.0;
+    }
+    return std::atanh(v);
+}
+
+inline double eval_OxCbroot(double v, int&) { return v < 0 ? -std::cbrt(-v) : std::cbrt(v); }
+inline double eval_OxCeil(double v, int&) { return std::ceil(v); }
+inline double eval_OxCosh(double v, int&) { return std::cosh(v); }
+
+inline double eval_OxExpm1(double v, int& err)
+{
+    if (v >= kExpLimit) {
+        raise(err, 9);
+        return 1.0;
+    }
+    return std::expm1(v);
+}
+
+inline double eval_OxFloor(double v, int&) { return std::floor(v); }
+inline double eval_OxJ0(double v, int&) { return ::j0(v); }
+inline double eval_OxJ1(double v, int&) { return ::j1(v); }
+
+inline double eval_OxLog10(double v, int& err)
+{
+    if (!(v > 0)) {
+        raise(err, 11);
+        return 0.0;
+    }
+    return std::log10(v);
+}
+
+// Rounds to nearest (ties to even) through a 64-bit integer, like the x86-64 conversion.
+inline double eval_OxRint(double v, int&)
+{
+    return static_cast<double>(toInt64(std::nearbyint(v)));
+}
+
+inline double eval_OxSinh(double v, int& err)
+{
+    if (v >= kExpLimit) {
+        raise(err, 9);
+        return 1.0;
+    }
+    return std::sinh(v);
+}
+
+inline double eval_OxTanh(double v, int&) { return std::tanh(v); }
+inline double eval_OxTrunc(double v, int&) { return static_cast<double>(toInt64(v)); }
+inline double eval_OxY0(double v, int&) { return ::y0(v); }
+inline double eval_OxY1(double v, int&) { return ::y1(v); }
+
+inline double eval_OxSgn(double v, int&)
+{
+    if (v > 0)
+        return 1.0;
+    if (v < 0)
+        return -1.0;
+    return 0.0;
+}
+
+// ---------------------------------------------------------------- two-argument functions
+
+inline double eval_OxArctan2(double a, double b, int& err)
+{
+    if (a == 0 && b == 0) {
+        raise(err, 666);
+        return 0.0;
+    }
+    return std::atan2(a, b);
+}
+
+inline double eval_OxCopysign(double a, double b, int&) { return std::copysign(a, b); }
+
+inline double eval_OxDrem(double a, double b, int& err)
+{
+    if (b == 0) {
+        raise(err, 666);
+        return 0.0;
+    }
+    return std::remainder(a, b);
+}
+
+inline double eval_OxFmod(double a, double b, int& err)
+{
+    if (b == 0) {
+        raise(err, 666);
+        return 0.0;
+    }
+    return std::fmod(a, b);
+}
+
+// Single precision in and out, deliberately.
+inline double eval_OxHypot(double a, double b, int&)
+{
+    return static_cast<double>(std::hypot(static_cast<float>(a), static_cast<float>(b)));
+}
+
+inline int besselOrder(double a) { return toInt32(std::nearbyint(a)); }
+inline double eval_OxJn(double a, double b, int&) { return ::jn(besselOrder(a), b); }
+inline double eval_OxYn(double a, double b, int&) { return ::yn(besselOrder(a), b); }
+inline double eval_OxMax(double a, double b, int&) { return a > b ? a : b; }
+inline double eval_OxMin(double a, double b, int&) { return a < b ? a : b; }
+
+}  // namespace oxk
+
+#endif

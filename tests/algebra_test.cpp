@@ -1,0 +1,1 @@
+// Tests (to be written): algebra
