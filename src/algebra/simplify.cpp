@@ -23,11 +23,112 @@ Oxel* Oxel::doSimplify()
     return copy;
 }
 
-// Placeholders until the rule tables land: the generic pass.
-Oxel* OxPlus::doSimplify() { return Oxel::doSimplify(); }
-Oxel* OxMinus::doSimplify() { return Oxel::doSimplify(); }
-Oxel* OxMal::doSimplify() { return Oxel::doSimplify(); }
-Oxel* OxDurch::doSimplify() { return Oxel::doSimplify(); }
-Oxel* OxBranch::doSimplify() { return Oxel::doSimplify(); }
+// The operator rules below run once per node, children first; a node that a rule builds is
+// not looked at again. Equality is the operands' own operator==, so "is zero" means an
+// OxZahl holding exactly 0.0.
+
+namespace {
+
+bool isNumber(Oxel* node, double c)
+{
+    OxZahl scratch(c);
+    return (*node == scratch) != 0;
+}
+
+bool isZero(Oxel* node) { return isNumber(node, 0.0); }
+bool isOne(Oxel* node) { return isNumber(node, 1.0); }
+bool same(Oxel* a, Oxel* b) { return (*a == *b) != 0; }
+
+}  // namespace
+
+Oxel* OxPlus::doSimplify()
+{
+    Oxel* a = left_->simplify();
+    Oxel* b = right_->simplify();
+    if (isZero(a)) {
+        delete a;
+        return b;
+    }
+    if (isZero(b)) {
+        delete b;
+        return a;
+    }
+    if (same(a, b)) {
+        delete b;
+        return new OxMal(new OxZahl(2.0), a);
+    }
+    return new OxPlus(a, b);
+}
+
+// No rule for 0 - b: it stays a subtraction.
+Oxel* OxMinus::doSimplify()
+{
+    Oxel* a = left_->simplify();
+    Oxel* b = right_->simplify();
+    if (isZero(b)) {
+        delete b;
+        return a;
+    }
+    if (same(a, b)) {
+        delete a;
+        delete b;
+        return new OxZahl(0.0);
+    }
+    return new OxMinus(a, b);
+}
+
+Oxel* OxMal::doSimplify()
+{
+    Oxel* a = left_->simplify();
+    Oxel* b = right_->simplify();
+    if (isZero(a) || isZero(b)) {
+        delete a;
+        delete b;
+        return new OxZahl(0.0);
+    }
+    if (isOne(a)) {
+        delete a;
+        return b;
+    }
+    if (isOne(b)) {
+        delete b;
+        return a;
+    }
+    return new OxMal(a, b);
+}
+
+// Equal operands give 1 even when both are zero, as in (x*0)/(y*0); hosts rely on it.
+Oxel* OxDurch::doSimplify()
+{
+    Oxel* a = left_->simplify();
+    Oxel* b = right_->simplify();
+    if (isZero(a) && !isZero(b)) {
+        delete a;
+        delete b;
+        return new OxZahl(0.0);
+    }
+    if (isOne(b)) {
+        delete b;
+        return a;
+    }
+    if (same(a, b)) {
+        delete a;
+        delete b;
+        return new OxZahl(1.0);
+    }
+    return new OxDurch(a, b);
+}
+
+// An absent statement slot stays absent.
+Oxel* OxBranch::doSimplify()
+{
+    Oxel* first = first_ ? first_->simplify() : nullptr;
+    Oxel* second = second_ ? second_->simplify() : nullptr;
+    return new OxBranch(first, second);
+}
+
+// A copy of an assigned variable reads its slot instead of recomputing the assignment.
 Oxel* OxVar::doSimplify() { return dup(); }
+
+// The argument expressions of a dependent variable are left as they are.
 Oxel* OxDepVar::doSimplify() { return dup(); }

@@ -1,1 +1,235 @@
-// OxelExpression (to be written)
+// OxelExpression: variable registry, parsing, evaluation, derivatives and simplified copies.
+#include <oxel/expression.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <oxel/nodes.h>
+
+#include "expression/program.h"
+#include "parser/converter.h"
+
+namespace {
+
+// Passes of simplifiedFully() before it settles for what it has.
+const int kMaxSimplifyPasses = 100;
+
+}  // namespace
+
+OxelExpression::OxelExpression()
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), program_(nullptr)
+{
+    clear();
+}
+
+OxelExpression::~OxelExpression()
+{
+    dropProgram();
+    oxelDestroy(root_);
+}
+
+// ---------------------------------------------------------------- variable registry
+
+int OxelExpression::addVar(const char* name)
+{
+    if (!name || !*name)
+        return -1;
+    int declared = numVars() - numInternal_;
+    int i = varIndex(name);
+    if (i >= 0 && i < declared)
+        return i;
+    dropProgram();
+    names_.insert(declared, KxString(name));
+    return declared;
+}
+
+void OxelExpression::addVarAlias(const char* varName, const char* alias)
+{
+    aliases_.insert(KxString(alias ? alias : ""), KxString(varName ? varName : ""));
+}
+
+int OxelExpression::varIndex(const char* name)
+{
+    if (!name || !*name)
+        return -1;
+    KxString wanted(name);
+    if (KxString* target = aliases_.lookup(wanted))
+        wanted = *target;
+    int declared = numVars() - numInternal_;
+    for (int i = 0; i < declared; ++i)
+        if (names_[i].length() == wanted.length() &&
+            std::strcmp(names_[i].c_str(), wanted.c_str()) == 0)
+            return i;
+    return -1;
+}
+
+const char* OxelExpression::varName(unsigned int index) const
+{
+    if (index >= static_cast<unsigned int>(names_.length()))
+        return nullptr;
+    return names_[static_cast<int>(index)].c_str();
+}
+
+int OxelExpression::numVars()
+{
+    return names_.length();
+}
+
+int OxelExpression::numInternalVars()
+{
+    return numInternal_;
+}
+
+int OxelExpression::isVarNeeded(const char* name) const
+{
+    if (!name || !*name || !root_)
+        return 0;
+    return root_->pconstant(name) == 0 ? 1 : 0;
+}
+
+// ---------------------------------------------------------------- parsing and lifecycle
+
+int OxelExpression::initFromString(const char* text)
+{
+    dropProgram();
+    int declared = numVars() - numInternal_;
+    names_.setLength(declared > 0 ? declared : 0);
+    numInternal_ = 0;
+    lastError_ = KxString();
+
+    if (!text || !*text) {
+        setDefaultExpression();
+        return 0;
+    }
+    oxelDestroy(root_);
+    root_ = nullptr;
+
+    // The parser cuts statements in place, so it gets a private writable copy: the caller's
+    // text may be a literal, and is left untouched whatever happens.
+    std::vector<char> copy(text, text + std::strlen(text) + 1);
+    std::string error;
+    root_ = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
+    numInternal_ = numVars() - declared;
+    if (root_)
+        return 1;
+    setDefaultExpression();
+    lastError_ = KxString(error.c_str());
+    return 0;
+}
+
+double OxelExpression::eval(KxDArray<double>& values, int& err)
+{
+    if (!root_)
+        return 0.0;
+    return root_->value(values.data(), err);
+}
+
+void OxelExpression::setDefaultExpression()
+{
+    dropProgram();
+    int declared = numVars() - numInternal_;
+    names_.setLength(declared > 0 ? declared : 0);
+    numInternal_ = 0;
+    oxelDestroy(root_);
+    root_ = new OxZahl(0.0);
+}
+
+void OxelExpression::clear()
+{
+    names_.setLength(0);
+    aliases_.removeAll();
+    numInternal_ = 0;
+    setDefaultExpression();
+}
+
+void OxelExpression::copyVarNames(OxelExpression& other)
+{
+    if (&other == this)
+        return;
+    clear();
+    int declared = other.numVars() - other.numInternal_;
+    for (int i = 0; i < declared; ++i)
+        names_.append(other.names_[i]);
+    aliases_ = other.aliases_;
+}
+
+// ---------------------------------------------------------------- derived expressions
+
+OxelExpression* OxelExpression::withSameNames(Oxel* tree) const
+{
+    try {
+        OxelExpression* out = new OxelExpression;
+        out->names_.setLength(names_.length());
+        for (int i = 0; i < names_.length(); ++i)
+            out->names_[i] = names_[i];
+        out->aliases_ = aliases_;
+        oxelDestroy(out->root_);
+        out->root_ = tree;
+        return out;
+    } catch (...) {
+        oxelDestroy(tree);
+        return nullptr;
+    }
+}
+
+OxelExpression* OxelExpression::derivative(const char* var)
+{
+    if (!root_)
+        return nullptr;
+    KxString name(var ? var : "");
+    if (KxString* target = aliases_.lookup(name))
+        name = *target;
+    Oxel* d = root_->diff(name.c_str());
+    if (!d)
+        return nullptr;
+    return withSameNames(d);
+}
+
+OxelExpression* OxelExpression::simplified() const
+{
+    if (!root_)
+        return nullptr;
+    return withSameNames(root_->simplify());
+}
+
+OxelExpression* OxelExpression::simplifiedFully() const
+{
+    if (!root_)
+        return nullptr;
+    Oxel* tree = root_->simplify();
+    std::string text = oxelToString(tree);
+    for (int pass = 1; pass < kMaxSimplifyPasses; ++pass) {
+        Oxel* next = tree->simplify();
+        std::string nextText = oxelToString(next);
+        oxelDestroy(tree);
+        tree = next;
+        if (nextText == text)
+            break;
+        text = nextText;
+    }
+    return withSameNames(tree);
+}
+
+// ---------------------------------------------------------------- batch evaluation
+
+int OxelExpression::evalBatch(const double* rows, int numRows, int stride, double* results,
+                              int* errors)
+{
+    if (!rows || !results || !errors || numRows < 0 || stride < numVars())
+        return -1;
+    if (numRows == 0)
+        return 0;
+    if (!program_)
+        program_ = oxelProgramCompile(root_, numVars());
+    oxelProgramRun(program_, rows, numRows, stride, results, errors);
+    return 0;
+}
+
+void OxelExpression::dropProgram()
+{
+    if (program_) {
+        oxelProgramRelease(program_);
+        program_ = nullptr;
+    }
+}

@@ -6,11 +6,12 @@
 
 class OxelProgram;
 
+// Exported (though not part of the public headers) so that tests can run hand-built trees.
 // Lowers the tree (which must outlive the program) for value vectors of numVars slots.
-OxelProgram* oxelProgramCompile(Oxel* root, int numVars);
-void oxelProgramRelease(OxelProgram* program);
+OXEL_API OxelProgram* oxelProgramCompile(Oxel* root, int numVars);
+OXEL_API void oxelProgramRelease(OxelProgram* program);
 // Same contract as OxelExpression::evalBatch.
-void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
+OXEL_API void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
                     double* results, int* errors);
 
 #endif

@@ -101,6 +101,40 @@ inline double eval_OxModulo(double a, double b, int& err)
     return a - static_cast<double>(k) * b;
 }
 
+// powl costs hundreds of nanoseconds for a fractional exponent, and the overflow limit of a
+// power depends on the exponent alone: keep it for small integral exponents and for the last
+// exponent seen, so a power with a fixed exponent pays for powl once, not twice per call.
+inline long double powLimit(double b)
+{
+    struct Table {
+        long double v[33];
+        Table()
+        {
+            for (int i = 0; i < 33; ++i)
+                v[i] = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / i));
+        }
+    };
+    if (b >= 2.0 && b <= 32.0 && b == static_cast<double>(static_cast<int>(b))) {
+        static const Table table;
+        return table.v[static_cast<int>(b)];
+    }
+    static thread_local double lastB = 0.0;  // callers only ask for exponents above 1
+    static thread_local long double lastLimit = 0.0L;
+    if (b != lastB) {
+        lastLimit = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / b));
+        lastB = b;
+    }
+    return lastLimit;
+}
+
+// glibc's powl squares in extended precision for the exponent 2, exactly this product.
+inline double powerOf(double a, double b)
+{
+    if (b == 2.0)
+        return static_cast<double>(static_cast<long double>(a) * static_cast<long double>(a));
+    return static_cast<double>(powl(static_cast<long double>(a), static_cast<long double>(b)));
+}
+
 inline double eval_OxHoch(double a, double b, int& err)
 {
     if (a < 0 && b != std::ceil(b)) {
@@ -111,15 +145,12 @@ inline double eval_OxHoch(double a, double b, int& err)
         return 0.0;
     }
     if (b > 1.0) {
-        long double limit = powl(static_cast<long double>(DBL_MAX),
-                                 static_cast<long double>(1.0 / b));
-        if (limit > a)
-            return static_cast<double>(powl(static_cast<long double>(a),
-                                            static_cast<long double>(b)));
+        if (powLimit(b) > a)
+            return powerOf(a, b);
         raise(err, 9);
         return 1.0;
     }
-    return static_cast<double>(powl(static_cast<long double>(a), static_cast<long double>(b)));
+    return powerOf(a, b);
 }
 
 // ---------------------------------------------------------------- bitwise and shifts

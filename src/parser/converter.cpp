@@ -1,18 +1,212 @@
-// Parser entry (placeholder until the formula language lands).
+// Parser entry: statement splitting and chaining, name lookup, assignments and the error sink.
 #include "parser/converter.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
 
 KxMutex strToOxelMutex(false);
 
-Oxel* OxConverter::strToOxel(const char*, KxDArray<KxString>&, KxHashTable<KxString, KxString>*,
-                             int, OxDepVarnode**)
+KxDArray<KxString>* OxConverter_yyVarNames = nullptr;
+KxHashTable<KxString, KxString>* OxConverter_yyVarAlias = nullptr;
+OxDepVarnode** OxConverter_yyDepVarnodes = nullptr;
+int OxConverter_yyNumDepVars = 0;
+
+std::string yyFehler;
+
+const char* const OxConverter_depthMessage =
+    "expression nested too deeply (more than 10000 levels)";
+
+namespace {
+
+// Message of the last failed parse, for OxConverter::lastError().
+std::string lastFailure;
+
+class ParseLock {
+public:
+    ParseLock() { strToOxelMutex.lock(); }
+    ~ParseLock() { strToOxelMutex.unlock(); }
+    ParseLock(const ParseLock&) = delete;
+    ParseLock& operator=(const ParseLock&) = delete;
+};
+
+}  // namespace
+
+int OxConverter_getVarIndex(const char* name)
 {
+    if (OxConverter_yyVarAlias) {
+        if (KxString* target = OxConverter_yyVarAlias->lookup(KxString(name)))
+            name = target->c_str();
+    }
+    KxDArray<KxString>* names = OxConverter_yyVarNames;
+    if (!names || names->length() == 0)
+        return -1;
+    for (int i = 0; i < names->length(); ++i)
+        if (std::strcmp((*names)[i].c_str(), name) == 0)
+            return i;
+    return -1;
+}
+
+OxDepVarnode* OxConverter_getdepvar(const char* name)
+{
+    if (!OxConverter_yyDepVarnodes || OxConverter_yyNumDepVars < 1)
+        return nullptr;
+    for (int i = 0; i < OxConverter_yyNumDepVars; ++i) {
+        OxDepVarnode* node = OxConverter_yyDepVarnodes[i];
+        if (node && std::strcmp(node->getName(), name) == 0)
+            return node;
+    }
     return nullptr;
 }
 
-Oxel* OxConverter::strToOxel(const char* text, KxDArray<KxString>& names, int n,
-                             OxDepVarnode** d)
+Oxel* ASSIGNMENT(int index, Oxel* exp)
 {
-    return strToOxel(text, names, nullptr, n, d);
+    return new OxVar(index, (*OxConverter_yyVarNames)[index].c_str(), exp);
 }
 
-KxString OxConverter::lastError() { return KxString(); }
+Oxel* NEW_ASSIGNMENT(char* name, Oxel* exp)
+{
+    // An inner assignment of the same statement may have created the name meanwhile.
+    int index = OxConverter_getVarIndex(name);
+    if (index < 0) {
+        index = OxConverter_yyVarNames->length();
+        OxConverter_yyVarNames->append(KxString(name));
+    }
+    return new OxVar(index, name, exp);
+}
+
+int OxConverter_component(double v)
+{
+    if (v >= 2147483647.0)
+        return INT_MAX;
+    if (v <= -2147483648.0)
+        return INT_MIN;
+    return static_cast<int>(v);
+}
+
+static std::string formatted(const char* format, const char* name, int number)
+{
+    int n = std::snprintf(nullptr, 0, format, name, number);
+    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    std::snprintf(&out[0], out.size() + 1, format, name, number);
+    return out;
+}
+
+Oxel* DEPVAR_CHECK_RETURN_OR_ERROR(int dims, OxDepVarnode* node, double component, Oxel** args)
+{
+    int c = OxConverter_component(component);
+    if (node->getNDims() == dims && c >= 0 && c < node->getNDataVar())
+        return new OxDepVar(node, c, 0, nullptr, args);
+    // The trailing line feeds are part of the messages.
+    std::string msg;
+    if (node->getNDims() != dims)
+        msg = formatted("dependant variable %s requires %d dimensions\n", node->getName(),
+                        node->getNDims());
+    else if (c < 0)
+        msg = formatted("index must be >= 0 for dependant variable %s.\n", node->getName(), 0);
+    else
+        msg = formatted("Dependant variable %s has only %d components.\n", node->getName(),
+                        node->getNDataVar());
+    OxConverter_yyerror(msg.c_str());
+    // The parser does not release the symbols of a rule whose action aborts.
+    for (int i = 0; args && i < dims; ++i)
+        oxelDestroy(args[i]);
+    return nullptr;
+}
+
+int OxConverter_yyerror(const char* msg)
+{
+    yyFehler = msg;
+    yyFehler += " near >";
+    yyFehler += OxConverter_yytext ? OxConverter_yytext : "";
+    yyFehler += "<";
+    return 1;
+}
+
+void OxConverter_plainError(const char* msg)
+{
+    yyFehler = msg;
+}
+
+Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
+                        KxHashTable<KxString, KxString>* aliases, int numDepVars,
+                        OxDepVarnode** depVars, std::string* error)
+{
+    ParseLock lock;
+    OxConverter_yyrestart(nullptr);
+    OxConverter_forgetLongNames();
+    OxConverter_yyVarNames = &varNames;
+    OxConverter_yyVarAlias = aliases;
+    OxConverter_yyDepVarnodes = depVars;
+    OxConverter_yyNumDepVars = numDepVars;
+
+    // The caller's text is cut at each ';' in place, and the ';' put back afterwards.
+    char* start = const_cast<char*>(text);
+    Oxel* result = nullptr;
+    long resultDepth = 0;
+    for (;;) {
+        char* semicolon = std::strchr(start, ';');
+        if (semicolon)
+            *semicolon = '\0';
+        OxConverter_yyBuf = start;
+        OxConverter_yyPos = 0;
+        yyFehler.clear();
+        yyOxel = nullptr;
+        OxConverter_yyparse();
+
+        if (yyFehler.empty()) {
+            long depth = oxelDepth(yyOxel);
+            long chained = result ? (depth > resultDepth ? depth : resultDepth) + 1 : depth;
+            if (chained > OXEL_MAX_DEPTH) {
+                oxelDestroy(yyOxel);
+                OxConverter_plainError(OxConverter_depthMessage);
+            } else {
+                result = result ? new OxBranch(result, yyOxel) : yyOxel;
+                resultDepth = chained;
+            }
+            yyOxel = nullptr;
+        }
+        if (!yyFehler.empty()) {
+            // The NUL written over the ';' of the failing statement stays, as callers expect.
+            std::fprintf(stderr, "Parsing OxError: %s\n", yyFehler.c_str());
+            lastFailure = yyFehler;
+            if (error)
+                *error = yyFehler;
+            // A tree can be complete before the error shows (e.g. "1 )"); nobody owns it.
+            oxelDestroy(yyOxel);
+            yyOxel = nullptr;
+            oxelDestroy(result);
+            return nullptr;
+        }
+
+        if (!semicolon)
+            break;
+        *semicolon = ';';
+        start = semicolon + 1;
+        if (*start == '\0')
+            break;
+    }
+    lastFailure.clear();
+    if (error)
+        error->clear();
+    return result;
+}
+
+Oxel* OxConverter::strToOxel(const char* text, KxDArray<KxString>& varNames,
+                             KxHashTable<KxString, KxString>* aliases, int numDepVars,
+                             OxDepVarnode** depVars)
+{
+    return OxConverter_parse(text, varNames, aliases, numDepVars, depVars, nullptr);
+}
+
+Oxel* OxConverter::strToOxel(const char* text, KxDArray<KxString>& varNames, int numDepVars,
+                             OxDepVarnode** depVars)
+{
+    return OxConverter_parse(text, varNames, nullptr, numDepVars, depVars, nullptr);
+}
+
+KxString OxConverter::lastError()
+{
+    ParseLock lock;
+    return KxString(lastFailure.c_str());
+}

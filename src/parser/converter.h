@@ -2,7 +2,66 @@
 #ifndef OXEL_PARSER_CONVERTER_H
 #define OXEL_PARSER_CONVERTER_H
 
+#include <cstdio>
+#include <string>
+
 #include <oxel/nodes.h>
 #include <oxel/parser.h>
+
+// Everything below is process-wide and only touched while strToOxelMutex is held.
+
+// Naming context of the running parse (set by the entry, never cleared).
+extern KxDArray<KxString>* OxConverter_yyVarNames;
+extern KxHashTable<KxString, KxString>* OxConverter_yyVarAlias;
+extern OxDepVarnode** OxConverter_yyDepVarnodes;
+extern int OxConverter_yyNumDepVars;
+
+// Lexer input: the statement text and how many characters the scanner has taken.
+extern const char* OxConverter_yyBuf;
+extern int OxConverter_yyPos;
+
+// Lexer state that survives between parses.
+extern int klammerCnt;
+extern char strbuf[1000];
+extern size_t strbufpos;
+
+// The composed error text of the current statement; growable so that a long token text
+// never gets cut off or overruns.
+extern std::string yyFehler;
+// The tree of the statement just parsed.
+extern Oxel* yyOxel;
+
+// Drops the copies of over-long names made during the previous parse.
+void OxConverter_forgetLongNames();
+
+// Generated scanner and parser.
+int OxConverter_yylex();
+int OxConverter_yyparse();
+void OxConverter_yyrestart(FILE* input);
+extern char* OxConverter_yytext;
+
+// Name services called from the lexer and the grammar.
+int OxConverter_getVarIndex(const char* name);
+OxDepVarnode* OxConverter_getdepvar(const char* name);
+Oxel* ASSIGNMENT(int index, Oxel* exp);
+Oxel* NEW_ASSIGNMENT(char* name, Oxel* exp);
+Oxel* DEPVAR_CHECK_RETURN_OR_ERROR(int dims, OxDepVarnode* node, double component, Oxel** args);
+int OxConverter_yyerror(const char* msg);
+
+// Records a message without the " near >token<" suffix (for failures no token caused).
+void OxConverter_plainError(const char* msg);
+
+// The text of the depth refusal.
+extern const char* const OxConverter_depthMessage;
+
+// Component index of a dependent-variable reference: truncated toward zero, saturated
+// at the int range so that absurd literals cannot overflow the conversion.
+int OxConverter_component(double v);
+
+// strToOxel with the failure text handed back to the caller, so that a concurrent parse
+// cannot replace it before the caller reads it. error may be null.
+Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
+                        KxHashTable<KxString, KxString>* aliases, int numDepVars,
+                        OxDepVarnode** depVars, std::string* error);
 
 #endif

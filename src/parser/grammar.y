@@ -1,6 +1,251 @@
-/* Grammar of the formula language (placeholder). */
-%code { int OxConverter_yylex(); int OxConverter_yyerror(const char*) { return 1; } }
+/* Grammar of the formula language: one statement's tokens to one expression tree. */
+%code requires {
+#include <oxel/nodes.h>
+}
+
+%code {
+#include <cstdlib>
+#include <string>
+
+#include "parser/converter.h"
+
+Oxel* yyOxel = nullptr;
+
+#define YYMAXDEPTH 10000
+#define YYINITDEPTH 200
+
+// The derivative action recurses once per level, so over-deep arguments are refused first.
+static bool tooDeep(Oxel* tree)
+{
+    if (oxelDepth(tree) <= OXEL_MAX_DEPTH)
+        return false;
+    OxConverter_plainError(OxConverter_depthMessage);
+    return true;
+}
+
+static Oxel* plainVar(int index)
+{
+    return new OxVar(index, (*OxConverter_yyVarNames)[index].c_str());
+}
+}
+
 %define api.prefix {OxConverter_yy}
+%define parse.error custom
+/* The expected-token lists of the messages depend on these two staying as they are. */
+%define parse.lac none
+%define lr.default-reduction most
+
+%union {
+    double x;
+    int i;
+    OxDepVarnode* d;
+    char* s;
+    Oxel* o;
+}
+
+/* Token codes follow this order: named tokens first, then the operators as the precedence
+   levels introduce them. */
+%token <s> ID
+%token <x> NUM
+%token <i> VAR
+%token <d> DEPVAR
+%token PG MaG MiG GG PP MM
+%token KW_GAUSS KW_RAND KW_ABS KW_LN KW_SQR KW_SIN KW_COS KW_TAN KW_ACOS KW_ASIN KW_ATAN
+%token KW_DIFF KW_EXP KW_ERF KW_ERFC KW_POW
+%token <s> COMPILED_EXPR
+%token KW_ACOSH KW_ASINH KW_ATAN2 KW_ATANH KW_CBRT KW_CEIL KW_CPSIGN KW_COSH KW_DREM
+%token KW_EXPM1 KW_FLOOR KW_FMOD KW_GAMMA KW_HYPOT KW_J0 KW_J1 KW_JN KW_LOG10 KW_LOG1P
+%token KW_LOGB KW_RINT KW_SINH KW_TANH KW_TRUNC KW_Y0 KW_Y1 KW_YN KW_MAX KW_MIN KW_SGN
+
+/* Unusual on purpose: '%' binds like '+', the bitwise operators bind tighter than '*',
+   the logical operators share one level. */
+%left LOR LAND
+%nonassoc '<' '>' EQ NE GE LE
+%left '-' '+' ';' '%'
+%left '*' '/'
+%left SHIFT_RIGHT SHIFT_LEFT BIT_XOR BIT_AND BIT_OR
+%precedence '!' NEG
+%left '^'
+
+%type <o> exp
+
+/* Nodes and brace texts abandoned by a failed parse are released. */
+%destructor { oxelDestroy($$); } <o>
+%destructor { std::free($$); } COMPILED_EXPR
+
+/* Assignments have no precedence: their right side extends as far as it can (shift). */
+%expect 38
+
 %%
-input: %empty ;
+
+input:
+    exp                                 { yyOxel = $1; }
+;
+
+exp:
+    NUM                                 { $$ = new OxZahl($1); }
+  | VAR                                 { $$ = plainVar($1); }
+  | DEPVAR                              {
+        if ($1->getNDataVar() < 1 || !$1->hasDefaultVars()) {
+            OxConverter_yyerror("dependant variable has no data or has no default arguments");
+            YYABORT;
+        }
+        $$ = new OxDepVar($1, 0);
+    }
+  | DEPVAR '[' NUM ']'                  {
+        int component = OxConverter_component($3);
+        if (component >= $1->getNDataVar() || !$1->hasDefaultVars()) {
+            OxConverter_yyerror(
+                "dependant variable doesn't have enough components or has no default arguments");
+            YYABORT;
+        }
+        $$ = new OxDepVar($1, component);
+    }
+  | DEPVAR '[' NUM ']' '(' ')'          {
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(1, $1, $3, nullptr);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ')'      {
+        Oxel* args[] = {$6};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(1, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ',' exp ')' {
+        Oxel* args[] = {$6, $8};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(2, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ',' exp ',' exp ')' {
+        Oxel* args[] = {$6, $8, $10};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(3, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ',' exp ',' exp ',' exp ')' {
+        Oxel* args[] = {$6, $8, $10, $12};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(4, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ',' exp ',' exp ',' exp ',' exp ')' {
+        Oxel* args[] = {$6, $8, $10, $12, $14};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(5, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | DEPVAR '[' NUM ']' '(' exp ',' exp ',' exp ',' exp ',' exp ',' exp ')' {
+        Oxel* args[] = {$6, $8, $10, $12, $14, $16};
+        $$ = DEPVAR_CHECK_RETURN_OR_ERROR(6, $1, $3, args);
+        if (!$$) YYABORT;
+    }
+  | KW_DIFF '(' exp ',' VAR ')'         {
+        /* An aborting action releases its own operands: the parser does not. */
+        if (tooDeep($3)) {
+            oxelDestroy($3);
+            YYABORT;
+        }
+        $$ = $3->diff((*OxConverter_yyVarNames)[$5].c_str());
+        if (!$$) {
+            OxConverter_yyerror("no sufficient differentiability");
+            oxelDestroy($3);
+            YYABORT;
+        }
+        /* The argument is not part of the result; nothing else refers to it. */
+        oxelDestroy($3);
+    }
+  | KW_COS '(' exp ')'                  { $$ = new OxCosinus($3); }
+  | KW_EXP '(' exp ')'                  { $$ = new OxExp($3); }
+  | KW_ERF '(' exp ')'                  { $$ = new OxErf($3); }
+  | KW_ERFC '(' exp ')'                 { $$ = new OxErfc($3); }
+  | KW_ABS '(' exp ')'                  { $$ = new OxBetrag($3); }
+  | KW_SIN '(' exp ')'                  { $$ = new OxSinus($3); }
+  | KW_TAN '(' exp ')'                  { $$ = new OxTangens($3); }
+  | KW_LN '(' exp ')'                   { $$ = new OxLn($3); }
+  | KW_ASIN '(' exp ')'                 { $$ = new OxArcsin($3); }
+  | KW_ACOS '(' exp ')'                 { $$ = new OxArccos($3); }
+  | KW_ATAN '(' exp ')'                 { $$ = new OxArctan($3); }
+  | KW_SQR '(' exp ')'                  { $$ = new OxSqroot($3); }
+  | KW_GAUSS '(' ')'                    { $$ = new OxGauss(); }
+  | KW_RAND '(' ')'                     { $$ = new OxRand(); }
+  | KW_POW '(' exp ',' exp ')'          { $$ = new OxHoch($3, $5); }
+  | ID '=' exp                          { $$ = NEW_ASSIGNMENT($1, $3); }
+  | VAR '=' exp                         { $$ = ASSIGNMENT($1, $3); }
+  | exp '<' exp                         { $$ = new OxLess($1, $3); }
+  | exp '>' exp                         { $$ = new OxGreater($1, $3); }
+  | exp LE exp                          { $$ = new OxLessEqual($1, $3); }
+  | exp GE exp                          { $$ = new OxGreaterEqual($1, $3); }
+  | exp '+' exp                         { $$ = new OxPlus($1, $3); }
+  | exp '-' exp                         { $$ = new OxMinus($1, $3); }
+  | exp '*' exp                         { $$ = new OxMal($1, $3); }
+  | exp '^' exp                         { $$ = new OxHoch($1, $3); }
+  | exp '/' exp                         { $$ = new OxDurch($1, $3); }
+  | exp '%' exp                         { $$ = new OxModulo($1, $3); }
+  | exp EQ exp                          { $$ = new OxEqual($1, $3); }
+  | exp NE exp                          { $$ = new OxNot(new OxEqual($1, $3)); }
+  | exp LAND exp                        { $$ = new OxAnd($1, $3); }
+  | exp LOR exp                         { $$ = new OxOr($1, $3); }
+  | '!' exp                             { $$ = new OxNot($2); }
+  | '-' exp %prec NEG                   { $$ = new OxMal(new OxZahl(-1.0), $2); }
+  | '(' exp ')'                         { $$ = $2; }
+  | exp BIT_OR exp                      { $$ = new OxBitOr($1, $3); }
+  | exp BIT_AND exp                     { $$ = new OxBitAnd($1, $3); }
+  | exp BIT_XOR exp                     { $$ = new OxBitXOr($1, $3); }
+  | exp SHIFT_LEFT exp                  { $$ = new OxShiftLeft($1, $3); }
+  | exp SHIFT_RIGHT exp                 { $$ = new OxShiftRight($1, $3); }
+  | KW_ACOSH '(' exp ')'                { $$ = new OxArccosh($3); }
+  | KW_ASINH '(' exp ')'                { $$ = new OxArcsinh($3); }
+  | KW_ATAN2 '(' exp ',' exp ')'        { $$ = new OxArctan2($3, $5); }
+  | KW_ATANH '(' exp ')'                { $$ = new OxArctanh($3); }
+  | KW_CBRT '(' exp ')'                 { $$ = new OxCbroot($3); }
+  | KW_CEIL '(' exp ')'                 { $$ = new OxCeil($3); }
+  | KW_CPSIGN '(' exp ',' exp ')'       { $$ = new OxCopysign($3, $5); }
+  | KW_COSH '(' exp ')'                 { $$ = new OxCosh($3); }
+  | KW_DREM '(' exp ',' exp ')'         { $$ = new OxDrem($3, $5); }
+  | KW_EXPM1 '(' exp ')'                { $$ = new OxExpm1($3); }
+  | KW_FLOOR '(' exp ')'                { $$ = new OxFloor($3); }
+  | KW_FMOD '(' exp ',' exp ')'         { $$ = new OxFmod($3, $5); }
+  | KW_HYPOT '(' exp ',' exp ')'        { $$ = new OxHypot($3, $5); }
+  | KW_J0 '(' exp ')'                   { $$ = new OxJ0($3); }
+  | KW_J1 '(' exp ')'                   { $$ = new OxJ1($3); }
+  | KW_JN '(' exp ',' exp ')'           { $$ = new OxJn($3, $5); }
+  | KW_LOG10 '(' exp ')'                { $$ = new OxLog10($3); }
+  | KW_RINT '(' exp ')'                 { $$ = new OxRint($3); }
+  | KW_SINH '(' exp ')'                 { $$ = new OxSinh($3); }
+  | KW_TANH '(' exp ')'                 { $$ = new OxTanh($3); }
+  | KW_TRUNC '(' exp ')'                { $$ = new OxTrunc($3); }
+  | KW_Y0 '(' exp ')'                   { $$ = new OxY0($3); }
+  | KW_Y1 '(' exp ')'                   { $$ = new OxY1($3); }
+  | KW_YN '(' exp ',' exp ')'           { $$ = new OxYn($3, $5); }
+  | KW_MAX '(' exp ',' exp ')'          { $$ = new OxMax($3, $5); }
+  | KW_MIN '(' exp ',' exp ')'          { $$ = new OxMin($3, $5); }
+  | KW_SGN '(' exp ')'                  { $$ = new OxSgn($3); }
+;
+
 %%
+
+// Messages in the classic verbose form: "$end" and "$undefined" for the special symbols,
+// at most four expected tokens, and the plain text for a state without an action row.
+static const char* symbolName(yysymbol_kind_t kind)
+{
+    if (kind == YYSYMBOL_YYEOF)
+        return "$end";
+    if (kind == YYSYMBOL_YYUNDEF)
+        return "$undefined";
+    return yysymbol_name(kind);
+}
+
+static int yyreport_syntax_error(const yypcontext_t* ctx)
+{
+    int row = yypact[+*ctx->yyssp];
+    if (yypact_value_is_default(row) || row > YYLAST) {
+        OxConverter_yyerror("syntax error");
+        return 0;
+    }
+    std::string msg = "syntax error, unexpected ";
+    msg += symbolName(yypcontext_token(ctx));
+    yysymbol_kind_t expected[4];
+    int n = yypcontext_expected_tokens(ctx, expected, 4);
+    for (int i = 0; i < n; ++i) {
+        msg += i == 0 ? ", expecting " : " or ";
+        msg += symbolName(expected[i]);
+    }
+    OxConverter_yyerror(msg.c_str());
+    return 0;
+}

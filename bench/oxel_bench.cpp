@@ -1,0 +1,520 @@
+// Benchmark: liboxel eval and batch against muparser, fparser and hand-written C++ per formula.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <oxel/oxel.h>
+
+#include "nodes/kernels.h"
+
+#ifdef OXEL_BENCH_MUPARSER
+#include <muParser.h>
+#endif
+#ifdef OXEL_BENCH_FPARSER
+#include <fparser.hh>
+#endif
+
+namespace {
+
+const int kPoints = 10000;  // points per timed iteration (one batch)
+const int kStride = 10;     // eight declared variables and room for two assigned ones
+const char* const kVarNames[] = {"x", "y", "z", "w", "u", "v", "s", "t"};
+const int kDeclared = 8;
+
+using Native = void (*)(const double* rows, int n, int stride, double* res, int* err);
+
+// Hand-written evaluation: the same guarded kernels in the same order as the tree, inlined
+// into the loop. This is the limit a formula compiler could reach.
+template <class F>
+inline void nativeLoop(F f, const double* rows, int n, int stride, double* res, int* err)
+{
+    for (int r = 0; r < n; ++r) {
+        int e = 0;
+        res[r] = f(rows + static_cast<size_t>(r) * static_cast<size_t>(stride), e);
+        err[r] = e;
+    }
+}
+
+#define NATIVE(body)                                                                       \
+    [](const double* rows, int n, int stride, double* res, int* err) {                     \
+        nativeLoop(                                                                        \
+            [](const double* p, int& e) -> double {                                        \
+                [[maybe_unused]] const double x = p[0], y = p[1], z = p[2], w = p[3];      \
+                [[maybe_unused]] const double u = p[4], v = p[5], s = p[6], t = p[7];      \
+                (void)e;                                                                   \
+                body                                                                       \
+            },                                                                             \
+            rows, n, stride, res, err);                                                    \
+    }
+
+using namespace oxk;
+
+struct Formula {
+    const char* family;
+    const char* oxel;
+    const char* mu;  // muparser syntax, null when it has no equivalent
+    const char* fp;  // fparser syntax, null when it has no equivalent
+    Native native;
+};
+
+const Formula kSuite[] = {
+    {"add", "x + y", "x + y", "x+y", NATIVE(return eval_OxPlus(x, y, e);)},
+    {"mul-add", "x * y + z", "x * y + z", "x*y+z",
+     NATIVE(return eval_OxPlus(eval_OxMal(x, y, e), z, e);)},
+    {"rational", "(x + y) * (x - y) / (z + 1)", "(x + y) * (x - y) / (z + 1)",
+     "(x+y)*(x-y)/(z+1)", NATIVE(double d = eval_OxPlus(z, 1, e);
+                                 double m = eval_OxMal(eval_OxPlus(x, y, e), eval_OxMinus(x, y, e), e);
+                                 return eval_OxDurch(m, d, e);)},
+    {"modulo", "x % y + z", nullptr, "x%y+z",
+     NATIVE(return eval_OxPlus(eval_OxModulo(x, y, e), z, e);)},
+    {"pow const 2", "pow(x, 2)", "x^2", "x^2", NATIVE(return eval_OxHoch(x, 2, e);)},
+    {"pow const 3.5", "pow(x, 3.5)", "x^3.5", "x^3.5", NATIVE(return eval_OxHoch(x, 3.5, e);)},
+    {"pow var", "pow(x, y)", "x^y", "x^y", NATIVE(return eval_OxHoch(x, y, e);)},
+    {"pow const base", "pow(2.5, x)", "2.5^x", "2.5^x", NATIVE(return eval_OxHoch(2.5, x, e);)},
+    {"sqrt", "sqrt(x * x + y * y)", "sqrt(x * x + y * y)", "sqrt(x*x+y*y)",
+     NATIVE(return eval_OxSqroot(eval_OxPlus(eval_OxMal(x, x, e), eval_OxMal(y, y, e), e), e);)},
+    {"trig", "sin(x) * cos(y)", "sin(x) * cos(y)", "sin(x)*cos(y)",
+     NATIVE(return eval_OxMal(eval_OxSinus(x, e), eval_OxCosinus(y, e), e);)},
+    {"gauss bell", "exp(-x * x / 2)", "exp(-x * x / 2)", "exp(-x*x/2)",
+     NATIVE(double q = eval_OxMal(eval_OxMal(-1.0, x, e), x, e);
+            return eval_OxExp(eval_OxDurch(q, 2, e), e);)},
+    {"logs", "ln(x) + log10(y)", "ln(x) + log10(y)", "log(x)+log10(y)",
+     NATIVE(return eval_OxPlus(eval_OxLn(x, e), eval_OxLog10(y, e), e);)},
+    {"atan2", "atan2(y, x) + atan(z)", "atan2(y, x) + atan(z)", "atan2(y,x)+atan(z)",
+     NATIVE(return eval_OxPlus(eval_OxArctan2(y, x, e), eval_OxArctan(z, e), e);)},
+    {"hyperbolic", "sinh(x) + cosh(y) - tanh(z)", "sinh(x) + cosh(y) - tanh(z)",
+     "sinh(x)+cosh(y)-tanh(z)",
+     NATIVE(double a = eval_OxPlus(eval_OxSinh(x, e), eval_OxCosh(y, e), e);
+            return eval_OxMinus(a, eval_OxTanh(z, e), e);)},
+    {"inverse trig", "asin(x / 3) + acos(y / 4)", "asin(x / 3) + acos(y / 4)",
+     "asin(x/3)+acos(y/4)",
+     NATIVE(return eval_OxPlus(eval_OxArcsin(eval_OxDurch(x, 3, e), e),
+                               eval_OxArccos(eval_OxDurch(y, 4, e), e), e);)},
+    {"inverse hyperbolic", "asinh(x) + acosh(y + 1) + atanh(z / 3)",
+     "asinh(x) + acosh(y + 1) + atanh(z / 3)", "asinh(x)+acosh(y+1)+atanh(z/3)",
+     NATIVE(double a = eval_OxPlus(eval_OxArcsinh(x, e), eval_OxArccosh(eval_OxPlus(y, 1, e), e), e);
+            return eval_OxPlus(a, eval_OxArctanh(eval_OxDurch(z, 3, e), e), e);)},
+    {"error function", "erf(x) + erfc(y)", nullptr, nullptr,
+     NATIVE(return eval_OxPlus(eval_OxErf(x, e), eval_OxErfc(y, e), e);)},
+    {"rounding", "floor(x * 3) + ceil(y) + abs(z - 1)", nullptr, "floor(x*3)+ceil(y)+abs(z-1)",
+     NATIVE(double a = eval_OxPlus(eval_OxFloor(eval_OxMal(x, 3, e), e), eval_OxCeil(y, e), e);
+            return eval_OxPlus(a, eval_OxBetrag(eval_OxMinus(z, 1, e), e), e);)},
+    {"hypot cbrt", "hypot(x, y) + cbrt(z)", nullptr, "hypot(x,y)+cbrt(z)",
+     NATIVE(return eval_OxPlus(eval_OxHypot(x, y, e), eval_OxCbroot(z, e), e);)},
+    {"min max", "max(x, y) - min(y, z)", "max(x, y) - min(y, z)", "max(x,y)-min(y,z)",
+     NATIVE(return eval_OxMinus(eval_OxMax(x, y, e), eval_OxMin(y, z, e), e);)},
+    {"logic", "x < y && y < z || x > 1.5", "x < y && y < z || x > 1.5", "x<y & y<z | x>1.5",
+     NATIVE(double a = eval_OxAnd(eval_OxLess(x, y), eval_OxLess(y, z));
+            return eval_OxOr(a, eval_OxGreater(x, 1.5));)},
+    {"comparisons", "(x >= y) + (x <= z) * 2 + (x == w)", "(x >= y) + (x <= z) * 2 + (x == w)",
+     "(x>=y)+(x<=z)*2+(x=w)",
+     NATIVE(double a = eval_OxPlus(eval_OxGreaterEqual(x, y),
+                                   eval_OxMal(eval_OxLessEqual(x, z), 2, e), e);
+            return eval_OxPlus(a, eval_OxEqual(x, w), e);)},
+    {"bitwise", "((x * 100) << 3 | (y * 100)) & 255", nullptr, nullptr,
+     NATIVE(double a = eval_OxShiftLeft(eval_OxMal(x, 100, e), 3, e);
+            double b = eval_OxBitOr(a, eval_OxMal(y, 100, e), e);
+            return eval_OxBitAnd(b, 255, e);)},
+    {"assignments", "a = x * y; b = a + z; a * b - a / (b + 1)",
+     "a = x * y, b = a + z, a * b - a / (b + 1)", "a := x*y; b := a+z; a*b - a/(b+1)",
+     NATIVE(double a = eval_OxMal(x, y, e); int e2 = 0; double b = eval_OxPlus(a, z, e2);
+            if (e == 0) e = e2; int e3 = 0; double m = eval_OxMal(a, b, e3);
+            double d = eval_OxPlus(b, 1, e3); double q = eval_OxDurch(a, d, e3);
+            double r = eval_OxMinus(m, q, e3); if (e == 0) e = e3; return r;)},
+    {"many variables", "x * y + z * w + u * v + s * t - x / t", "x * y + z * w + u * v + s * t - x / t",
+     "x*y+z*w+u*v+s*t-x/t",
+     NATIVE(double a = eval_OxPlus(eval_OxMal(x, y, e), eval_OxMal(z, w, e), e);
+            a = eval_OxPlus(a, eval_OxMal(u, v, e), e);
+            a = eval_OxPlus(a, eval_OxMal(s, t, e), e);
+            return eval_OxMinus(a, eval_OxDurch(x, t, e), e);)},
+    {"polynomial", "x * x * x - 3 * x * x * y + 2 * x * y * y - y * y * y + z * z - w",
+     "x * x * x - 3 * x * x * y + 2 * x * y * y - y * y * y + z * z - w",
+     "x*x*x-3*x*x*y+2*x*y*y-y*y*y+z*z-w",
+     NATIVE(double a = eval_OxMal(eval_OxMal(x, x, e), x, e);
+            a = eval_OxMinus(a, eval_OxMal(eval_OxMal(eval_OxMal(3, x, e), x, e), y, e), e);
+            a = eval_OxPlus(a, eval_OxMal(eval_OxMal(eval_OxMal(2, x, e), y, e), y, e), e);
+            a = eval_OxMinus(a, eval_OxMal(eval_OxMal(y, y, e), y, e), e);
+            a = eval_OxPlus(a, eval_OxMal(z, z, e), e);
+            return eval_OxMinus(a, w, e);)},
+    {"long", "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + pow(u, 2) - v * s / (t + 1)",
+     "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + u^2 - v * s / (t + 1)",
+     "sin(x)*cos(y)+exp(-z*z/2)/sqrt(2*w)-atan(y/x)*log(abs(z)+1)+u^2-v*s/(t+1)",
+     NATIVE(double a = eval_OxMal(eval_OxSinus(x, e), eval_OxCosinus(y, e), e);
+            double den = eval_OxSqroot(eval_OxMal(2, w, e), e);
+            double q = eval_OxMal(eval_OxMal(-1.0, z, e), z, e);
+            double g = eval_OxExp(eval_OxDurch(q, 2, e), e);
+            a = eval_OxPlus(a, eval_OxDurch(g, den, e), e);
+            double at = eval_OxArctan(eval_OxDurch(y, x, e), e);
+            double l = eval_OxLn(eval_OxPlus(eval_OxBetrag(z, e), 1, e), e);
+            a = eval_OxMinus(a, eval_OxMal(at, l, e), e);
+            a = eval_OxPlus(a, eval_OxHoch(u, 2, e), e);
+            double d = eval_OxPlus(t, 1, e);
+            return eval_OxMinus(a, eval_OxDurch(eval_OxMal(v, s, e), d, e), e);)},
+};
+const int kNumFormulas = static_cast<int>(sizeof kSuite / sizeof kSuite[0]);
+
+// Points in [0.5, 2.5): inside every domain of the suite, so no formula takes an error path.
+std::vector<double> makeRows()
+{
+    std::vector<double> rows(static_cast<size_t>(kPoints) * kStride, 0.0);
+    unsigned long long state = 88172645463325252ULL;
+    for (int r = 0; r < kPoints; ++r) {
+        for (int i = 0; i < kDeclared; ++i) {
+            state ^= state << 13;
+            state ^= state >> 7;
+            state ^= state << 17;
+            rows[static_cast<size_t>(r) * kStride + i] = 0.5 + 2.0 * static_cast<double>(state >> 11) / 9007199254740992.0;
+        }
+    }
+    return rows;
+}
+
+const std::vector<double>& rows()
+{
+    static const std::vector<double> data = makeRows();
+    return data;
+}
+
+std::string text(int f) { return kSuite[f].oxel; }
+
+// An expression with the eight variables declared and formula f parsed.
+OxelExpression* parseOxel(int f)
+{
+    OxelExpression* e = new OxelExpression;
+    for (const char* n : kVarNames)
+        e->addVar(n);
+    std::string t = text(f);
+    if (!e->initFromString(&t[0]))
+        std::fprintf(stderr, "oxel_bench: cannot parse %s\n", kSuite[f].oxel);
+    return e;
+}
+
+void benchEval(benchmark::State& st, int f)
+{
+    OxelExpression* e = parseOxel(f);
+    const double* data = rows().data();
+    KxDArray<double> vals;
+    vals.setLength(e->numVars());
+    std::vector<double> res(kPoints);
+    std::vector<int> err(kPoints);
+    const int nv = e->numVars();
+    for (auto _ : st) {
+        for (int r = 0; r < kPoints; ++r) {
+            const double* row = data + static_cast<size_t>(r) * kStride;
+            for (int i = 0; i < nv; ++i)
+                vals[i] = row[i];
+            int ev = 0;
+            res[static_cast<size_t>(r)] = e->eval(vals, ev);
+            err[static_cast<size_t>(r)] = ev;
+        }
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+    delete e;
+}
+
+void benchBatch(benchmark::State& st, int f)
+{
+    OxelExpression* e = parseOxel(f);
+    std::vector<double> res(kPoints);
+    std::vector<int> err(kPoints);
+    for (auto _ : st) {
+        e->evalBatch(rows().data(), kPoints, kStride, res.data(), err.data());
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+    delete e;
+}
+
+void benchNative(benchmark::State& st, int f)
+{
+    std::vector<double> res(kPoints);
+    std::vector<int> err(kPoints);
+    for (auto _ : st) {
+        kSuite[f].native(rows().data(), kPoints, kStride, res.data(), err.data());
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+#ifdef OXEL_BENCH_MUPARSER
+// muparser reads its variables through pointers bound once; a host copies each point in.
+struct MuSetup {
+    mu::Parser p;
+    double vars[kStride] = {};
+    explicit MuSetup(const char* expr)
+    {
+        for (int i = 0; i < kDeclared; ++i)
+            p.DefineVar(kVarNames[i], &vars[i]);
+        p.DefineVar("a", &vars[8]);
+        p.DefineVar("b", &vars[9]);
+        p.SetExpr(expr);
+    }
+};
+
+void benchMu(benchmark::State& st, int f)
+{
+    MuSetup m(kSuite[f].mu);
+    const double* data = rows().data();
+    std::vector<double> res(kPoints);
+    for (auto _ : st) {
+        for (int r = 0; r < kPoints; ++r) {
+            const double* row = data + static_cast<size_t>(r) * kStride;
+            for (int i = 0; i < kDeclared; ++i)
+                m.vars[i] = row[i];
+            res[static_cast<size_t>(r)] = m.p.Eval();
+        }
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void benchMuParse(benchmark::State& st, int f)
+{
+    MuSetup m(kSuite[f].mu);
+    for (auto _ : st) {
+        m.p.SetExpr(kSuite[f].mu);
+        benchmark::DoNotOptimize(m.p.Eval());  // muparser parses on the first Eval
+    }
+}
+#endif
+
+#ifdef OXEL_BENCH_FPARSER
+const char* kFpVars = "x,y,z,w,u,v,s,t";
+
+void benchFp(benchmark::State& st, int f)
+{
+    FunctionParser fp;
+    fp.Parse(kSuite[f].fp, kFpVars);
+    fp.Optimize();
+    const double* data = rows().data();
+    std::vector<double> res(kPoints);
+    for (auto _ : st) {
+        for (int r = 0; r < kPoints; ++r)
+            res[static_cast<size_t>(r)] = fp.Eval(data + static_cast<size_t>(r) * kStride);
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void benchFpParse(benchmark::State& st, int f)
+{
+    FunctionParser fp;
+    for (auto _ : st)
+        benchmark::DoNotOptimize(fp.Parse(kSuite[f].fp, kFpVars));
+}
+#endif
+
+void benchParse(benchmark::State& st, int f)
+{
+    OxelExpression e;
+    for (const char* n : kVarNames)
+        e.addVar(n);
+    std::string t = text(f);
+    for (auto _ : st)
+        benchmark::DoNotOptimize(e.initFromString(&t[0]));
+}
+
+void benchDiff(benchmark::State& st, int f)
+{
+    OxelExpression* e = parseOxel(f);
+    for (auto _ : st) {
+        OxelExpression* d = e->derivative("x");
+        OxelExpression* s = d ? d->simplified() : nullptr;
+        benchmark::DoNotOptimize(s);
+        delete s;
+        delete d;
+    }
+    delete e;
+}
+
+// Nanoseconds per iteration of every benchmark, by name.
+std::map<std::string, double> g_times;
+
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& r : runs)
+            if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
+                std::string name = r.benchmark_name();
+                name = name.substr(0, name.find("/min_time"));
+                g_times[name] = r.GetAdjustedCPUTime();
+            }
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+std::string key(const char* kind, int f) { return std::string(kind) + "/" + std::to_string(f); }
+
+void registerAll()
+{
+    for (int f = 0; f < kNumFormulas; ++f) {
+        auto reg = [&](const char* kind, void (*fn)(benchmark::State&, int)) {
+            benchmark::RegisterBenchmark(key(kind, f).c_str(), fn, f)
+                ->Unit(benchmark::kNanosecond)
+                ->MinTime(0.1);
+        };
+        reg("eval", benchEval);
+        reg("batch", benchBatch);
+        reg("native", benchNative);
+#ifdef OXEL_BENCH_MUPARSER
+        if (kSuite[f].mu) {
+            reg("muparser", benchMu);
+            reg("parse-muparser", benchMuParse);
+        }
+#endif
+#ifdef OXEL_BENCH_FPARSER
+        if (kSuite[f].fp) {
+            reg("fparser", benchFp);
+            reg("parse-fparser", benchFpParse);
+        }
+#endif
+        reg("parse", benchParse);
+        reg("diff", benchDiff);
+    }
+}
+
+// Per point for evaluation benchmarks, per call for parse and derivative; < 0 when absent.
+double perPoint(const char* kind, int f)
+{
+    auto it = g_times.find(key(kind, f));
+    return it == g_times.end() ? -1.0 : it->second / kPoints;
+}
+
+double perCall(const char* kind, int f)
+{
+    auto it = g_times.find(key(kind, f));
+    return it == g_times.end() ? -1.0 : it->second;
+}
+
+double median(std::vector<double> v)
+{
+    if (v.empty())
+        return -1.0;
+    std::sort(v.begin(), v.end());
+    size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+std::string cell(double v, const char* fmt = "%.1f")
+{
+    if (v < 0)
+        return "-";
+    char buf[32];
+    std::snprintf(buf, sizeof buf, fmt, v);
+    return buf;
+}
+
+double ratio(double a, double b) { return (a < 0 || b <= 0) ? -1.0 : a / b; }
+
+// Values of the other libraries at the first points must agree with eval(); otherwise their
+// syntax string is not the same formula and their timing would mean nothing.
+void crossCheck()
+{
+    const double* data = rows().data();
+    for (int f = 0; f < kNumFormulas; ++f) {
+        OxelExpression* e = parseOxel(f);
+        KxDArray<double> vals;
+        vals.setLength(e->numVars());
+        for (int r = 0; r < 50; ++r) {
+            const double* row = data + static_cast<size_t>(r) * kStride;
+            for (int i = 0; i < kDeclared; ++i)
+                vals[i] = row[i];
+            int err = 0;
+            double want = e->eval(vals, err);
+            auto close = [&](double got) {
+                return std::fabs(got - want) <= 1e-6 * std::max(1.0, std::fabs(want));
+            };
+            (void)close;
+#ifdef OXEL_BENCH_MUPARSER
+            if (kSuite[f].mu) {
+                MuSetup m(kSuite[f].mu);
+                for (int i = 0; i < kDeclared; ++i)
+                    m.vars[i] = row[i];
+                if (!close(m.p.Eval()))
+                    std::printf("warning: muparser disagrees on '%s'\n", kSuite[f].mu);
+            }
+#endif
+#ifdef OXEL_BENCH_FPARSER
+            if (kSuite[f].fp) {
+                FunctionParser fp;
+                fp.Parse(kSuite[f].fp, kFpVars);
+                if (!close(fp.Eval(row)))
+                    std::printf("warning: fparser disagrees on '%s'\n", kSuite[f].fp);
+            }
+#endif
+            int en = 0;
+            double nat = 0.0;
+            kSuite[f].native(row, 1, kStride, &nat, &en);
+            if (std::memcmp(&nat, &want, sizeof nat) != 0 || en != err) {
+                std::printf("warning: native code disagrees on '%s'\n", kSuite[f].oxel);
+                break;
+            }
+        }
+        delete e;
+    }
+}
+
+void printSummary()
+{
+    std::printf("\nns per point (batches of %d points); parse and d/dx+simplify in ns per call\n\n",
+                kPoints);
+    std::printf("| formula | eval | batch | muparser | fparser | native | eval/mu | batch/mu | "
+                "batch/native | parse | parse mu | parse fp | d/dx+simp |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+    std::vector<double> evalMu, batchMu, batchNative, evalFp, parse, parseMu, diff;
+    for (int f = 0; f < kNumFormulas; ++f) {
+        double ev = perPoint("eval", f), ba = perPoint("batch", f), na = perPoint("native", f);
+        double mu = perPoint("muparser", f), fp = perPoint("fparser", f);
+        double pa = perCall("parse", f), pm = perCall("parse-muparser", f);
+        double pf = perCall("parse-fparser", f), di = perCall("diff", f);
+        if (ratio(ev, mu) > 0)
+            evalMu.push_back(ratio(ev, mu));
+        if (ratio(ba, mu) > 0)
+            batchMu.push_back(ratio(ba, mu));
+        if (ratio(ba, na) > 0)
+            batchNative.push_back(ratio(ba, na));
+        if (ratio(ev, fp) > 0)
+            evalFp.push_back(ratio(ev, fp));
+        if (pa > 0)
+            parse.push_back(pa);
+        if (pm > 0)
+            parseMu.push_back(pm);
+        if (di > 0)
+            diff.push_back(di);
+        std::printf("| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |\n",
+                    kSuite[f].family, cell(ev).c_str(), cell(ba).c_str(), cell(mu).c_str(),
+                    cell(fp).c_str(), cell(na).c_str(), cell(ratio(ev, mu), "%.2f").c_str(),
+                    cell(ratio(ba, mu), "%.2f").c_str(), cell(ratio(ba, na), "%.2f").c_str(),
+                    cell(pa, "%.0f").c_str(), cell(pm, "%.0f").c_str(), cell(pf, "%.0f").c_str(),
+                    cell(di, "%.0f").c_str());
+    }
+    std::printf("\nmedians: eval/muparser %.2f, batch/muparser %.2f, batch/native %.2f, "
+                "eval/fparser %.2f\n",
+                median(evalMu), median(batchMu), median(batchNative), median(evalFp));
+    std::printf("median parse %.0f ns (muparser %.0f ns), median d/dx+simplify %.0f ns\n",
+                median(parse), median(parseMu), median(diff));
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    crossCheck();
+    registerAll();
+    CollectingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    printSummary();
+    return 0;
+}

@@ -1,0 +1,82 @@
+// libFuzzer target: formula text through OxelExpression: parse, evaluate, print, simplify, differentiate.
+#include <cstdint>
+#include <cstdio>
+
+#include "fuzz_common.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    // The lexer echoes unknown characters and diff() reports missing rules on stdout.
+    if (!std::freopen("/dev/null", "w", stdout))
+        return 0;
+    return 0;
+}
+
+static void evalExpression(OxelExpression& e, double seed)
+{
+    KxDArray<double> vals;
+    vals.setLength(e.numVars());
+    std::vector<double> init = oxfuzz::sampleValues(e.numVars(), seed);
+    for (int i = 0; i < e.numVars(); ++i)
+        vals[i] = init[static_cast<size_t>(i)];
+    int err = 0;
+    (void)e.eval(vals, err);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    std::vector<char> text = oxfuzz::writableText(data, size);
+
+    OxelExpression e;
+    FUZZ_CHECK(e.addVar("x") == 0);
+    FUZZ_CHECK(e.addVar("y") == 1);
+    FUZZ_CHECK(e.addVar("z") == 2);
+    e.addVarAlias("x", "speed");
+
+    int ok = e.initFromString(text.data());
+    FUZZ_CHECK(e.root() != nullptr);
+    if (!ok) {
+        // A refused text leaves the default expression and no internal variables.
+        FUZZ_CHECK(e.numInternalVars() == 0);
+        FUZZ_CHECK(e.numVars() == 3);
+        KxDArray<double> vals;
+        vals.setLength(3);
+        int err = 0;
+        FUZZ_CHECK(e.eval(vals, err) == 0.0 && err == 0);
+        return 0;
+    }
+    FUZZ_CHECK(e.numVars() == 3 + e.numInternalVars());
+    evalExpression(e, 0.5);
+    oxfuzz::exerciseTree(e.root(), e.numVars());
+
+    OxelExpression* s = e.simplified();
+    if (s) {
+        evalExpression(*s, 1.25);
+        (void)oxelToString(s->root());
+        delete s;
+    }
+
+    if (oxelNodeCount(e.root()) <= oxfuzz::kMaxNodesForDiff) {
+        for (const char* var : {"x", "y", "z", "speed", "nosuch"}) {
+            OxelExpression* d = e.derivative(var);
+            if (!d)
+                continue;
+            FUZZ_CHECK(d->root() != nullptr);
+            evalExpression(*d, -0.5);
+            (void)oxelToString(d->root());
+            if (oxelNodeCount(d->root()) <= 20 * oxfuzz::kMaxNodesForDiff) {
+                Oxel* ds = d->root()->simplify();
+                if (ds) {
+                    (void)oxelToString(ds);
+                    oxelDestroy(ds);
+                }
+            }
+            delete d;
+        }
+    }
+
+    // Re-parsing drops the internal variables of the previous text.
+    FUZZ_CHECK(e.initFromString(std::vector<char>{'x', '+', '1', '\0'}.data()) == 1);
+    FUZZ_CHECK(e.numInternalVars() == 0 && e.numVars() == 3);
+    return 0;
+}

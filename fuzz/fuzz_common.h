@@ -1,0 +1,116 @@
+// Helpers shared by the fuzz targets: hard checks, value vectors, bounded tree exercise.
+#ifndef OXEL_FUZZ_COMMON_H
+#define OXEL_FUZZ_COMMON_H
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <oxel/oxel.h>
+
+// A failed property is a finding: report it and abort so libFuzzer keeps the input.
+#define FUZZ_CHECK(cond)                                                                  \
+    do {                                                                                  \
+        if (!(cond)) {                                                                    \
+            std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond); \
+            std::abort();                                                                 \
+        }                                                                                 \
+    } while (0)
+
+namespace oxfuzz {
+
+// Derivatives of large trees can grow quadratically (product and chain rules); past this
+// size the targets skip them so that one input cannot stall the run.
+const long kMaxNodesForDiff = 400;
+
+// The text of the input up to its first NUL, in writable memory (the parser writes into it).
+inline std::vector<char> writableText(const uint8_t* data, size_t size)
+{
+    std::vector<char> text(data, data + size);
+    text.push_back('\0');
+    return text;
+}
+
+// Deterministic values for n slots, mixing signs and magnitudes.
+inline std::vector<double> sampleValues(int n, double seed)
+{
+    std::vector<double> v(static_cast<size_t>(n > 0 ? n : 1));
+    for (size_t i = 0; i < v.size(); ++i)
+        v[i] = seed * (1.0 + static_cast<double>(i)) * (i % 2 ? -0.75 : 1.5);
+    return v;
+}
+
+inline bool sameNumber(double a, double b)
+{
+    return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// True when the tree holds a source of fresh values each evaluation (rand(), gauss()).
+inline bool drawsRandom(Oxel* root)
+{
+    std::vector<Oxel*> stack{root};
+    while (!stack.empty()) {
+        Oxel* n = stack.back();
+        stack.pop_back();
+        if (!n)
+            continue;
+        int id = n->identify();
+        if (id == 34059 || id == 34060)
+            return true;
+        int kids = n->getNumChildren();
+        for (int i = 0; i <= kids; ++i)
+            stack.push_back(n->getChild(i));
+    }
+    return false;
+}
+
+// Everything a host does with a tree that it does not own: evaluate, print, count, copy,
+// compare, simplify. numVars is the number of value slots the tree may touch.
+inline void exerciseTree(Oxel* root, int numVars)
+{
+    if (!root)
+        return;
+    std::vector<double> vals = sampleValues(numVars, 0.5);
+    int err = 0;
+    double v1 = root->value(vals.data(), err);
+    (void)vOxError(err);
+
+    std::string text = oxelToString(root);
+    FUZZ_CHECK(text.size() == std::strlen(text.c_str()));
+    long nodes = oxelNodeCount(root);
+    long depth = oxelDepth(root);
+    FUZZ_CHECK(nodes >= depth && depth >= 1);
+    (void)root->count();
+    (void)root->vconstant();
+    (void)root->pconstant("x");
+
+    Oxel* copy = root->dup();
+    FUZZ_CHECK(copy != nullptr);
+    FUZZ_CHECK(oxelToString(copy) == text);
+    FUZZ_CHECK(oxelNodeCount(copy) == nodes);
+    (void)(*copy == *root);
+    if (!drawsRandom(root)) {
+        // A copy evaluates to the same bits from the same starting values.
+        std::vector<double> vals2 = sampleValues(numVars, 0.5);
+        int err2 = 0;
+        double v2 = copy->value(vals2.data(), err2);
+        FUZZ_CHECK(sameNumber(v1, v2));
+    }
+    oxelDestroy(copy);
+
+    Oxel* simple = root->simplify();
+    if (simple) {
+        (void)oxelToString(simple);
+        std::vector<double> vals3 = sampleValues(numVars, -2.0);
+        int err3 = 0;
+        (void)simple->value(vals3.data(), err3);
+        oxelDestroy(simple);
+    }
+}
+
+}  // namespace oxfuzz
+
+#endif
