@@ -175,9 +175,9 @@ struct Range {
     long points = 1;
 };
 
-Range parseRange(const std::string& name, const std::string& spec, const std::string& arg)
+Range parseRange(const std::string& name, const std::string& bounds, const std::string& arg)
 {
-    std::vector<std::string> parts = splitFields(spec, ':');
+    std::vector<std::string> parts = splitFields(bounds, ':');
     if (parts.size() < 2 || parts.size() > 3)
         usage("range '" + arg + "' must be name=start:stop or name=start:stop:step");
     Range r;
