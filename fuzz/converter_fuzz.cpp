@@ -38,6 +38,7 @@ OxDepVarnode* sources[4];
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
+    oxfuzz::keepReportChannel();
     // The lexer echoes unknown characters and diff() reports missing rules on stdout.
     if (!std::freopen("/dev/null", "w", stdout))
         return 0;
@@ -80,8 +81,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     FUZZ_CHECK(names.length() >= 3);
     FUZZ_CHECK(tree != nullptr || OxConverter::lastError().length() > 0);
-    if (!tree)
+    if (!tree) {
+        OxelExpression probe;
+        FUZZ_CHECK(oxfuzz::recoverLexer(probe));
         return 0;
+    }
 
     oxfuzz::exerciseTree(tree, names.length());
     if (oxelNodeCount(tree) <= oxfuzz::kMaxNodesForDiff) {

@@ -74,6 +74,12 @@ void checkSame(const Table& t, const Model& m, size_t peak)
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    oxfuzz::keepReportChannel();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Reader r{data, size};

@@ -177,6 +177,37 @@ struct UnLoops {
     }
 };
 
+// Truth values and selections: pure mask arithmetic, exact by construction.
+const __m128d kTruth = _mm_set1_pd(1e-8);
+const __m128d kAllOnes = _mm_castsi128_pd(_mm_set1_epi32(-1));
+
+#define OXB_VEC_COMPARE(Cls, expr)                                  \
+    inline __m128d vec##Cls(__m128d a, __m128d b, __m128d& ok)      \
+    {                                                               \
+        ok = kAllOnes;                                              \
+        return _mm_and_pd(expr, kOne);                              \
+    }
+OXB_VEC_COMPARE(OxLess, _mm_cmplt_pd(a, b))
+OXB_VEC_COMPARE(OxGreater, _mm_cmpgt_pd(a, b))
+OXB_VEC_COMPARE(OxLessEqual, _mm_cmple_pd(a, b))
+OXB_VEC_COMPARE(OxGreaterEqual, _mm_cmpge_pd(a, b))
+OXB_VEC_COMPARE(OxEqual, _mm_cmpeq_pd(a, b))
+OXB_VEC_COMPARE(OxAnd, _mm_and_pd(_mm_cmpgt_pd(a, kTruth), _mm_cmpgt_pd(b, kTruth)))
+OXB_VEC_COMPARE(OxOr, _mm_or_pd(_mm_cmpgt_pd(a, kTruth), _mm_cmpgt_pd(b, kTruth)))
+#undef OXB_VEC_COMPARE
+
+inline __m128d vecOxMax(__m128d a, __m128d b, __m128d& ok)
+{
+    ok = kAllOnes;
+    return select(_mm_cmpgt_pd(a, b), a, b);
+}
+
+inline __m128d vecOxMin(__m128d a, __m128d b, __m128d& ok)
+{
+    ok = kAllOnes;
+    return select(_mm_cmplt_pd(a, b), a, b);
+}
+
 using VecKernel = __m128d (*)(__m128d, __m128d, __m128d&);
 
 // Two rows per step over the whole block (a partial block's tail computes on stale rows that
@@ -276,11 +307,11 @@ OpInfo binaryOp(const std::type_info& t, OpShape shape, bool raises)
 }
 
 template <VecKernel V, BinKernel F>
-OpInfo vectorOp(const std::type_info& t, OpShape shape)
+OpInfo vectorOp(const std::type_info& t, OpShape shape, bool raises = true)
 {
     return OpInfo{&t,
                   shape,
-                  true,
+                  raises,
                   F,
                   nullptr,
                   {{&runVec<V, F, false, false, false>, &runVec<V, F, false, false, true>,
@@ -317,6 +348,9 @@ const std::vector<OpInfo>& opTable()
 {
     static const std::vector<OpInfo> table = [] {
         std::vector<OpInfo> t;
+        // findOp takes the first row of a class, so vector forms come before generic ones.
+        t.push_back(vectorOp<vecOxMax, oxk::eval_OxMax>(typeid(OxMax), kBinary, false));
+        t.push_back(vectorOp<vecOxMin, oxk::eval_OxMin>(typeid(OxMin), kBinary, false));
         t.push_back(vectorOp<vecPlus, oxk::eval_OxPlus>(typeid(OxPlus), kBinary));
         t.push_back(vectorOp<vecMinus, oxk::eval_OxMinus>(typeid(OxMinus), kBinary));
         t.push_back(vectorOp<vecMal, oxk::eval_OxMal>(typeid(OxMal), kBinary));
@@ -332,13 +366,14 @@ const std::vector<OpInfo>& opTable()
     t.push_back(unaryOp<oxk::eval_##Cls>(typeid(Cls), kUnary, kernelRaises(#Cls)));
         OXEL_UNARY_FUNCTIONS(OXB_UNARY)
 #undef OXB_UNARY
-        t.push_back(binaryOp<k_OxLess>(typeid(OxLess), kBinary, false));
-        t.push_back(binaryOp<k_OxGreater>(typeid(OxGreater), kBinary, false));
-        t.push_back(binaryOp<k_OxLessEqual>(typeid(OxLessEqual), kBinary, false));
-        t.push_back(binaryOp<k_OxGreaterEqual>(typeid(OxGreaterEqual), kBinary, false));
-        t.push_back(binaryOp<k_OxEqual>(typeid(OxEqual), kNullable, false));
-        t.push_back(binaryOp<k_OxAnd>(typeid(OxAnd), kNullable, false));
-        t.push_back(binaryOp<k_OxOr>(typeid(OxOr), kNullable, false));
+        t.push_back(vectorOp<vecOxLess, k_OxLess>(typeid(OxLess), kBinary, false));
+        t.push_back(vectorOp<vecOxGreater, k_OxGreater>(typeid(OxGreater), kBinary, false));
+        t.push_back(vectorOp<vecOxLessEqual, k_OxLessEqual>(typeid(OxLessEqual), kBinary, false));
+        t.push_back(
+            vectorOp<vecOxGreaterEqual, k_OxGreaterEqual>(typeid(OxGreaterEqual), kBinary, false));
+        t.push_back(vectorOp<vecOxEqual, k_OxEqual>(typeid(OxEqual), kNullable, false));
+        t.push_back(vectorOp<vecOxAnd, k_OxAnd>(typeid(OxAnd), kNullable, false));
+        t.push_back(vectorOp<vecOxOr, k_OxOr>(typeid(OxOr), kNullable, false));
         t.push_back(unaryOp<k_OxNot>(typeid(OxNot), kNot, false));
         return t;
     }();
