@@ -47,6 +47,9 @@ namespace oxfuzz {
 // Derivatives of large trees can grow quadratically (product and chain rules); past this
 // size the targets skip them so that one input cannot stall the run.
 const long kMaxNodesForDiff = 400;
+// Simplification copies every sub-tree once per level above it, so its cost grows with
+// depth times size; past this product the targets skip it.
+const long kMaxDepthTimesNodesForSimplify = 1000000;
 
 // The text of the input up to its first NUL, in writable memory (the parser writes into it).
 inline std::vector<char> writableText(const uint8_t* data, size_t size)
@@ -155,6 +158,8 @@ inline void exerciseTree(Oxel* root, int numVars)
     }
     oxelDestroy(copy);
 
+    if (depth * nodes > kMaxDepthTimesNodesForSimplify)
+        return;
     Oxel* simple = root->simplify();
     if (simple) {
         (void)oxelToString(simple);

@@ -1,8 +1,11 @@
-// Test helpers: a leaf that reports a chosen error code, and tree evaluation in one call.
+// Test helpers: a leaf that fails on demand, node factories, one-call evaluation, bit equality.
 #ifndef OXEL_TESTS_NODE_PROBE_H
 #define OXEL_TESTS_NODE_PROBE_H
 
-#include <string>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
 
 #include <oxel/oxel.h>
 
@@ -23,6 +26,16 @@ private:
     int code_;
 };
 
+typedef Oxel* (*Make1)(Oxel*);
+typedef Oxel* (*Make2)(Oxel*, Oxel*);
+template <class Cls>
+Oxel* make1(Oxel* a) { return new Cls(a); }
+template <class Cls>
+Oxel* make2(Oxel* a, Oxel* b) { return new Cls(a, b); }
+
+inline Oxel* N(double v) { return new OxZahl(v); }
+inline Oxel* V(const char* name, int index = 0) { return new OxVar(index, name); }
+
 // Evaluates and destroys a tree; the error code starts at `err`.
 inline double evalTree(Oxel* tree, int& err, double* vars = nullptr)
 {
@@ -31,11 +44,13 @@ inline double evalTree(Oxel* tree, int& err, double* vars = nullptr)
     return v;
 }
 
-inline std::string printed(Oxel* tree)
+// Bit-for-bit, so that signed zeros count; any NaN matches any NaN.
+inline ::testing::AssertionResult sameBits(double expected, double actual)
 {
-    std::string s = oxelToString(tree);
-    delete tree;
-    return s;
+    if ((std::isnan(expected) && std::isnan(actual)) ||
+        std::memcmp(&expected, &actual, sizeof expected) == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "expected " << expected << ", got " << actual;
 }
 
 #endif

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -124,25 +125,33 @@ std::string checkedName(const std::string& name, const std::string& arg)
     return name;
 }
 
+enum NumberStatus { kNumber, kNotANumber, kTooLarge };
+
 // Whole-string number; strtod alone would accept "2abc".
-bool parseNumber(const std::string& text, double& out)
+NumberStatus parseNumber(const std::string& text, double& out)
 {
     if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])))
-        return false;
+        return kNotANumber;
     char* end = nullptr;
     errno = 0;
     out = std::strtod(text.c_str(), &end);
-    // Underflow to a tiny or zero value is fine; overflow is not.
-    if (errno == ERANGE && std::isinf(out))
-        return false;
-    return end && *end == '\0';
+    if (!end || *end != '\0')
+        return kNotANumber;
+    // Underflow to a tiny or zero value is fine; overflow would silently become inf.
+    return errno == ERANGE && std::isinf(out) ? kTooLarge : kNumber;
+}
+
+std::string numberProblem(NumberStatus status)
+{
+    return status == kTooLarge ? "is too large for a double" : "is not a number";
 }
 
 double checkedNumber(const std::string& text, const std::string& arg)
 {
     double v;
-    if (!parseNumber(text, v))
-        usage("'" + text + "' in '" + arg + "' is not a number");
+    NumberStatus status = parseNumber(text, v);
+    if (status != kNumber)
+        usage("'" + text + "' in '" + arg + "' " + numberProblem(status));
     return v;
 }
 
@@ -210,11 +219,12 @@ struct Args {
     bool simplify = false, once = false, csv = false;
 };
 
-std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what)
+std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
+                                                    const char* form = "name=value")
 {
     size_t eq = arg.find('=');
     if (eq == std::string::npos || eq == 0 || eq + 1 == arg.size())
-        usage(std::string(what) + " '" + arg + "' must have the form name=value");
+        usage(std::string(what) + " '" + arg + "' must have the form " + form);
     return {checkedName(arg.substr(0, eq), arg), arg.substr(eq + 1)};
 }
 
@@ -250,8 +260,15 @@ Args parseArgs(int argc, char** argv)
             optionsEnded = true;
         } else if (opt == "--alias") {
             std::string v = takeValue();
-            auto pair = splitAssignment(v, "alias");
-            a.aliases.push_back({pair.first, checkedName(pair.second, v)});
+            auto pair = splitAssignment(v, "alias", "ALIAS=NAME");
+            checkedName(pair.second, v);
+            if (pair.first == pair.second)
+                usage("alias '" + v + "' names the variable itself");
+            for (const auto& seen : a.aliases)
+                if (seen.first == pair.first && seen.second != pair.second)
+                    usage("alias '" + pair.first + "' stands for both '" + seen.second +
+                          "' and '" + pair.second + "'");
+            a.aliases.push_back(pair);
         } else if (opt == "--var") {
             std::string v = takeValue();
             a.vars.push_back(checkedName(v, v));
@@ -312,15 +329,13 @@ public:
                 usage(std::string("no value for variable '") + expr_.varName(i) + "'");
     }
 
-    // Parses the formula; on failure reports the parser's message and returns false.
+    // Parses the formula; on failure adds a line to the parser's own message (which the
+    // library has already written to standard error) and returns false.
     bool parse(const std::string& formula)
     {
-        // The parser writes into the text while splitting statements, so hand it a copy.
-        std::vector<char> text(formula.begin(), formula.end());
-        text.push_back('\0');
-        if (expr_.initFromString(text.data()))
+        if (expr_.initFromString(formula.c_str()))
             return true;
-        std::fprintf(stderr, "oxel: parse error: %s\n", expr_.lastError());
+        std::fprintf(stderr, "oxel: the formula does not parse\n");
         // A lone unknown name parses as the start of an assignment.
         if (std::strstr(expr_.lastError(), "expecting '='"))
             std::fprintf(stderr, "oxel: hint: declare every variable of the formula "
@@ -328,26 +343,25 @@ public:
         return false;
     }
 
-    // Value vector sized to the parsed formula, declared values filled in.
-    void prepareVector()
-    {
-        vector_.setLength(expr_.numVars());
-        resetVector();
-    }
-
+    // Values for one evaluation of the parsed formula: the given values, 0 elsewhere.
     // Internal (assigned) slots start from 0 for every row so that rows are independent.
-    void resetVector()
+    std::vector<double> baseRow()
     {
-        for (int i = 0; i < vector_.length(); ++i)
-            vector_[i] = i < static_cast<int>(values_.size()) ? values_[i] : 0.0;
+        std::vector<double> row(expr_.numVars(), 0.0);
+        for (size_t i = 0; i < row.size() && i < values_.size(); ++i)
+            row[i] = values_[i];
+        return row;
     }
-
-    void setSlot(int index, double v) { vector_[index] = v; }
 
     double eval(int& err)
     {
+        std::vector<double> row = baseRow();
+        KxDArray<double> vector;
+        vector.setLength(static_cast<int>(row.size()));
+        for (size_t i = 0; i < row.size(); ++i)
+            vector[static_cast<int>(i)] = row[i];
         err = 0;
-        return expr_.eval(vector_, err);
+        return expr_.eval(vector, err);
     }
 
     OxelExpression& expression() { return expr_; }
@@ -356,7 +370,6 @@ private:
     OxelExpression expr_;
     std::vector<bool> given_;
     std::vector<double> values_;
-    KxDArray<double> vector_;
 };
 
 // Positional arguments behind the formula: name=value, or a bare name where allowed.
@@ -404,7 +417,6 @@ int runEval(const Args& a)
     s.requireAllValues();
     if (!s.parse(formula))
         return kParse;
-    s.prepareVector();
     int err = 0;
     double v = s.eval(err);
     std::printf("%s\n", formatNumber(v).c_str());
@@ -469,19 +481,62 @@ int runPrint(const Args& a)
     return kOk;
 }
 
-void writeRow(const std::vector<double>& columns, double value, int err)
-{
-    std::string line;
-    for (double c : columns) {
-        line += formatNumber(c);
-        line += ',';
+// Collects table rows and evaluates them a block at a time with evalBatch, which gives
+// what eval would give row by row; each block is written as soon as it is evaluated.
+class TableWriter {
+public:
+    TableWriter(Session& s, const std::vector<int>& slots)
+        : expr_(s.expression()), slots_(slots), base_(s.baseRow()), stride_(base_.size())
+    {
+        rows_.reserve(kBlock * stride_);
+        columns_.reserve(kBlock * slots_.size());
     }
-    line += formatNumber(value);
-    line += ',';
-    line += std::to_string(err);
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stdout);
-}
+
+    void add(const std::vector<double>& columns)
+    {
+        rows_.insert(rows_.end(), base_.begin(), base_.end());
+        double* row = &rows_[rows_.size() - stride_];
+        for (size_t k = 0; k < slots_.size(); ++k)
+            row[slots_[k]] = columns[k];
+        columns_.insert(columns_.end(), columns.begin(), columns.end());
+        if (rows_.size() == kBlock * stride_)
+            flush();
+    }
+
+    void flush()
+    {
+        int n = static_cast<int>(columns_.size() / slots_.size());
+        if (n == 0)
+            return;
+        std::vector<double> results(n);
+        std::vector<int> errors(n, 0);
+        if (expr_.evalBatch(rows_.data(), n, static_cast<int>(stride_), results.data(),
+                            errors.data()) != 0)
+            throw std::logic_error("evalBatch rejected the table rows");
+        std::string text;
+        for (int r = 0; r < n; ++r) {
+            for (size_t k = 0; k < slots_.size(); ++k) {
+                text += formatNumber(columns_[r * slots_.size() + k]);
+                text += ',';
+            }
+            text += formatNumber(results[r]);
+            text += ',';
+            text += std::to_string(errors[r]);
+            text += '\n';
+        }
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        rows_.clear();
+        columns_.clear();
+    }
+
+private:
+    static const size_t kBlock = 4096;
+    OxelExpression& expr_;
+    std::vector<int> slots_;
+    std::vector<double> base_;
+    size_t stride_;
+    std::vector<double> rows_, columns_;
+};
 
 int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector<int>& slots)
 {
@@ -491,23 +546,21 @@ int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector
     std::printf("%svalue,error\n", header.c_str());
 
     // Odometer over the ranges, the last one turning fastest.
+    TableWriter out(s, slots);
     std::vector<long> at(ranges.size(), 0);
     std::vector<double> columns(ranges.size());
     for (;;) {
-        s.resetVector();
-        for (size_t k = 0; k < ranges.size(); ++k) {
-            // start + i*step rather than repeated addition, so the error does not accumulate.
+        // start + i*step rather than repeated addition, so the error does not accumulate.
+        for (size_t k = 0; k < ranges.size(); ++k)
             columns[k] = ranges[k].start + static_cast<double>(at[k]) * ranges[k].step;
-            s.setSlot(slots[k], columns[k]);
-        }
-        int err = 0;
-        double v = s.eval(err);
-        writeRow(columns, v, err);
+        out.add(columns);
         size_t k = ranges.size();
         while (k > 0 && ++at[k - 1] == ranges[k - 1].points)
             at[--k] = 0;
-        if (k == 0)
+        if (k == 0) {
+            out.flush();
             return kOk;
+        }
     }
 }
 
@@ -534,9 +587,9 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
     }
     if (!s.parse(formula))
         return kParse;
-    s.prepareVector();
     std::printf("%s,value,error\n", headerLine.c_str());
 
+    TableWriter out(s, slots);
     std::string line;
     std::vector<double> columns(names.size());
     long lineNo = 1;
@@ -545,23 +598,23 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
         if (trim(line).empty())
             continue;
         std::vector<std::string> fields = splitFields(line, ',');
-        if (fields.size() != names.size()) {
-            std::fflush(stdout);
-            usage("CSV line " + std::to_string(lineNo) + " has " + std::to_string(fields.size()) +
-                  " fields, the header has " + std::to_string(names.size()));
+        std::string problem;
+        if (fields.size() != names.size())
+            problem = " has " + std::to_string(fields.size()) + " fields, the header has " +
+                      std::to_string(names.size());
+        for (size_t k = 0; problem.empty() && k < fields.size(); ++k) {
+            NumberStatus status = parseNumber(fields[k], columns[k]);
+            if (status != kNumber)
+                problem = ": '" + fields[k] + "' " + numberProblem(status);
         }
-        s.resetVector();
-        for (size_t k = 0; k < fields.size(); ++k) {
-            if (!parseNumber(fields[k], columns[k])) {
-                std::fflush(stdout);
-                usage("CSV line " + std::to_string(lineNo) + ": '" + fields[k] + "' is not a number");
-            }
-            s.setSlot(slots[k], columns[k]);
+        if (!problem.empty()) {
+            // The rows before the bad one are still written.
+            out.flush();
+            usage("CSV line " + std::to_string(lineNo) + problem);
         }
-        int err = 0;
-        double v = s.eval(err);
-        writeRow(columns, v, err);
+        out.add(columns);
     }
+    out.flush();
     return kOk;
 }
 
@@ -609,7 +662,6 @@ int runTable(const Args& a)
     s.requireAllValues();
     if (!s.parse(formula))
         return kParse;
-    s.prepareVector();
     return runGridTable(s, ranges, slots);
 }
 
@@ -681,6 +733,10 @@ int main(int argc, char** argv)
         std::fflush(stdout);
         std::fprintf(stderr, "oxel: %s\n(try 'oxel --help')\n", e.message.c_str());
         status = kUsage;
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "oxel: %s\n", e.what());
+        status = kEval;
     }
     std::fflush(stdout);
     return status;

@@ -150,6 +150,9 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
             *semicolon = '\0';
         OxConverter_yyBuf = start;
         OxConverter_yyPos = 0;
+        // A statement that ended inside braces leaves appended text behind; continuing to
+        // scan from it misses the end of the buffer, so each statement gets a fresh buffer.
+        OxConverter_yyrestart(nullptr);
         yyFehler.clear();
         yyOxel = nullptr;
         OxConverter_yyparse();
