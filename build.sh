@@ -6,7 +6,7 @@
 #   ./build.sh test --sanitize   also build and run the suite under ASan + UBSan
 #   ./build.sh test --tsan       also build and run the thread tests under TSan
 #   ./build.sh test --fuzz[=S]   also run every fuzz target for S seconds (default 30)
-#   ./build.sh test --ci         all of the above (what CI runs)
+#   ./build.sh test --ci         all of the above, and build (not run) the benchmark: what CI runs
 #   ./build.sh bench        build and run the benchmark against muparser and fparser
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -15,6 +15,7 @@ MODE=demo
 SANITIZE=0
 TSAN=0
 FUZZ_SECONDS=0
+BUILD_BENCH=0
 for arg in "$@"; do
     case "$arg" in
     demo | test | bench) MODE=$arg ;;
@@ -22,7 +23,7 @@ for arg in "$@"; do
     --tsan) TSAN=1 ;;
     --fuzz) FUZZ_SECONDS=30 ;;
     --fuzz=*) FUZZ_SECONDS=${arg#--fuzz=} ;;
-    --ci) SANITIZE=1 TSAN=1 FUZZ_SECONDS=30 ;;
+    --ci) SANITIZE=1 TSAN=1 FUZZ_SECONDS=30 BUILD_BENCH=1 ;;
     -h | --help)
         sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
@@ -54,7 +55,7 @@ need_packages build-essential cmake flex bison libgtest-dev pkg-config
 if [ "$SANITIZE$TSAN" != "00" ] || [ "$FUZZ_SECONDS" != 0 ]; then
     need_packages clang libclang-rt-14-dev
 fi
-if [ "$MODE" = bench ]; then
+if [ "$MODE" = bench ] || [ "$BUILD_BENCH" = 1 ]; then
     need_packages libbenchmark-dev libmuparser-dev libfparser-dev
 fi
 
@@ -92,6 +93,10 @@ test)
         build_tree build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
             -DOXEL_BUILD_FUZZ=ON -DOXEL_BUILD_TESTS=OFF -DOXEL_BUILD_TOOLS=OFF
         ./fuzz/run.sh build-fuzz "$FUZZ_SECONDS"
+    fi
+    if [ "$BUILD_BENCH" = 1 ]; then
+        build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_BENCH=ON \
+            -DOXEL_BUILD_TESTS=OFF
     fi
     ;;
 bench)
