@@ -84,7 +84,6 @@ TEST(Derivative, PrintedTrees)
         {"pow(x,y)", "x", "y*x^(y-1)"},
         {"pow(2,x)", "x", "2^x*OxLn(2)"},
         {"pow(2,x*1)", "x", "2^(x*1)*OxLn(2)"},     // w' = 1*1 is one
-        {"pow(2,3*x)", "x", "2^(3*x)*(OxLn(2)*(3*1))"},
         {"pow(y,2)", "x", "y^2*(OxLn(y)*0)"},       // no shortcut when nothing depends on x
         {"pow(x,x)", "x", "x^x*OxLn(x)+x*x^(x-1)"},
         {"pow(x,2*x)", "x", "x^(2*x)*(OxLn(x)*(2*1))+(2*x)*x^(2*x-1)"},
@@ -136,17 +135,19 @@ TEST(Derivative, NoDerivative)
 {
     const char* formulas[] = {
         "x%2", "y%2",                               // a remainder refuses whatever it holds
-        "x&1", "x|1", "x^1", "x<<1", "x>>1",
+        "x&1", "x|1", "x^1", "x<<1", "x>>1",        // bitwise and shift operators
         "x;y", "y;1",                               // a statement sequence never
-        "floor(x)", "rint(x)", "trunc(x)", "copysign(x,1)", "drem(x,1)", "fmod(y,1)",
+        "floor(x)", "rint(x)", "trunc(x)",          // step functions without a slope rule
+        "copysign(x,1)", "drem(x,1)", "fmod(y,1)",
         "jn(x,2)", "yn(x,2)",                       // order depends on x
         "(x%2)+x", "x+(x%2)",                       // left, then right fails
-        "y-(x%2)", "x-(x%2)",
-        "2*(x%2)", "(x%2)*y", "x*(x%2)",
-        "2/(x%2)", "(x%2)/y", "x/(x%2)",
+        "y-(x%2)", "x-(x%2)",                       // u independent; both depend
+        "2*(x%2)", "(x%2)*y", "x*(x%2)",            // u independent; v independent; both
+        "2/(x%2)", "(x%2)/y", "x/(x%2)",            // likewise
         "pow(x%2,2)", "pow(x,x%2)", "pow(2,x%2)",   // the three power cases
-        "sin(x%2)", "jn(2,x%2)", "hypot(x,x%2)", "max(x,x%2)", "min(x%2,x)",
-        "atan2(x%2,2)", "atan2(2,x%2)", "atan2(x,x%2)",
+        "sin(x%2)", "jn(2,x%2)",                    // the argument refuses
+        "hypot(x,x%2)", "max(x,x%2)", "min(x%2,x)", // second, first argument refuses
+        "atan2(x%2,2)", "atan2(2,x%2)", "atan2(x,x%2)",  // the three atan2 cases
     };
     for (const char* f : formulas)
         EXPECT_EQ(nullptr, derive(f, "x").get()) << f;
@@ -232,10 +233,8 @@ TEST(DerivativeValue, DeliberateRulesAndClosedForms)
     } rows[] = {
         {"atan(x)", 0.5, 1.0 / (1.0 - 0.25)},           // over 1 - u*u, not 0.8
         {"erf(x)", 0.0, 1.1283791670955126},            // 2/sqrt(pi)
-        {"erfc(x)", 0.0, -1.1283791670955126},
         {"log10(x)", 10.0, 1.0 / (2.302585092994046 * 10)},
         {"max(x,2)", 3.0, 1.0},                         // 1*1 + 0*0
-        {"max(x,2)", 1.0, 0.0},
         {"max(x,2)", 2.0, 1.0},                         // tie: 1*1 + 1*0
         {"max(x,x)", 1.7, 2.0},                         // both indicators hold
         {"min(2*x,x)", 0.0, 3.0},
@@ -275,10 +274,13 @@ protected:
         f_.setUp(2, 2, 2, nullptr, nullptr);
         g_.setUp(3, 1, 3, nullptr, nullptr);
     }
-    Oxel* f(Oxel* a, Oxel* b, int component = 0)
+    // The source over parsed argument formulas.
+    static Tree source(OxDepVarnode& src, std::vector<const char*> formulas, int component = 0)
     {
-        Oxel* args[2] = {a, b};
-        return new OxDepVar(&f_, component, 0, nullptr, args);
+        std::vector<Oxel*> args;
+        for (const char* f : formulas)
+            args.push_back(parse(f)->root()->dup());
+        return Tree(new OxDepVar(&src, component, 0, nullptr, args.data()));
     }
     static OxDepVar* dep(Oxel* t) { return dynamic_cast<OxDepVar*>(t); }
 
@@ -288,17 +290,15 @@ protected:
 
 TEST_F(DepVarDiff, ChainRuleRecordsDirectionsUntilLevelsRunOut)
 {
-    Tree t(f(new OxVar(0, "x"), new OxVar(1, "y"), 1));
+    Tree t = source(f_, {"x", "y"}, 1);
     Tree d(t->diff("x"));
     ASSERT_EQ("f*1+f*0", text(d.get()));  // Plus(Mal(f[0], x'), Mal(f[1], y'))
     OxDepVar* f0 = dep(d->getChild(0)->getChild(0));
     OxDepVar* f1 = dep(d->getChild(1)->getChild(0));
-    ASSERT_TRUE(f0 && f1);
+    ASSERT_TRUE(f0 && f1 && f0->nDiff() == 1 && f1->nDiff() == 1);
     EXPECT_EQ(&f_, f0->node());
     EXPECT_EQ(1, f0->component());
-    ASSERT_EQ(1, f0->nDiff());
     EXPECT_EQ(0, f0->diffDims()[0]);
-    ASSERT_EQ(1, f1->nDiff());
     EXPECT_EQ(1, f1->diffDims()[0]);
     EXPECT_EQ(0, dep(t.get())->nDiff()) << "receiver changed";
 
@@ -312,9 +312,7 @@ TEST_F(DepVarDiff, ChainRuleRecordsDirectionsUntilLevelsRunOut)
 
 TEST_F(DepVarDiff, ValueMatchesClosedForm)
 {
-    Tree t(f(new OxMal(new OxVar(0, "x"), new OxVar(0, "x")),
-             new OxPlus(new OxVar(0, "x"), new OxZahl(1))));
-    Tree d(t->diff("x"));
+    Tree d(source(f_, {"x*x", "x+1"})->diff("x"));
     ASSERT_NE(nullptr, d.get());
     for (double x : {-1.2, 0.4, 2.0}) {
         // d/dx sin(x^2) (x+1)^2 = 2x cos(x^2) (x+1)^2 + sin(x^2) 2(x+1)
@@ -326,16 +324,9 @@ TEST_F(DepVarDiff, ValueMatchesClosedForm)
 // An argument without a derivative empties the sum built so far; only later terms survive.
 TEST_F(DepVarDiff, ArgumentWithoutDerivativeEmptiesTheSum)
 {
-    Expr mod = parse("x%2");
-    Tree first(f(mod->root()->dup(), new OxVar(0, "x")));
-    EXPECT_EQ(nullptr, Tree(first->diff("x")).get()) << "the first argument decides at once";
-    Tree last(f(new OxVar(0, "x"), mod->root()->dup()));
-    EXPECT_EQ(nullptr, Tree(last->diff("x")).get()) << "emptied by the last argument";
-
-    Expr three = parse("3*x");
-    Oxel* args[3] = {new OxVar(0, "x"), mod->root()->dup(), three->root()->dup()};
-    Tree middle(new OxDepVar(&g_, 0, 0, nullptr, args));
-    Tree d(middle->diff("x"));
+    EXPECT_EQ(nullptr, Tree(source(f_, {"x%2", "x"})->diff("x")).get()) << "first argument";
+    EXPECT_EQ(nullptr, Tree(source(f_, {"x", "y%2"})->diff("x")).get()) << "last argument";
+    Tree d(source(g_, {"x", "y%2", "3*x"})->diff("x"));
     ASSERT_EQ("g*(3*1)", text(d.get()));
     OxDepVar* g = dep(d->getChild(0));
     ASSERT_TRUE(g && g->nDiff() == 1);
@@ -343,18 +334,15 @@ TEST_F(DepVarDiff, ArgumentWithoutDerivativeEmptiesTheSum)
 
     OxDepVarnode none("h", sinTimesSquare, nullptr);
     none.setUp(0, 1, 1, nullptr, nullptr);
-    EXPECT_EQ("0", text(Tree(OxDepVar(&none, 0).diff("x")).get())) << "no arguments to vary";
+    EXPECT_EQ("0", text(Tree(source(none, {})->diff("x")).get())) << "no arguments to vary";
 }
 
 TEST_F(DepVarDiff, SimplifyKeepsArgumentsOrFolds)
 {
-    Tree t(f(new OxMal(new OxVar(0, "x"), new OxZahl(1)), new OxVar(1, "y")));
-    Tree s(t->simplify());
+    Tree s(source(f_, {"x*1", "y"})->simplify());
     ASSERT_EQ(2, s->getNumChildren());
     EXPECT_EQ("x*1", text(s->getChild(0))) << "arguments are not simplified";
-
-    Tree c(f(new OxZahl(0.5), new OxZahl(3)));
-    Tree folded(c->simplify());
+    Tree folded(source(f_, {"0.5", "3"})->simplify());
     ASSERT_EQ(13, folded->identify());
     EXPECT_DOUBLE_EQ(std::sin(0.5) * 9, at(folded.get(), 0));
 }
@@ -373,25 +361,22 @@ TEST(Simplify, Rules)
         {"x*0+y*0", "0"},                           // 0+b before a==b
         {"x+x", "2*x"},                             // the number first
         {"x*y+y*x", "2*(x*y)"},                     // products compare in either order
-        {"x+y", "x+y"},
         {"x+x+x", "2*x+x"},                         // a single pass
         {"sin(x)+sin(x)", "sin(x)+sin(x)"},         // functions compare children by identity
         {"x-0", "x"},
         {"0-x", "0-x"},                             // no rule for 0-b
         {"-x", "(-1)*x"},
         {"x-x", "0"},
-        {"x-y", "x-y"},
         {"0*x", "0"},
         {"x*0", "0"},
         {"1*x", "x"},
         {"x*1*1", "x"},                             // children first
-        {"x*x", "x*x"},
+        {"x/y+y*x-y", "(x/y+y*x)-y"},               // rebuilt with operands in place
         {"0/x", "0"},
         {"x/1", "x"},
         {"x/x", "1"},
         {"x*0/(y*0)", "1"},                         // 0/0 gives 1
         {"x/(y*0)", "x/0"},
-        {"x/y", "x/y"},
         {"2+3*4", "14"},
         {"sin(0)", "0"},
         {"sin(x*1)", "sin(x)"},                     // the base rule simplifies children
@@ -414,29 +399,20 @@ TEST(Simplify, Rules)
     }
 }
 
-TEST(Simplify, NanEqualsNothing)
+// Cases a formula cannot express, and constants that fold whatever their evaluation reports.
+TEST(Simplify, NanAbsentSlotAndFolding)
 {
-    Tree t(new OxMal(new OxVar(0, "x"), new OxZahl(std::nan(""))));
-    EXPECT_EQ("x*nan", text(Tree(t->simplify()).get()));
-}
+    Tree nan(new OxMal(new OxVar(0, "x"), new OxZahl(std::nan(""))));
+    EXPECT_EQ("x*nan", text(Tree(nan->simplify()).get())) << "nan equals nothing";
 
-// Constant trees fold to one number whatever their evaluation reports.
-TEST(Simplify, ConstantsFoldToOneNumber)
-{
-    for (const char* f : {"gauss()", "gauss()+1", "ln(-1)", "1/0", "1;2"}) {
-        Expr e = parse(f);
-        Tree s(e->root()->simplify());
-        EXPECT_EQ(13, s->identify()) << f;
-    }
-}
-
-TEST(Simplify, BranchKeepsAbsentSlot)
-{
     Tree b(new OxBranch(new OxPlus(new OxVar(0, "x"), new OxZahl(0)), nullptr));
     Tree s(b->simplify());
     ASSERT_EQ(21, s->identify());
     EXPECT_EQ("x", text(s->getChild(0)));
-    EXPECT_EQ(nullptr, s->getChild(1));
+    EXPECT_EQ(nullptr, s->getChild(1)) << "an absent slot stays absent";
+
+    for (const char* f : {"gauss()", "gauss()+1", "ln(-1)", "1/0", "1;2"})
+        EXPECT_EQ(13, Tree(parse(f)->root()->simplify())->identify()) << f;
 }
 
 }  // namespace

@@ -44,6 +44,14 @@ inline double evalTree(Oxel* tree, int& err, double* vars = nullptr)
     return v;
 }
 
+// A copy of the node; the node itself is destroyed.
+inline Oxel* copyOf(Oxel* node)
+{
+    Oxel* copy = node->dup();
+    delete node;
+    return copy;
+}
+
 // Bit-for-bit, so that signed zeros count; any NaN matches any NaN.
 inline ::testing::AssertionResult sameBits(double expected, double actual)
 {

@@ -1,4 +1,4 @@
-// Tests of the arithmetic, bitwise, comparison and logic operators and the statement sequence.
+// Tests of the two-operand nodes (operators and two-argument functions) and of error transfer.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -8,20 +8,12 @@
 
 #include "node_probe.h"
 
-namespace {
-const double kInf = INFINITY;
-const double kNaN = NAN;
-}  // namespace
+static const double kInf = INFINITY, kNaN = NAN;
 
 TEST(Operators, ValuesGuardsAndFallbacks)
 {
-    const struct {
-        Make2 make;
-        double a, b, value;
-        int err;
-    } rows[] = {
+    const struct { Make2 make; double a, b, value; int err; } rows[] = {
         {make2<OxDurch>, 1, 0, 1.0, 8},               // division by zero falls back to 1
-        {make2<OxDurch>, 1, -0.0, 1.0, 8},            // either sign of zero
         {make2<OxDurch>, 1e300, 1e-10, 1.0, 9},       // small divisor leaves the range
         {make2<OxDurch>, 1, kNaN, kNaN, 0},           // a NaN divisor is not zero
         {make2<OxModulo>, 5, 0, 0.0, 8},              // falls back to 0, not 1
@@ -36,24 +28,14 @@ TEST(Operators, ValuesGuardsAndFallbacks)
         {make2<OxHoch>, 1e200, 2, 1.0, 9},
         {make2<OxHoch>, -1e200, 2, kInf, 0},          // the limit compares the signed base
         {make2<OxHoch>, 1e-300, -2, kInf, 0},         // exponents up to 1 are unchecked
+        {make2<OxHoch>, DBL_MAX, 1, DBL_MAX, 0},      // exponent 1 itself as well
         {make2<OxHoch>, kNaN, 2, 1.0, 9},             // NaN fails the limit
         {make2<OxHoch>, -8, 1.0 / 3, -8, 12},         // exponent rounded up to 1
         {make2<OxHoch>, -8, 2, 64, 0},
         {make2<OxHoch>, -8, -0.5, 1.0, 12},           // exponent rounded up to -0
-        {make2<OxModulo>, 7.5, 2, 1.5, 0},
-        {make2<OxModulo>, -7, 3, -1, 0},              // sign of the dividend
-        {make2<OxModulo>, 7, -3, 1, 0},
         {make2<OxModulo>, 1e10, 1e-10, 1e10 + 2147483648.0 * 1e-10, 0},  // quotient -> INT32_MIN
         {make2<OxMal>, 0.5, kInf, kInf, 0},           // small left factor: unchecked
         {make2<OxMal>, kInf, 0.5, 1.0, 9},
-        {make2<OxBitOr>, 6, 3, 7, 0},
-        {make2<OxBitAnd>, 6, 3, 2, 0},
-        {make2<OxBitXOr>, 6, 3, 5, 0},
-        {make2<OxShiftLeft>, 1, 31, -2147483648.0, 0},  // the sign bit is reached
-        {make2<OxShiftLeft>, 1, 32, 1, 0},              // count modulo 32
-        {make2<OxShiftLeft>, 1, -1, -2147483648.0, 0},
-        {make2<OxShiftRight>, -8, 1, -4, 0},            // arithmetic shift
-        {make2<OxShiftRight>, -1, 31, -1, 0},
         {make2<OxBitAnd>, 5.9, 3.2, 1, 0},              // truncated to 5 and 3
         {make2<OxBitOr>, 3e9, 0, -2147483648.0, 0},     // out of range
         {make2<OxBitOr>, -2.5, 0, -2, 0},               // toward zero
@@ -72,66 +54,73 @@ TEST(Operators, ValuesGuardsAndFallbacks)
         {make2<OxOr>, 1e-8, 0, 0, 0},                   // the threshold is strict
         {make2<OxOr>, 2e-8, 0, 1, 0},
         {make2<OxOr>, kNaN, 0, 0, 0},
+        {make2<OxFmod>, 5, 0, 0, 666},         // "Illegal argument", not division by zero
+        {make2<OxDrem>, 5, 0, 0, 666},
+        {make2<OxFmod>, 5, 3, 2, 0},
+        {make2<OxDrem>, 5, 3, -1, 0},          // IEEE remainder rounds the quotient
+        {make2<OxArctan2>, 0, 0, 0, 666},
+        {make2<OxArctan2>, 0, -1, M_PI, 0},
+        {make2<OxHypot>, 3, 4, 5, 0},
+        {make2<OxHypot>, 0.1, 0.2, 0.22360679507255554, 0},  // single precision, kept so
+        {make2<OxCopysign>, 3, -0.0, -3, 0},
+        {make2<OxCopysign>, -2, 1, 2, 0},
+        {make2<OxMax>, kNaN, 1, 1, 0},         // a false comparison gives the second
+        {make2<OxMax>, 1, kNaN, kNaN, 0},
+        {make2<OxMin>, 0.0, -0.0, -0.0, 0},
+        {make2<OxMax>, 2, 3, 3, 0},
+        {make2<OxMin>, 2, 3, 2, 0},
+        {make2<OxJn>, 2.5, 1.7, ::jn(2, 1.7), 0},   // order rounded to even
+        {make2<OxJn>, 3.5, 1.7, ::jn(4, 1.7), 0},
+        {make2<OxYn>, 1.4, 2.2, ::yn(1, 2.2), 0},
+        {make2<OxYn>, -0.5, 2.2, ::yn(0, 2.2), 0},
     };
-    for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
+    for (const auto& r : rows) {
         int err = 0;
-        double v = evalTree(rows[i].make(N(rows[i].a), N(rows[i].b)), err);
-        EXPECT_TRUE(sameBits(rows[i].value, v)) << "row " << i;
-        EXPECT_EQ(rows[i].err, err) << "row " << i;
+        double v = evalTree(r.make(N(r.a), N(r.b)), err);
+        EXPECT_TRUE(sameBits(r.value, v)) << "row " << &r - rows;
+        EXPECT_EQ(r.err, err) << "row " << &r - rows;
     }
 }
 
-// Away from the guards the operators are plain C arithmetic, and powers are powl.
+// Away from the guards the operators are plain C arithmetic on doubles or 32-bit integers
+// (shift counts modulo 32, arithmetic right shift, remainder with the dividend's sign), and
+// powers are powl.
 TEST(Operators, MatchCArithmeticInRange)
 {
     std::mt19937 gen(12345);
     std::uniform_real_distribution<double> dist(-1e6, 1e6);
+    std::uniform_int_distribution<int32_t> bits(INT32_MIN, INT32_MAX);
+    int err = 0;
+    auto run = [&err](Make2 m, double a, double b) { return evalTree(m(N(a), N(b)), err); };
     for (int i = 0; i < 2000; ++i) {
+        int32_t p = bits(gen), q = bits(gen), s = q & 31;
+        EXPECT_EQ(p | q, run(make2<OxBitOr>, p, q));
+        EXPECT_EQ(p & q, run(make2<OxBitAnd>, p, q));
+        EXPECT_EQ(p ^ q, run(make2<OxBitXOr>, p, q));
+        EXPECT_EQ(static_cast<int32_t>(uint32_t(p) << s), run(make2<OxShiftLeft>, p, q));
+        EXPECT_EQ(std::floor(p / std::ldexp(1.0, s)), run(make2<OxShiftRight>, p, q));
         double a = dist(gen), b = dist(gen);
         double base = std::fabs(a) / 1e5, ex = i % 3 ? b / 2e5 : i % 7;  // integral exponents too
-        int err = 0;
-        EXPECT_EQ(a + b, evalTree(new OxPlus(N(a), N(b)), err));
-        EXPECT_EQ(a - b, evalTree(new OxMinus(N(a), N(b)), err));
-        EXPECT_EQ(a * b, evalTree(new OxMal(N(a), N(b)), err));
-        EXPECT_EQ(a / b, evalTree(new OxDurch(N(a), N(b)), err));
-        EXPECT_EQ(a - std::trunc(a / b) * b, evalTree(new OxModulo(N(a), N(b)), err));
-        EXPECT_TRUE(sameBits(static_cast<double>(powl(base, ex)),
-                             evalTree(new OxHoch(N(base), N(ex)), err)))
-            << base << "^" << ex;
-        EXPECT_EQ(0, err);
+        EXPECT_EQ(a + b, run(make2<OxPlus>, a, b));
+        EXPECT_EQ(a - b, run(make2<OxMinus>, a, b));
+        EXPECT_EQ(a * b, run(make2<OxMal>, a, b));
+        EXPECT_EQ(a / b, run(make2<OxDurch>, a, b));
+        EXPECT_EQ(a - std::trunc(a / b) * b, run(make2<OxModulo>, a, b));
+        EXPECT_TRUE(sameBits(static_cast<double>(powl(base, ex)), run(make2<OxHoch>, base, ex)));
     }
-}
-
-TEST(Operators, BitwiseMatchesIntegerReference)
-{
-    std::mt19937 gen(99);
-    std::uniform_int_distribution<int32_t> dist(INT32_MIN, INT32_MAX);
-    for (int i = 0; i < 1000; ++i) {
-        int32_t a = dist(gen), b = dist(gen);
-        int s = b & 31, err = 0;
-        auto run = [&](Make2 m) { return evalTree(m(N(a), N(b)), err); };
-        EXPECT_EQ(a | b, run(make2<OxBitOr>));
-        EXPECT_EQ(a & b, run(make2<OxBitAnd>));
-        EXPECT_EQ(a ^ b, run(make2<OxBitXOr>));
-        EXPECT_EQ(static_cast<int32_t>(static_cast<uint32_t>(a) << s), run(make2<OxShiftLeft>));
-        EXPECT_EQ(std::floor(a / std::ldexp(1.0, s)), run(make2<OxShiftRight>));
-    }
+    EXPECT_EQ(0, err);
 }
 
 // Which code survives when children, guards and earlier failures meet.
 TEST(Operators, ErrorTransfer)
 {
-    const struct {
-        Oxel* tree;
-        int errIn;
-        double value;
-        int errOut;
-    } rows[] = {
-        {new OxPlus(new Probe(DBL_MAX, 11), N(DBL_MAX)), 0, 1.0, 11},  // guard fires, child code stays
+    double vars[] = {7.0};
+    const struct { Oxel* tree; int errIn; double value; int errOut; } rows[] = {
+        {new OxPlus(new Probe(DBL_MAX, 11), N(DBL_MAX)), 0, 1.0, 11},  // guard fires, code kept
         {new OxPlus(new Probe(1, 11), new Probe(2, 8)), 0, 3, 11},     // left operand wins
         {new OxDurch(new Probe(1, 11), new Probe(2, 8)), 0, 0.5, 8},   // divisor evaluated first
         {new OxBitOr(N(1), new Probe(2, 8)), 0, 3, 8},
-        {new OxLess(new Probe(1, 1), N(2)), 8, 1, 1},      // comparisons overwrite with a child code
+        {new OxLess(new Probe(1, 1), N(2)), 8, 1, 1},      // comparisons overwrite with child codes
         {new OxGreater(N(1), new Probe(2, 11)), 8, 0, 11},
         {new OxLessEqual(N(1), N(2)), 8, 1, 8},             // nothing to hand on
         {new OxLess(new Probe(1, -3), N(2)), 0, 1, 0},     // only positive codes travel
@@ -144,23 +133,16 @@ TEST(Operators, ErrorTransfer)
         {new OxBranch(N(1), new Probe(4, 12)), 0, 4, 12},   // value of the last statement
         {new OxBranch(new Probe(1, 11), new Probe(4, 12)), 0, 4, 11},
         {new OxBranch(nullptr, nullptr), 0, 0, 0},          // an empty sequence is 0
+        {copyOf(new OxVar(0, "a", N(2))), 0, 7, 0},  // a copy of an assignment only reads
+        {new OxBranch(new OxVar(0, "a", N(2)), new OxMal(V("a"), N(3))), 0, 6, 0},  // a=2; a*3
         {new OxLn(new Probe(-1, 1)), 0, 0, 1},               // guard fires, argument code stays
         {new OxSinus(new Probe(2, 9)), 0, std::sin(2.0), 9},
         {new OxFmod(new Probe(1, 11), new Probe(0, 8)), 0, 0, 11},
         {new OxMin(N(1), new Probe(2, 8)), 0, 1, 8},
     };
-    for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
-        int err = rows[i].errIn;
-        EXPECT_EQ(rows[i].value, evalTree(rows[i].tree, err)) << "row " << i;
-        EXPECT_EQ(rows[i].errOut, err) << "row " << i;
+    for (const auto& r : rows) {
+        int err = r.errIn;
+        EXPECT_EQ(r.value, evalTree(r.tree, err, vars)) << "row " << &r - rows;
+        EXPECT_EQ(r.errOut, err) << "row " << &r - rows;
     }
-}
-
-TEST(OxBranch, EarlierStatementsRunFirst)
-{
-    double vars[] = {0.0};
-    int err = 0;
-    Oxel* seq = new OxBranch(new OxVar(0, "a", N(2)), new OxMal(V("a"), N(3)));  // a=2; a*3
-    EXPECT_EQ(6.0, evalTree(seq, err, vars));
-    EXPECT_EQ(0, err);
 }

@@ -1,4 +1,5 @@
 // oxel: command-line front end of liboxel (evaluate, differentiate, simplify, print, tabulate).
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -486,10 +487,12 @@ int runPrint(const Args& a)
 class TableWriter {
 public:
     TableWriter(Session& s, const std::vector<int>& slots)
-        : expr_(s.expression()), slots_(slots), base_(s.baseRow()), stride_(base_.size())
+        : expr_(s.expression()), slots_(slots), base_(s.baseRow()), stride_(base_.size()),
+          // Formulas with thousands of assigned names get shorter blocks (at most 8 MB of values).
+          block_(std::max<size_t>(1, std::min<size_t>(4096, (size_t(1) << 20) / stride_)))
     {
-        rows_.reserve(kBlock * stride_);
-        columns_.reserve(kBlock * slots_.size());
+        rows_.reserve(block_ * stride_);
+        columns_.reserve(block_ * slots_.size());
     }
 
     void add(const std::vector<double>& columns)
@@ -499,7 +502,7 @@ public:
         for (size_t k = 0; k < slots_.size(); ++k)
             row[slots_[k]] = columns[k];
         columns_.insert(columns_.end(), columns.begin(), columns.end());
-        if (rows_.size() == kBlock * stride_)
+        if (rows_.size() == block_ * stride_)
             flush();
     }
 
@@ -530,11 +533,10 @@ public:
     }
 
 private:
-    static const size_t kBlock = 4096;
     OxelExpression& expr_;
     std::vector<int> slots_;
     std::vector<double> base_;
-    size_t stride_;
+    size_t stride_, block_;
     std::vector<double> rows_, columns_;
 };
 

@@ -27,6 +27,8 @@ int Oxel::count()
     int kids = getNumChildren();
     for (int i = 0; i < kids; ++i) {
         Oxel* c = getChild(i);
+        if (!c)
+            continue;  // a hand-built branch may leave its first slot empty
         if (priority() > c->priority())
             n += 2;
         n += c->count();
@@ -42,6 +44,8 @@ int Oxel::print(char* buf)
     int kids = getNumChildren();
     for (int i = 0; i < kids; ++i) {
         Oxel* c = getChild(i);
+        if (!c)
+            continue;
         if (priority() >= c->priority()) {
             buf[p++] = '(';
             p += c->print(buf + p);
@@ -61,7 +65,8 @@ int Oxel::vconstant()
     int r = -1;
     int kids = getNumChildren();
     for (int i = 0; i < kids && r; ++i)
-        r &= getChild(i)->vconstant();
+        if (Oxel* c = getChild(i))
+            r &= c->vconstant();
     return r;
 }
 
@@ -70,7 +75,8 @@ int Oxel::pconstant(const char* var)
     int r = -1;
     int kids = getNumChildren();
     for (int i = 0; i < kids && r; ++i)
-        r &= getChild(i)->pconstant(var);
+        if (Oxel* c = getChild(i))
+            r &= c->pconstant(var);
     return r;
 }
 

@@ -105,19 +105,14 @@ int OxelExpression::initFromString(const char* text)
     oxelDestroy(root_);
     root_ = nullptr;
 
-    // The parser cuts statements in place. It works on a private copy so that a successful
-    // parse never writes to the caller's text, which may then even be a literal.
+    // The parser cuts statements in place. It works on a private copy, so the caller's text is
+    // never written, not even when a statement fails, and may be a literal.
     std::vector<char> copy(text, text + std::strlen(text) + 1);
     std::string error;
     root_ = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
     numInternal_ = numVars() - declared;
     if (root_)
         return 1;
-    // A failed statement keeps its ';' cut to a NUL; the caller's text shows that cut just as
-    // if it had been parsed in place (so a failing text must be writable memory).
-    size_t cut = std::strlen(copy.data());
-    if (text[cut] != '\0')
-        const_cast<char*>(text)[cut] = '\0';
     setDefaultExpression();
     lastError_ = KxString(error.c_str());
     return 0;

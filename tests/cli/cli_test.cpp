@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -16,10 +15,7 @@
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
+struct Result { int status = -1; std::string out, err; };
 
 std::string quote(const std::string& s)
 {
@@ -29,25 +25,18 @@ std::string quote(const std::string& s)
     return q + "'";
 }
 
-std::string tempFile(const std::string& content)
-{
-    char path[] = "/tmp/oxel-cli-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd >= 0)
-        close(fd);
-    std::ofstream(path) << content;
-    return path;
-}
-
 // Runs oxel with the arguments (no shell interpretation of them) and the given standard input.
 Result runOxel(const std::vector<std::string>& args, const std::string& input = "")
 {
-    std::string in = tempFile(input), err = tempFile("");
+    char in[] = "/tmp/oxel-cli-XXXXXX", err[] = "/tmp/oxel-cli-XXXXXX";
+    close(mkstemp(in));
+    close(mkstemp(err));
+    std::ofstream(in) << input;
     std::string cmd = quote(OXEL_CLI_PATH);
     for (const std::string& a : args)
         cmd += " " + quote(a);
     Result r;
-    FILE* p = popen((cmd + " <" + quote(in) + " 2>" + quote(err)).c_str(), "r");
+    FILE* p = popen((cmd + " <" + in + " 2>" + err).c_str(), "r");
     char buf[4096];
     for (size_t n; p && (n = fread(buf, 1, sizeof buf, p)) > 0;)
         r.out.append(buf, n);
@@ -56,8 +45,8 @@ Result runOxel(const std::vector<std::string>& args, const std::string& input = 
     std::stringstream ss;
     ss << std::ifstream(err).rdbuf();
     r.err = ss.str();
-    std::remove(in.c_str());
-    std::remove(err.c_str());
+    std::remove(in);
+    std::remove(err);
     return r;
 }
 
@@ -68,13 +57,7 @@ bool endsWith(const std::string& s, const std::string& tail)
 
 // out must end standard output ("" means no output at all); err must occur in standard
 // error ("" means nothing there). Usage errors must also point to --help.
-struct Case {
-    std::vector<std::string> args;
-    int status;
-    const char* out;
-    const char* err;
-    const char* input = "";
-};
+struct Case { std::vector<std::string> args; int status; const char *out, *err, *input = ""; };
 
 const char kParseFail[] = "\noxel: the formula does not parse\n";
 const char kTable[] = "x,y,value,error\n1,0,110,0\n1,0.5,110.5,0\n1,1,111,0\n2,0,120,0\n2,0.5,120.5,0\n2,1,121,0\n";
@@ -84,29 +67,19 @@ const Case kCases[] = {
     {{"eval", "-x * 3", "x=2"}, 0, "-6\n", ""},  // a leading '-' is formula text, not an option
     {{"eval", "x + y", "x=-1.5e3", "y=.25"}, 0, "-1499.75\n", ""},
     {{"eval", "2^3"}, 0, "1\n", ""},  // exclusive or
-    {{"eval", "pow(2,3)"}, 0, "8\n", ""},
-    {{"eval", "1 + 7 % 4"}, 0, "0\n", ""},
-    {{"eval", "2 * 3 | 4"}, 0, "14\n", ""},
     {{"eval", "a = x*2; a + 1", "x=0.75"}, 0, "2.5\n", ""},
-    {{"eval", "t * 2", "--alias", "t=x", "x=1.25"}, 0, "2.5\n", ""},
     {{"eval", "t * 2", "x=1.25", "--alias=t=x"}, 0, "2.5\n", ""},
     {{"eval", "t + x", "t=4", "--alias", "t=x", "--alias", "t=x"}, 0, "8\n", ""},
     {{"eval", "1/3"}, 0, "0.3333333333333333\n", ""},  // 16 digits suffice
     {{"eval", "0.1+0.2"}, 0, "0.30000000000000004\n", ""},
-    {{"eval", "1e20*10"}, 0, "1e+21\n", ""},
+    {{"eval", "1e23"}, 0, "1e+23\n", ""},  // 15 digits suffice; 16 would show 9.999999999999999e+22
     {{"eval", "x", "x=nan"}, 0, "nan\n", ""},
-    {{"eval", "x", "x=-inf"}, 0, "-inf\n", ""},
     {{"eval", "x", "x=1e-999"}, 0, "0\n", ""},  // underflow is harmless
     {{"eval", "1/x", "x=0"}, 3, "1\n", "oxel: evaluation error 8: Division by zero\n"},
-    {{"eval", "ln(x)", "x=-1"}, 3, "0\n", "evaluation error 11: Illegal log argument"},
-    {{"eval", "sqrt(x)", "x=-4"}, 3, "0\n", "evaluation error 12: Radicand negativ"},
-    {{"eval", "asin(x)", "x=2"}, 3, "0\n", "evaluation error 14: Arcus range"},
-    {{"eval", "fmod(x, 0)", "x=1"}, 3, "0\n", "evaluation error 666: Illegal argument"},
     // The library prints its own message; the program adds one line without repeating it.
     {{"eval", "1 )"}, 2, "", "Parsing OxError: syntax error, unexpected ')', expecting $end near >)<\noxel: the formula does not parse\n"},
     {{"eval", "x + y", "x=1"}, 2, "", "expecting '=' near ><\noxel: the formula does not parse\noxel: hint: declare every"},
     {{"eval", ";"}, 2, "", kParseFail},
-    {{"print", "x +", "x"}, 2, "", kParseFail},
     {{"diff", "max(x)", "x"}, 2, "", kParseFail},
     {{"table", "x +* 2", "x=0:1"}, 2, "", kParseFail},
     {{"table", "x", "--csv"}, 2, "", kParseFail, "y\n1\n"},
@@ -114,7 +87,6 @@ const Case kCases[] = {
     {{"table", "x*10 + y + c", "x=1:2", "c=100", "y=0:1:0.5"}, 0, kTable, ""},
     {{"table", "x", "x=0:1:0.1"}, 0, "\n0.9,0.9,0\n1,1,0\n", ""},  // the stop survives rounding
     {{"table", "x", "x=0:0.3:0.1"}, 0, "\n0.30000000000000004,0.30000000000000004,0\n", ""},
-    {{"table", "x", "x=0:1:0.3"}, 0, "\n0.8999999999999999,0.8999999999999999,0\n", ""},
     {{"table", "x", "x=1:0:-0.25"}, 0, "\n0.25,0.25,0\n0,0,0\n", ""},
     {{"table", "x", "x=2:2:-1"}, 0, "x,value,error\n2,2,0\n", ""},
     {{"table", "x", "x=-3:3"}, 0, "error\n-3,-3,0\n-2,-2,0\n-1,-1,0\n0,0,0\n1,1,0\n2,2,0\n3,3,0\n", ""},
@@ -123,7 +95,6 @@ const Case kCases[] = {
     {{"table", "x*y + c", "--csv", "c=0.5"}, 0, "x,y,value,error\n1,2,2.5,0\n3,-4,-11.5,0\n1000,0.25,250.5,0\n", "", " x , y\n1,2\n\n3,-4\r\n1e3,0.25\n"},
     {{"table", "ln(x)", "--csv"}, 0, "x,value,error\n1,0,0\n-1,0,11\n", "", "x\n1\n-1\n"},
     {{"table", "x+y", "--csv"}, 1, "1,2,3,0\n", "CSV line 3 has 1 fields, the header has 2", "x,y\n1,2\n3\n"},
-    {{"table", "x+y", "--csv"}, 1, "x,y,value,error\n", "CSV line 2 has 3 fields", "x,y\n1,2,3\n"},
     {{"table", "x+y", "--csv"}, 1, "x,y,value,error\n", "CSV line 2: 'abc' is not a number", "x,y\n1,abc\n"},
     {{"table", "x+y", "--csv"}, 1, "", "expects a header line"},
     {{"table", "x+y", "--csv"}, 1, "", "'1y' in 'x,1y' is not a variable name", "x,1y\n1,2\n"},
@@ -135,10 +106,7 @@ const Case kCases[] = {
     {{"eval"}, 1, "", "eval needs a formula"},
     {{"eval", "  "}, 1, "", "the formula is empty"},
     {{"eval", "x", "x=abc"}, 1, "", "'abc' in 'x=abc' is not a number"},
-    {{"eval", "x", "x=1x"}, 1, "", "'1x' in 'x=1x' is not a number"},
     {{"eval", "x", "x=1e999"}, 1, "", "'1e999' in 'x=1e999' is too large"},
-    {{"eval", "x", "x="}, 1, "", "argument 'x=' must have the form name=value"},
-    {{"eval", "x", "=1"}, 1, "", "argument '=1' must have the form name=value"},
     {{"eval", "x", "x"}, 1, "", "argument 'x' must have the form name=value"},
     {{"eval", "x", "1x=2"}, 1, "", "'1x' in '1x=2' is not a variable name"},
     {{"eval", "x", "x=1", "x=2"}, 1, "", "variable 'x' is given more than once"},
@@ -148,22 +116,14 @@ const Case kCases[] = {
     {{"eval", "x", "x=1", "--alias", "x=x"}, 1, "", "names the variable itself"},
     {{"eval", "t", "x=1", "--alias", "t=x", "--alias", "t=y"}, 1, "", "alias 't' stands for both 'x' and 'y'"},
     {{"eval", "x", "--var", "y", "x=1"}, 1, "", "no value for variable 'y'"},
-    {{"eval", "x", "x=1", "--simplify"}, 1, "", "--simplify applies to diff only"},
-    {{"eval", "x", "x=1", "--csv"}, 1, "", "--csv applies to table only"},
     {{"print", "x", "x", "--once"}, 1, "", "--once applies to simplify only"},
     {{"diff", "x"}, 1, "", "diff needs the variable to differentiate by"},
-    {{"diff", "x", "1x"}, 1, "", "'1x' in '1x' is not a variable name"},
-    {{"table", "x"}, 1, "", "table needs a range"},
     {{"table", "x", "x"}, 1, "", "argument 'x' must have the form name=value"},
     {{"table", "x", "x=0"}, 1, "", "table needs a range"},
     {{"table", "x", "x=0:1:0"}, 1, "", "range 'x=0:1:0' has step 0"},
     {{"table", "x", "x=0:1:-0.5"}, 1, "", "the step has the wrong sign"},
-    {{"table", "x", "x=1:0"}, 1, "", "the step has the wrong sign"},
     {{"table", "x", "x=0:1:2:3"}, 1, "", "must be name=start:stop or name=start:stop:step"},
-    {{"table", "x", "x=a:1"}, 1, "", "'a' in 'x=a:1' is not a number"},
-    {{"table", "x", "x=0:inf:1"}, 1, "", "needs finite numbers"},
     {{"table", "x", "x=0:1:nan"}, 1, "", "needs finite numbers"},
-    {{"table", "x", "x=0:1e7"}, 1, "", "has more than 10000000 points"},
     {{"table", "x", "x=0:1:1e-300"}, 1, "", "has more than 10000000 points"},
     {{"table", "x*y", "x=0:5000", "y=0:5000"}, 1, "", "the ranges together have more than"},
     {{"table", "x", "x=0:1", "x=0:2"}, 1, "", "variable 'x' is given more than once"},
@@ -174,10 +134,7 @@ const Case kCases[] = {
 TEST(OxelProgram, CommandsGiveTheirOutputAndExitStatus)
 {
     for (const Case& c : kCases) {
-        std::string trace;
-        for (const std::string& a : c.args)
-            trace += "[" + a + "]";
-        SCOPED_TRACE(trace);
+        SCOPED_TRACE(testing::PrintToString(c.args));
         Result r = runOxel(c.args, c.input);
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_TRUE(*c.out ? endsWith(r.out, c.out) : r.out.empty()) << r.out;
@@ -210,42 +167,37 @@ TEST(OxelProgram, TableWritesEveryRowAcrossBlocks)
     EXPECT_TRUE(endsWith(bad.out, "\n8999,8999,0\n")) << bad.out.size();
 }
 
-// diff, simplify and print show exactly what the library makes of the formula.
+// diff, simplify and print show exactly what the library makes of the formula over x and y.
+using Make = OxelExpression* (*)(OxelExpression&);
+const Make kAsIs = [](OxelExpression&) -> OxelExpression* { return nullptr; };
+const Make kDiff = [](OxelExpression& e) { return e.derivative("x"); };
+const Make kFully = [](OxelExpression& e) { return e.simplifiedFully(); };
+const Make kOnce = [](OxelExpression& e) { return e.simplified(); };
+const Make kDiffFully = [](OxelExpression& e) {
+    std::unique_ptr<OxelExpression> d(e.derivative("x"));
+    return d ? d->simplifiedFully() : nullptr;
+};
+
 TEST(OxelProgram, TreeCommandsPrintTheLibraryText)
 {
-    enum Mode { kPrint, kDiff, kDiffSimplified, kSimplify, kSimplifyOnce };
-    struct TreeCase {
-        std::vector<std::string> args;  // formula, then further arguments
-        Mode mode;
-        const char* formula;  // as the library sees it, over the variables x and y
-    } cases[] = {
-        {{"(x-y)-x", "x", "y"}, kPrint, "(x-y)-x"},
-        {{"x-(y-x)*y", "x", "y"}, kPrint, "x-(y-x)*y"},
-        {{"pow(x,3)*y", "x", "y"}, kDiff, "pow(x,3)*y"},
-        {{"pow(x,3)*y", "x", "y", "--simplify"}, kDiffSimplified, "pow(x,3)*y"},
-        {{"sin(x)*exp(-x/4) + x*y", "x", "--var", "y", "--simplify"}, kDiffSimplified, "sin(x)*exp(-x/4) + x*y"},
-        {{"t*y", "t", "y", "--alias", "t=x"}, kDiff, "x*y"},
-        {{"2+3*x*1", "x", "y=4"}, kSimplify, "2+3*x*1"},
-        {{"(x+0)*(1*y)", "x", "y"}, kSimplify, "(x+0)*(1*y)"},
-        {{"(x+0)*(1*y)", "x", "y", "--once"}, kSimplifyOnce, "(x+0)*(1*y)"},
+    struct TreeCase { std::vector<std::string> args; const char* formula; Make make; } cases[] = {
+        {{"print", "(x-y)-x", "x", "y"}, "(x-y)-x", kAsIs},
+        {{"diff", "pow(x,3)*y", "x", "y"}, "pow(x,3)*y", kDiff},
+        {{"diff", "pow(x,3)*y", "x", "y", "--simplify"}, "pow(x,3)*y", kDiffFully},
+        {{"diff", "sin(x)*exp(-x/4) + x*y", "x", "--var", "y", "--simplify"}, "sin(x)*exp(-x/4) + x*y", kDiffFully},
+        {{"diff", "t*y", "t", "y", "--alias", "t=x"}, "x*y", kDiff},
+        {{"simplify", "2+3*x*1", "x", "y=4"}, "2+3*x*1", kFully},
+        {{"simplify", "(x+0)*(1*y)", "x", "y", "--once"}, "(x+0)*(1*y)", kOnce},
     };
-    const char* commands[] = {"print", "diff", "diff", "simplify", "simplify"};
     for (const TreeCase& c : cases) {
-        std::vector<std::string> args = {commands[c.mode]};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        SCOPED_TRACE(c.args[0] + " " + args[0]);
+        SCOPED_TRACE(c.args[0] + " " + c.args[1]);
         OxelExpression e;
         e.addVar("x");
         e.addVar("y");
         ASSERT_EQ(e.initFromString(c.formula), 1);
-        std::unique_ptr<OxelExpression> t(c.mode == kPrint       ? nullptr
-                                          : c.mode == kSimplify  ? e.simplifiedFully()
-                                          : c.mode == kSimplifyOnce ? e.simplified()
-                                                                    : e.derivative("x"));
-        ASSERT_TRUE(t || c.mode == kPrint);
-        if (c.mode == kDiffSimplified)
-            t.reset(t->simplifiedFully());
-        Result r = runOxel(args);
+        std::unique_ptr<OxelExpression> t(c.make(e));
+        ASSERT_TRUE(t || c.make == kAsIs);
+        Result r = runOxel(c.args);
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.out, oxelToString((t ? t.get() : &e)->root()) + "\n");
     }
@@ -253,13 +205,13 @@ TEST(OxelProgram, TreeCommandsPrintTheLibraryText)
 
 TEST(OxelProgram, HelpNamesEveryCommandAndExitStatus)
 {
-    for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"}, {"-h"}, {"eval", "x", "--help"}}) {
-        Result r = runOxel(args);
+    // --help after a command still shows the help instead of running it.
+    for (const Result& r : {runOxel({"--help"}), runOxel({"-h"}), runOxel({"eval", "x", "--help"})}) {
         EXPECT_EQ(r.status, 0);
         for (const char* word : {"eval FORMULA", "diff FORMULA", "simplify FORMULA", "print FORMULA",
                                  "table FORMULA", "--csv", "--alias", "--var", "--simplify", "--once",
-                                 "--version", "pow(a, b)", "0  success", "1  usage error",
-                                 "2  the formula does not parse", "3  evaluation error", "4  no derivative"})
+                                 "--version", "0  success", "1  usage error", "2  the formula does not parse",
+                                 "3  evaluation error", "4  no derivative"})
             EXPECT_NE(r.out.find(word), std::string::npos) << word;
     }
 }
