@@ -39,7 +39,8 @@ TEST(KxString, ConstructionCopyAndLength)
 
     b = "be";
     a = b;
-    a = a;  // self-assignment keeps the text
+    KxString& same = a;
+    a = same;  // self-assignment keeps the text
     EXPECT_STREQ("be", a.c_str());
     EXPECT_TRUE(a == KxString("be"));
     EXPECT_FALSE(a == KxString("bee"));

@@ -81,7 +81,9 @@ inline __m128d vecMal(__m128d a, __m128d b, __m128d& ok)
     __m128d fb = _mm_andnot_pd(kSign, b);
     __m128d small = _mm_cmpngt_pd(fa, kOne);  // not |a| > 1, NaN included
     ok = _mm_or_pd(small, _mm_cmpgt_pd(_mm_div_pd(kMax, fa), fb));
-    return select(ok, _mm_mul_pd(a, b), kOne);
+    // a's own NaN wins, as in the scalar kernel, whatever operand order the compiler picks.
+    __m128d prod = select(_mm_cmpunord_pd(a, a), _mm_add_pd(a, a), _mm_mul_pd(a, b));
+    return select(ok, prod, kOne);
 }
 
 inline __m128d vecDurch(__m128d a, __m128d b, __m128d& ok)

@@ -74,6 +74,10 @@ inline double eval_OxMal(double a, double b, int& err)
         raise(err, 9);
         return 1.0;
     }
+    // With two NaN operands x86 returns the first one, and the compiler may swap the operands
+    // of a commutative product: pin the answer to a's NaN so that every evaluator agrees.
+    if (std::isnan(a))
+        return a + a;
     return a * b;
 }
 
