@@ -95,11 +95,22 @@ OxVar::OxVar(int index, const char* name, Oxel* bound) : index_(index), name_(na
 }
 
 // A bound variable is an assignment: it stores its expression's value for later readers.
+namespace {
+
+// Kept out of line so that reading a plain variable, the commonest node, needs no frame.
+__attribute__((noinline)) double assignSlot(Oxel* bound, int index, double* vars, int& err)
+{
+    vars[index] = bound->value(vars, err);
+    return vars[index];
+}
+
+}  // namespace
+
 double OxVar::value(double* vars, int& err) const
 {
-    if (bound_)
-        vars[index_] = bound_->value(vars, err);
-    return vars[index_];
+    if (__builtin_expect(bound_ == nullptr, 1))
+        return vars[index_];
+    return assignSlot(bound_, index_, vars, err);
 }
 
 // Copies read the slot only; the assignment itself stays with the original tree.
