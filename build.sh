@@ -78,9 +78,7 @@ test)
     if [ "$SANITIZE" = 1 ]; then
         build_tree build-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
             -DOXEL_SANITIZE=address,undefined
-        # A failed parse abandons the nodes it had built; fuzz/lsan.supp exempts only those.
         ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-            LSAN_OPTIONS=suppressions=$PWD/fuzz/lsan.supp:print_suppressions=0 \
             ctest --test-dir build-asan --output-on-failure -j "$JOBS"
     fi
     if [ "$TSAN" = 1 ]; then

@@ -27,6 +27,8 @@ static void evalExpression(OxelExpression& e, double seed)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     std::vector<char> text = oxfuzz::writableText(data, size);
+    if (oxfuzz::callsBesselOfOrder(text))
+        return 0;
 
     OxelExpression e;
     FUZZ_CHECK(e.addVar("x") == 0);

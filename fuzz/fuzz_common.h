@@ -51,6 +51,14 @@ const long kMaxNodesForDiff = 400;
 // depth times size; past this product the targets skip it.
 const long kMaxDepthTimesNodesForSimplify = 1000000;
 
+// jn and yn cost time linear in their order (up to 2^31, about ten seconds a call); inputs
+// that call them are skipped so that a huge order cannot pass for a hang.
+inline bool callsBesselOfOrder(const std::vector<char>& text)
+{
+    std::string s(text.data());
+    return s.find("jn") != std::string::npos || s.find("yn") != std::string::npos;
+}
+
 // The text of the input up to its first NUL, in writable memory (the parser writes into it).
 inline std::vector<char> writableText(const uint8_t* data, size_t size)
 {

@@ -27,7 +27,6 @@ fi
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/oxel-fuzz.XXXXXX")
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:symbolize=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$HERE/lsan.supp:print_suppressions=0}
 
 # Text inputs must reach past the lexer's 8192-character chunk.
 max_len_of() {
