@@ -5,6 +5,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,12 +42,11 @@ TEST(Random, Ran1StateIsTheMinimalStandardSequence)
 {
     ASSERT_EQ(1043618065, parkMiller(1, 10000));  // the published check value
     const struct { int64_t start, seed; int calls; } rows[] = {
-        {-1, 1, 9960},  // the initial state
-        {-5, 5, 3},     // any non-positive state reseeds with its magnitude
-        {0, 1, 2},      // zero becomes 1
-        {-2147483646, 2147483646, 1},
+        {-1, 1, 9960},                             // the initial state
+        {-5, 5, 3}, {-2147483646, 2147483646, 1},  // non-positive: reseeded with the magnitude
+        {0, 1, 2},                                 // zero becomes 1
     };
-    OxGauss::m_mutex.lock();
+    std::lock_guard<KxMutex> lock(OxGauss::m_mutex);
     for (const auto& r : rows) {
         int64_t state = r.start;
         float hi = 0.0f;
@@ -58,13 +58,12 @@ TEST(Random, Ran1StateIsTheMinimalStandardSequence)
         EXPECT_EQ(parkMiller(r.seed, 40 + r.calls), state) << r.start;
         EXPECT_TRUE(r.calls < 1000 || hi > 0.99f);  // the whole interval is reached
     }
-    OxGauss::m_mutex.unlock();
 }
 
 // A pair is u2*fac, then u1*fac of one accepted point; recompute it from ran1 itself.
 TEST(Random, GasdevServesBothDeviatesOfAPair)
 {
-    OxGauss::m_mutex.lock();
+    std::lock_guard<KxMutex> lock(OxGauss::m_mutex);
     int64_t state = -1, before;
     do {  // until a call serves a cached deviate: then the next one draws
         before = state;
@@ -82,7 +81,6 @@ TEST(Random, GasdevServesBothDeviatesOfAPair)
         u2 = 2.0f * ran1(&ref) - 1.0f;
         rsq = u1 * u1 + u2 * u2;
     } while (rsq >= 1.0f || rsq == 0.0f);
-    OxGauss::m_mutex.unlock();
     float fac = static_cast<float>(std::sqrt(-2.0 * std::log(static_cast<double>(rsq)) / rsq));
     EXPECT_EQ(u2 * fac, first);
     EXPECT_EQ(u1 * fac, second);
@@ -92,14 +90,11 @@ TEST(Random, RandScalesTheCGeneratorInSinglePrecision)
 {
     int err = 0;
     std::srand(7);
-    int raw = std::rand();
+    float scaled = static_cast<float>(std::rand()) * 0x1p-31f;  // AM = 2^-31 in single precision
     std::srand(7);
-    float scaled = static_cast<float>(raw) * 0x1p-31f;  // AM = 2^-31 in single precision
     EXPECT_EQ(static_cast<double>(scaled), OxRand().value(nullptr, err));
     EXPECT_EQ(0, err);
 }
-
-namespace {
 
 struct Call {
     int calls = 0;
@@ -108,16 +103,14 @@ struct Call {
 };
 
 // f(u, v) = 10u + v + 100*component, recording what it was asked for.
-double recorder(const void* user, int component, int nDiff, const int* diffDims, const double* args)
+static double recorder(const void* user, int comp, int nDiff, const int* dims, const double* args)
 {
     Call* c = static_cast<Call*>(const_cast<void*>(user));
     ++c->calls;
-    c->dims.assign(diffDims, diffDims + nDiff);
+    c->dims.assign(dims, dims + nDiff);
     c->args.assign(args, args + 2);
-    return 10 * args[0] + args[1] + 100 * component;
+    return 10 * args[0] + args[1] + 100 * comp;
 }
-
-}  // namespace
 
 TEST(OxDepVar, DefaultsCallbackAndErrors)
 {
@@ -128,8 +121,7 @@ TEST(OxDepVar, DefaultsCallbackAndErrors)
     char* names[] = {n0, n1};
     int indices[] = {1, 0}, index = 0;
     src.setUp(2, 3, 2, names, indices);
-    EXPECT_EQ(nullptr, src.getVar(2, index));
-    EXPECT_EQ(-1, index);
+    EXPECT_TRUE(src.getVar(2, index) == nullptr && index == -1);
     double vars[] = {7.0, 2.0};
     int err = 0;
     {
@@ -145,15 +137,10 @@ TEST(OxDepVar, DefaultsCallbackAndErrors)
     Oxel* kids[] = {new Probe(1.0, 11), new Probe(2.0, 8)};
     OxDepVar d(&src, 0, 2, dims, kids);
     EXPECT_EQ(12.0, d.value(vars, err));
-    EXPECT_EQ(11, err);
-    EXPECT_EQ((std::vector<int>{1, 0}), call.dims);
-    EXPECT_EQ(2, call.calls);
+    EXPECT_TRUE(err == 11 && call.calls == 2 && call.dims == (std::vector<int>{1, 0}));
 
     src.setUp(-1, 9, 9, nullptr, nullptr);  // unconfigures; the other counts stay
-    EXPECT_EQ(-1, src.getNDims());
-    EXPECT_EQ(3, src.getNDataVar());
-    EXPECT_EQ(2, src.getNDiffLevels());
+    EXPECT_TRUE(src.getNDims() == -1 && src.getNDataVar() == 3 && src.getNDiffLevels() == 2);
     EXPECT_FALSE(src.hasDefaultVars());
-    OxDepVarnode silent("g", nullptr, nullptr);  // no callback: 0
-    EXPECT_EQ(0.0, silent.value(0, 0, nullptr, vars));
+    EXPECT_EQ(0.0, OxDepVarnode("g", nullptr, nullptr).value(0, 0, nullptr, vars));  // no callback
 }

@@ -13,12 +13,7 @@
 class Probe : public Oxel {
 public:
     Probe(double v, int code) : v_(v), code_(code) {}
-    double value(double*, int& err) const override
-    {
-        if (err == 0)
-            err = code_;
-        return v_;
-    }
+    double value(double*, int& err) const override { if (!err) err = code_; return v_; }
     Oxel* dup() override { return new Probe(v_, code_); }
 
 private:
@@ -26,13 +21,10 @@ private:
     int code_;
 };
 
-typedef Oxel* (*Make1)(Oxel*);
-typedef Oxel* (*Make2)(Oxel*, Oxel*);
-template <class Cls>
-Oxel* make1(Oxel* a) { return new Cls(a); }
-template <class Cls>
-Oxel* make2(Oxel* a, Oxel* b) { return new Cls(a, b); }
-
+using Make1 = Oxel* (*)(Oxel*);
+using Make2 = Oxel* (*)(Oxel*, Oxel*);
+template <class Cls> Oxel* op1(Oxel* a) { return new Cls(a); }
+template <class Cls> Oxel* op2(Oxel* a, Oxel* b) { return new Cls(a, b); }
 inline Oxel* N(double v) { return new OxZahl(v); }
 inline Oxel* V(const char* name, int index = 0) { return new OxVar(index, name); }
 
@@ -44,19 +36,10 @@ inline double evalTree(Oxel* tree, int& err, double* vars = nullptr)
     return v;
 }
 
-// A copy of the node; the node itself is destroyed.
-inline Oxel* copyOf(Oxel* node)
-{
-    Oxel* copy = node->dup();
-    delete node;
-    return copy;
-}
-
 // Bit-for-bit, so that signed zeros count; any NaN matches any NaN.
 inline ::testing::AssertionResult sameBits(double expected, double actual)
 {
-    if ((std::isnan(expected) && std::isnan(actual)) ||
-        std::memcmp(&expected, &actual, sizeof expected) == 0)
+    if ((std::isnan(expected) && std::isnan(actual)) || !std::memcmp(&expected, &actual, 8))
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "expected " << expected << ", got " << actual;
 }

@@ -101,10 +101,8 @@ TEST(KxMutex, PlainAndRecursiveSerialise)
 TEST(KxHashTable, RebuildsWhenEntriesExceedTwiceTheBuckets)
 {
     // {entries, expected mask}: 3 entries fit in 2 buckets, the 4th doubles, the 8th again.
-    const struct {
-        int entries;
-        unsigned mask;
-    } rows[] = {{0, 1}, {3, 1}, {4, 3}, {7, 3}, {8, 7}, {16, 15}, {100, 63}};
+    const struct { int entries; unsigned mask; } rows[] = {
+        {0, 1}, {3, 1}, {4, 3}, {7, 3}, {8, 7}, {16, 15}, {100, 63}};
     for (const auto& row : rows) {
         Table t("");
         for (int i = 0; i < row.entries; ++i)
@@ -200,10 +198,9 @@ TEST(PackageEntry, BuildRecordHasTheKeysInOrder)
         fields.push_back(rec.substr(pos + 1, next == std::string::npos ? next : next - pos - 1));
         pos = next;
     }
-    const char* keys[] = {"vendor",    "product",     "version_major", "version_minor",
-                          "version_patch", "version_tag", "comment",   "compiler",
-                          "target_os", "build_cfg",   "build_user",    "build_ip",
-                          "build_time", "filename",   "path",          "size"};
+    const char* keys[] = {"vendor", "product", "version_major", "version_minor", "version_patch",
+        "version_tag", "comment", "compiler", "target_os", "build_cfg", "build_user", "build_ip",
+        "build_time", "filename", "path", "size"};
     ASSERT_EQ(32u, fields.size());
     for (size_t i = 0; i < 16; ++i)
         EXPECT_EQ(keys[i], fields[2 * i]) << i;
