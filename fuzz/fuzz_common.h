@@ -76,9 +76,9 @@ inline std::vector<double> sampleValues(int n, double seed)
     return v;
 }
 
-// True when some variable in the tree is bound to an expression (an assignment): copies
-// drop those expressions by design, so they neither count nor evaluate like the original.
-inline bool hasAssignment(Oxel* root)
+// True when some node of the tree satisfies pred (walked without recursion).
+template <class Pred>
+inline bool anyNode(Oxel* root, Pred pred)
 {
     std::vector<Oxel*> stack{root};
     while (!stack.empty()) {
@@ -86,13 +86,20 @@ inline bool hasAssignment(Oxel* root)
         stack.pop_back();
         if (!n)
             continue;
-        int kids = n->getNumChildren();
-        if (n->identify() == 12 && kids > 0)
+        if (pred(n))
             return true;
-        for (int i = 0; i <= kids; ++i)
+        int kids = n->getNumChildren();
+        for (int i = 0; i <= kids; ++i)  // one past the count: a branch may skip its first slot
             stack.push_back(n->getChild(i));
     }
     return false;
+}
+
+// True when some variable in the tree is bound to an expression (an assignment): copies
+// drop those expressions by design, so they neither count nor evaluate like the original.
+inline bool hasAssignment(Oxel* root)
+{
+    return anyNode(root, [](Oxel* n) { return n->identify() == 12 && n->getNumChildren() > 0; });
 }
 
 // A text left open inside braces keeps the lexer in brace mode for the next parse, by
@@ -115,20 +122,7 @@ inline bool sameNumber(double a, double b)
 // True when the tree holds a source of fresh values each evaluation (rand(), gauss()).
 inline bool drawsRandom(Oxel* root)
 {
-    std::vector<Oxel*> stack{root};
-    while (!stack.empty()) {
-        Oxel* n = stack.back();
-        stack.pop_back();
-        if (!n)
-            continue;
-        int id = n->identify();
-        if (id == 34059 || id == 34060)
-            return true;
-        int kids = n->getNumChildren();
-        for (int i = 0; i <= kids; ++i)
-            stack.push_back(n->getChild(i));
-    }
-    return false;
+    return anyNode(root, [](Oxel* n) { return n->identify() == 34059 || n->identify() == 34060; });
 }
 
 // Everything a host does with a tree that it does not own: evaluate, print, count, copy,
