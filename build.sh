@@ -59,6 +59,18 @@ if [ "$MODE" = bench ] || [ "$BUILD_BENCH" = 1 ]; then
     need_packages libbenchmark-dev libmuparser-dev libfparser-dev
 fi
 
+# The locale tests need a decimal-comma locale; generate one where none is installed.
+need_comma_locale() {
+    locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$' && return 0
+    need_packages locales
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo localedef -i de_DE -f UTF-8 de_DE.UTF-8 >/dev/null 2>&1 || true
+}
+if [ "$MODE" = test ]; then
+    need_comma_locale
+fi
+
 # configure DIR [cmake options...] then build it.
 build_tree() {
     local dir=$1
