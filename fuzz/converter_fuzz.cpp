@@ -92,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     oxfuzz::exerciseTree(tree, names.length());
     if (oxelNodeCount(tree) <= oxfuzz::kMaxNodesForDiff) {
         for (const char* var : {"x", "y", "z", "nosuch"}) {
-            Oxel* d = tree->diff(var);
+            Oxel* d = oxelDerivative(tree, var);
             if (!d)
                 continue;
             if (oxelNodeCount(d) <= 20 * oxfuzz::kMaxNodesForDiff)

@@ -87,6 +87,12 @@ OXEL_API std::string oxelToString(Oxel* node);
 OXEL_API long oxelNodeCount(Oxel* node);
 OXEL_API long oxelDepth(Oxel* node);
 
+// diff() with a size budget: rules that copy a derivative (expm1, atan2) double it per level of
+// nesting, so a short text can ask for more nodes than memory holds. Returns null when the
+// tree has no derivative or the derivative would need more than about two million nodes
+// (OxelExpression::derivative and diff() in formula text use it; Oxel::diff has no bound).
+OXEL_API Oxel* oxelDerivative(Oxel* tree, const char* var);
+
 // Destroys a tree of any depth without recursion (plain delete recurses once per level).
 OXEL_API void oxelDestroy(Oxel* node);
 

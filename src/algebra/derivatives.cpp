@@ -82,9 +82,9 @@ OXEL_BITWISE_OPERATORS(OXEL_NO_DIFF)
 Oxel* OxPlus::diff(const char* var)
 {
     if (left_->pconstant(var))
-        return right_->diff(var);
+        return oxd::D(right_, var);
     if (right_->pconstant(var))
-        return left_->diff(var);
+        return oxd::D(left_, var);
     Oxel *du, *dv;
     if (!diffBoth(left_, right_, var, &du, &dv))
         return nullptr;
@@ -94,11 +94,11 @@ Oxel* OxPlus::diff(const char* var)
 Oxel* OxMinus::diff(const char* var)
 {
     if (left_->pconstant(var)) {
-        Oxel* dv = right_->diff(var);
+        Oxel* dv = oxd::D(right_, var);
         return dv ? Minus(N(0.0), dv) : nullptr;
     }
     if (right_->pconstant(var))
-        return left_->diff(var);
+        return oxd::D(left_, var);
     Oxel *du, *dv;
     if (!diffBoth(left_, right_, var, &du, &dv))
         return nullptr;
@@ -108,11 +108,11 @@ Oxel* OxMinus::diff(const char* var)
 Oxel* OxMal::diff(const char* var)
 {
     if (left_->pconstant(var)) {
-        Oxel* dv = right_->diff(var);
+        Oxel* dv = oxd::D(right_, var);
         return dv ? Mal(C(left_), dv) : nullptr;
     }
     if (right_->pconstant(var)) {
-        Oxel* du = left_->diff(var);
+        Oxel* du = oxd::D(left_, var);
         return du ? Mal(du, C(right_)) : nullptr;
     }
     Oxel *du, *dv;
@@ -124,13 +124,13 @@ Oxel* OxMal::diff(const char* var)
 Oxel* OxDurch::diff(const char* var)
 {
     if (left_->pconstant(var)) {
-        Oxel* dv = right_->diff(var);
+        Oxel* dv = oxd::D(right_, var);
         if (!dv)
             return nullptr;
         return Durch(Mal(N(-1.0), Mal(C(left_), dv)), Mal(C(right_), C(right_)));
     }
     if (right_->pconstant(var)) {
-        Oxel* du = left_->diff(var);
+        Oxel* du = oxd::D(left_, var);
         return du ? Durch(du, C(right_)) : nullptr;
     }
     Oxel *du, *dv;
@@ -147,7 +147,7 @@ Oxel* OxHoch::diff(const char* var)
     Oxel* w = right_;
     if (!u->pconstant(var)) {
         if (w->pconstant(var)) {
-            Oxel* du = u->diff(var);
+            Oxel* du = oxd::D(u, var);
             if (!du)
                 return nullptr;
             return timesUnlessOne(du, powerPart(u, w));
@@ -161,7 +161,7 @@ Oxel* OxHoch::diff(const char* var)
         Oxel* t2 = timesUnlessOne(du, p);
         return Plus(t1, t2);
     }
-    Oxel* dw = w->diff(var);
+    Oxel* dw = oxd::D(w, var);
     if (!dw)
         return nullptr;
     return Mal(dup(), factorUnlessOne(new OxLn(C(u)), dw));
@@ -191,12 +191,12 @@ Oxel* OxDepVar::diff(const char* var)
         return new OxDepVar(node_, component_, nDiff_ + 1, dims.data(), args.data());
     };
 
-    Oxel* d0 = children_[0]->diff(var);
+    Oxel* d0 = oxd::D(children_[0], var);
     if (!d0)
         return nullptr;
     Oxel* sum = Mal(partial(0), d0);
     for (int i = 1; i < numChildren_; ++i) {
-        Oxel* di = children_[i]->diff(var);
+        Oxel* di = oxd::D(children_[i], var);
         if (!di) {
             delete sum;
             sum = nullptr;
@@ -206,4 +206,26 @@ Oxel* OxDepVar::diff(const char* var)
         sum = sum ? Plus(sum, term) : term;
     }
     return sum;
+}
+
+thread_local long oxd::budget = oxd::kUnbounded;
+
+Oxel* oxd::boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarge)
+{
+    long saved = budget;
+    budget = maxNodes;
+    Oxel* d = tree->diff(var);
+    *tooLarge = budget == 0;
+    budget = saved;
+    if (*tooLarge && d) {  // a rule that ignores a missing operand derivative kept a part
+        oxelDestroy(d);
+        d = nullptr;
+    }
+    return d;
+}
+
+Oxel* oxelDerivative(Oxel* tree, const char* var)
+{
+    bool tooLarge = false;
+    return tree ? oxd::boundedDiff(tree, var, oxd::kMaxDerivativeNodes, &tooLarge) : nullptr;
 }

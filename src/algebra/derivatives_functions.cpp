@@ -16,7 +16,7 @@ typedef Oxel* (*Piece)(Oxel* u);
 // so sin(2) still yields cos(2)*0.
 Oxel* chain(Oxel* u, const char* var, Piece outer)
 {
-    Oxel* du = u->diff(var);
+    Oxel* du = oxd::D(u, var);
     if (!du)
         return nullptr;
     return Mal(outer(u), du);
@@ -25,7 +25,7 @@ Oxel* chain(Oxel* u, const char* var, Piece outer)
 // Durch(u', g(u)): the rules whose derivative reads best as a quotient.
 Oxel* quotient(Oxel* u, const char* var, Piece denominator)
 {
-    Oxel* du = u->diff(var);
+    Oxel* du = oxd::D(u, var);
     if (!du)
         return nullptr;
     return Durch(du, denominator(u));
@@ -38,7 +38,7 @@ Oxel* oneMinusSquare(Oxel* u) { return Minus(N(1.0), Mal(C(u), C(u))); }
 // Gaussian kernel factor of erf and erfc: K * (exp(-u*u) * u').
 Oxel* gaussChain(Oxel* u, const char* var, double k)
 {
-    Oxel* du = u->diff(var);
+    Oxel* du = oxd::D(u, var);
     if (!du)
         return nullptr;
     return Mal(N(k), Mal(new OxExp(Mal(N(-1.0), Mal(C(u), C(u)))), du));
@@ -96,20 +96,20 @@ OXEL_QUOTIENT_RULES(OXEL_DEFINE_QUOTIENT)
 
 Oxel* OxExp::diff(const char* var)
 {
-    Oxel* du = arg_->diff(var);
+    Oxel* du = oxd::D(arg_, var);
     return du ? Mal(dup(), du) : nullptr;
 }
 
 Oxel* OxArccos::diff(const char* var)
 {
-    Oxel* du = arg_->diff(var);
+    Oxel* du = oxd::D(arg_, var);
     return du ? Durch(Mal(N(-1.0), du), new OxSqroot(oneMinusSquare(arg_))) : nullptr;
 }
 
 // |u|' = u' * |u|/u, undefined at 0 like the sign itself.
 Oxel* OxBetrag::diff(const char* var)
 {
-    Oxel* du = arg_->diff(var);
+    Oxel* du = oxd::D(arg_, var);
     return du ? Mal(du, Durch(new OxBetrag(C(arg_)), C(arg_))) : nullptr;
 }
 
@@ -119,7 +119,7 @@ Oxel* OxErfc::diff(const char* var) { return gaussChain(arg_, var, -2.0 / kSqrtP
 // (e^u - 1)*u' + u' keeps expm1's accuracy near zero.
 Oxel* OxExpm1::diff(const char* var)
 {
-    Oxel* du = arg_->diff(var);
+    Oxel* du = oxd::D(arg_, var);
     if (!du)
         return nullptr;
     Oxel* again = C(du);
@@ -152,7 +152,7 @@ Oxel* besselDiff(Oxel* n, Oxel* u, const char* var)
 {
     if (!n->pconstant(var))
         return nullptr;
-    Oxel* du = u->diff(var);
+    Oxel* du = oxd::D(u, var);
     if (!du)
         return nullptr;
     Oxel* lower = new Bessel(Minus(C(n), N(1.0)), C(u));
@@ -196,13 +196,13 @@ Oxel* OxArctan2::diff(const char* var)
     Oxel* a = left_;
     Oxel* b = right_;
     if (b->pconstant(var)) {
-        Oxel* da = a->diff(var);
+        Oxel* da = oxd::D(a, var);
         if (!da)
             return nullptr;
         return Durch(da, Plus(C(b), Durch(Hoch(C(a), N(2.0)), C(b))));
     }
     if (a->pconstant(var)) {
-        Oxel* db = b->diff(var);
+        Oxel* db = oxd::D(b, var);
         if (!db)
             return nullptr;
         return Durch(Mal(N(-1.0), Mal(C(a), db)), sumOfSquares(a, b));

@@ -6,8 +6,42 @@
 
 namespace oxd {
 
+// Nodes that the derivative being built may still copy. Rules that copy a derivative
+// (expm1, atan2) or several operands (min, max) make the result grow exponentially with
+// nesting, so a short text could exhaust memory; bounded derivatives start from a budget,
+// and once it is spent every further derivative request answers "none", which the null
+// protocol unwinds without leaking. Unbounded (the default) outside boundedDiff().
+extern thread_local long budget;
+const long kUnbounded = -1;
+
 // Every operand that enters a derivative is a fresh copy, so results never share a node.
-inline Oxel* C(Oxel* node) { return node->dup(); }
+inline Oxel* C(Oxel* node)
+{
+    Oxel* copy = node->dup();
+    if (budget != kUnbounded)
+        budget = budget > oxelNodeCount(copy) ? budget - oxelNodeCount(copy) : 0;
+    return copy;
+}
+
+// The derivative of one operand, or null once the budget is spent.
+inline Oxel* D(Oxel* node, const char* var)
+{
+    if (budget == 0)
+        return nullptr;
+    Oxel* d = node->diff(var);
+    if (budget == 0 && d) {  // spent while building it: the caller would copy it further
+        oxelDestroy(d);
+        return nullptr;
+    }
+    return d;
+}
+
+// Derivative of tree with at most maxNodes copied nodes; *tooLarge tells a refusal for size
+// from a tree that has no derivative.
+Oxel* boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarge);
+
+// The budget of derivatives taken by the expression object and by diff() in formula text.
+const long kMaxDerivativeNodes = 2000000;
 inline Oxel* N(double c) { return new OxZahl(c); }
 inline Oxel* Plus(Oxel* a, Oxel* b) { return new OxPlus(a, b); }
 inline Oxel* Minus(Oxel* a, Oxel* b) { return new OxMinus(a, b); }
@@ -20,10 +54,10 @@ inline Oxel* Hoch(Oxel* a, Oxel* b) { return new OxHoch(a, b); }
 inline bool diffBoth(Oxel* a, Oxel* b, const char* var, Oxel** da, Oxel** db)
 {
     *db = nullptr;
-    *da = a->diff(var);
+    *da = D(a, var);
     if (!*da)
         return false;
-    *db = b->diff(var);
+    *db = D(b, var);
     if (!*db) {
         delete *da;
         *da = nullptr;

@@ -7,6 +7,7 @@
 
 #include <oxel/nodes.h>
 
+#include "algebra/trees.h"
 #include "expression/program.h"
 #include "parser/converter.h"
 
@@ -180,7 +181,8 @@ OxelExpression* OxelExpression::derivative(const char* var)
     KxString name(var ? var : "");
     if (KxString* target = aliases_.lookup(name))
         name = *target;
-    Oxel* d = root_->diff(name.c_str());
+    bool tooLarge = false;  // a refusal for size is reported like a missing derivative
+    Oxel* d = oxd::boundedDiff(root_, name.c_str(), oxd::kMaxDerivativeNodes, &tooLarge);
     if (!d)
         return nullptr;
     return withSameNames(d);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "algebra/trees.h"
 #include "parser/converter.h"
 
 Oxel* yyOxel = nullptr;
@@ -141,9 +142,11 @@ exp:
             oxelDestroy($3);
             YYABORT;
         }
-        $$ = $3->diff((*OxConverter_yyVarNames)[$5].c_str());
+        bool tooLarge = false;
+        $$ = oxd::boundedDiff($3, (*OxConverter_yyVarNames)[$5].c_str(),
+                              oxd::kMaxDerivativeNodes, &tooLarge);
         if (!$$) {
-            OxConverter_yyerror("no sufficient differentiability");
+            OxConverter_yyerror(tooLarge ? "derivative too large" : "no sufficient differentiability");
             oxelDestroy($3);
             YYABORT;
         }
