@@ -18,8 +18,10 @@ const long kUnbounded = -1;
 inline Oxel* C(Oxel* node)
 {
     Oxel* copy = node->dup();
-    if (budget != kUnbounded)
-        budget = budget > oxelNodeCount(copy) ? budget - oxelNodeCount(copy) : 0;
+    if (budget != kUnbounded) {
+        long size = oxelNodeCount(copy);
+        budget = budget > size ? budget - size : 0;
+    }
     return copy;
 }
 

@@ -7,7 +7,6 @@
 
 #include <oxel/nodes.h>
 
-#include "algebra/trees.h"
 #include "expression/program.h"
 #include "parser/converter.h"
 
@@ -181,8 +180,7 @@ OxelExpression* OxelExpression::derivative(const char* var)
     KxString name(var ? var : "");
     if (KxString* target = aliases_.lookup(name))
         name = *target;
-    bool tooLarge = false;  // a refusal for size is reported like a missing derivative
-    Oxel* d = oxd::boundedDiff(root_, name.c_str(), oxd::kMaxDerivativeNodes, &tooLarge);
+    Oxel* d = oxelDerivative(root_, name.c_str());  // too large counts as no derivative
     if (!d)
         return nullptr;
     return withSameNames(d);
