@@ -455,32 +455,25 @@ int runDiff(const Args& a)
     return kOk;
 }
 
-int runSimplify(const Args& a)
+// print and simplify differ only in what they do to the parsed tree before printing it.
+int printTree(const Args& a, bool simplifyIt)
 {
-    rejectOptions(a, false, true, false);
+    rejectOptions(a, false, simplifyIt, false);
     const std::string& formula = formulaOf(a);
     Session s(a);
     declareArguments(s, a.positional, 1, true);
     if (!s.parse(formula))
         return kParse;
-    std::unique_ptr<OxelExpression> simple(a.once ? s.expression().simplified()
-                                                  : s.expression().simplifiedFully());
+    std::unique_ptr<OxelExpression> simple;
+    if (simplifyIt)
+        simple.reset(a.once ? s.expression().simplified() : s.expression().simplifiedFully());
     Oxel* tree = simple ? simple->root() : s.expression().root();
     std::printf("%s\n", oxelToString(tree).c_str());
     return kOk;
 }
 
-int runPrint(const Args& a)
-{
-    rejectOptions(a, false, false, false);
-    const std::string& formula = formulaOf(a);
-    Session s(a);
-    declareArguments(s, a.positional, 1, true);
-    if (!s.parse(formula))
-        return kParse;
-    std::printf("%s\n", oxelToString(s.expression().root()).c_str());
-    return kOk;
-}
+int runSimplify(const Args& a) { return printTree(a, true); }
+int runPrint(const Args& a) { return printTree(a, false); }
 
 // Collects table rows and evaluates them a block at a time with evalBatch, which gives
 // what eval would give row by row; each block is written as soon as it is evaluated.
