@@ -185,6 +185,20 @@ TEST(BatchEval, RowCountsAndStride)
             for (int i = 0; i < stride; ++i)
                 rows.push_back(std::sin(r * 0.37 + i) * (r % 7));
         EXPECT_EQ(exprMismatch(e, rows, stride), "") << numRows << " rows";
+        // Column-major input gives the row-major results; the null column reads as 0.0.
+        std::vector<std::vector<double>> cols(3, std::vector<double>(numRows));
+        for (int r = 0; r < numRows; ++r)
+            for (int i = 0; i < 3; ++i)
+                cols[i][r] = i < 2 ? rows[r * stride + i] : 0.0;
+        for (int r = 0; r < numRows; ++r)
+            rows[r * stride + 2] = 0.0;
+        const double* ptrs[] = {cols[0].data(), cols[1].data(), nullptr};
+        std::vector<double> byRow(numRows), byCol(numRows);
+        std::vector<int> errRow(numRows), errCol(numRows);
+        ASSERT_EQ(e.evalBatch(rows.data(), numRows, stride, byRow.data(), errRow.data()), 0);
+        ASSERT_EQ(e.evalBatchColumns(ptrs, numRows, byCol.data(), errCol.data()), 0);
+        EXPECT_EQ(std::memcmp(byRow.data(), byCol.data(), numRows * sizeof(double)), 0);
+        EXPECT_EQ(errRow, errCol);
     }
 }
 

@@ -47,6 +47,11 @@ public:
     // The tree is compiled once into a flat program and kept until the expression changes.
     // Returns 0, or -1 when stride < numVars() or an argument is null.
     int evalBatch(const double* rows, int numRows, int stride, double* results, int* errors);
+    // The same with one array per variable: columns[i][r] is variable i in row r, for every
+    // i < numVars(); a null column reads as 0.0 (handy for internal variables). Returns 0, or
+    // -1 when columns, results or errors is null or numRows < 0.
+    int evalBatchColumns(const double* const* columns, int numRows, double* results,
+                         int* errors);
 
 private:
     OxelExpression* withSameNames(Oxel* tree) const;

@@ -254,12 +254,12 @@ void runPowConst(const Insn& in, const Frame& f)
         bool above1 = p.bAbove1;
         long double limit = p.limB;
         if (x < 0 && !p.bIntegral) {
-            oxk::raise(e.at(i), 12);
+            oxk::raise(e.at(i), OX_ERR_RADICAND_NEGATIVE);
             b = p.bc;
             above1 = p.bcAbove1;
             limit = p.limBc;
         } else if (x == 0.0 && b < 0) {
-            oxk::raise(e.at(i), 8);
+            oxk::raise(e.at(i), OX_ERR_DIVISION_BY_ZERO);
             r[i] = 0.0;
             continue;
         }
@@ -267,7 +267,7 @@ void runPowConst(const Insn& in, const Frame& f)
             if (limit > x) {
                 r[i] = oxk::powerOf(x, b);
             } else {
-                oxk::raise(e.at(i), 9);
+                oxk::raise(e.at(i), OX_ERR_OVERFLOW);
                 r[i] = 1.0;
             }
             continue;

@@ -1,6 +1,7 @@
 // OxelExpression: variable registry, parsing, evaluation, derivatives and simplified copies.
 #include <oxel/expression.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -223,6 +224,24 @@ int OxelExpression::evalBatch(const double* rows, int numRows, int stride, doubl
     if (!program_)
         program_ = oxelProgramCompile(root_, numVars());
     oxelProgramRun(program_, rows, numRows, stride, results, errors);
+    return 0;
+}
+
+int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
+                                     double* results, int* errors)
+{
+    if (!columns || !results || !errors || numRows < 0)
+        return -1;
+    int nv = numVars();
+    const int kChunk = 256;  // rows interleaved at a time: the copy stays in L1
+    std::vector<double> rows(static_cast<size_t>(kChunk) * (nv > 0 ? nv : 1));
+    for (int start = 0; start < numRows; start += kChunk) {
+        int n = std::min(kChunk, numRows - start);
+        for (int v = 0; v < nv; ++v)
+            for (int r = 0; r < n; ++r)
+                rows[static_cast<size_t>(r) * nv + v] = columns[v] ? columns[v][start + r] : 0.0;
+        evalBatch(rows.data(), n, nv, results + start, errors + start);
+    }
     return 0;
 }
 

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include <oxel/core.h>
+
 namespace oxk {
 
 // A node records its own failure only when nothing failed before it.
@@ -43,12 +45,12 @@ inline double eval_OxPlus(double a, double b, int& err)
     if (a > 0) {
         if (DBL_MAX - a > b)
             return a + b;
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     if (b > -DBL_MAX - a)
         return a + b;
-    raise(err, 10);
+    raise(err, OX_ERR_UNDERFLOW);
     return 1.0;
 }
 
@@ -57,12 +59,12 @@ inline double eval_OxMinus(double a, double b, int& err)
     if (b > 0) {
         if (a > b - DBL_MAX)
             return a - b;
-        raise(err, 10);
+        raise(err, OX_ERR_UNDERFLOW);
         return 1.0;
     }
     if (b + DBL_MAX > a)
         return a - b;
-    raise(err, 9);
+    raise(err, OX_ERR_OVERFLOW);
     return 1.0;
 }
 
@@ -71,7 +73,7 @@ inline double eval_OxMal(double a, double b, int& err)
     if (std::fabs(a) > 1.0) {
         if (DBL_MAX / std::fabs(a) > std::fabs(b))
             return a * b;
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     // With two NaN operands x86 returns the first one, and the compiler may swap the operands
@@ -84,21 +86,21 @@ inline double eval_OxMal(double a, double b, int& err)
 inline double eval_OxDurch(double a, double b, int& err)
 {
     if (b == 0.0) {
-        raise(err, 8);
+        raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 1.0;
     }
     if (std::fabs(b) >= 1.0 || std::isnan(b))
         return a / b;
     if (std::fabs(b) * DBL_MAX > std::fabs(a))
         return a / b;
-    raise(err, 9);
+    raise(err, OX_ERR_OVERFLOW);
     return 1.0;
 }
 
 inline double eval_OxModulo(double a, double b, int& err)
 {
     if (b == 0.0) {
-        raise(err, 8);
+        raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
     int32_t k = toInt32(a / b);
@@ -142,16 +144,16 @@ inline double powerOf(double a, double b)
 inline double eval_OxHoch(double a, double b, int& err)
 {
     if (a < 0 && b != std::ceil(b)) {
-        raise(err, 12);
+        raise(err, OX_ERR_RADICAND_NEGATIVE);
         b = std::ceil(b);  // the power is still taken, with the exponent rounded up
     } else if (a == 0.0 && b < 0) {
-        raise(err, 8);
+        raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
     if (b > 1.0) {
         if (powLimit(b) > a)
             return powerOf(a, b);
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     return powerOf(a, b);
@@ -206,7 +208,7 @@ inline double eval_OxTangens(double v, int&) { return std::tan(v); }
 inline double eval_OxSqroot(double v, int& err)
 {
     if (v < 0) {
-        raise(err, 12);
+        raise(err, OX_ERR_RADICAND_NEGATIVE);
         return 0.0;
     }
     return std::sqrt(v);
@@ -215,7 +217,7 @@ inline double eval_OxSqroot(double v, int& err)
 inline double eval_OxLn(double v, int& err)
 {
     if (!(v > 0)) {
-        raise(err, 11);
+        raise(err, OX_ERR_ILLEGAL_LOG);
         return 0.0;
     }
     return std::log(v);
@@ -226,7 +228,7 @@ inline double eval_OxArctan(double v, int&) { return std::atan(v); }
 inline double eval_OxArcsin(double v, int& err)
 {
     if (v < -1.0 || v > 1.0 || std::isnan(v)) {
-        raise(err, 14);
+        raise(err, OX_ERR_ARCUS_RANGE);
         return 0.0;
     }
     return std::asin(v);
@@ -235,7 +237,7 @@ inline double eval_OxArcsin(double v, int& err)
 inline double eval_OxArccos(double v, int& err)
 {
     if (v < -1.0 || v > 1.0 || std::isnan(v)) {
-        raise(err, 14);
+        raise(err, OX_ERR_ARCUS_RANGE);
         return 0.0;
     }
     return std::acos(v);
@@ -244,7 +246,7 @@ inline double eval_OxArccos(double v, int& err)
 inline double eval_OxExp(double v, int& err)
 {
     if (v >= kExpLimit) {
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     return std::exp(v);
@@ -257,7 +259,7 @@ inline double eval_OxBetrag(double v, int&) { return std::fabs(v); }
 inline double eval_OxArccosh(double v, int& err)
 {
     if (v < 1.0) {
-        raise(err, 14);
+        raise(err, OX_ERR_ARCUS_RANGE);
         return 0.0;
     }
     return std::acosh(v);
@@ -268,7 +270,7 @@ inline double eval_OxArcsinh(double v, int&) { return std::asinh(v); }
 inline double eval_OxArctanh(double v, int& err)
 {
     if (v <= -1.0 || v >= 1.0) {
-        raise(err, 14);
+        raise(err, OX_ERR_ARCUS_RANGE);
         return 0.0;
     }
     return std::atanh(v);
@@ -281,7 +283,7 @@ inline double eval_OxCosh(double v, int&) { return std::cosh(v); }
 inline double eval_OxExpm1(double v, int& err)
 {
     if (v >= kExpLimit) {
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     return std::expm1(v);
@@ -294,7 +296,7 @@ inline double eval_OxJ1(double v, int&) { return ::j1(v); }
 inline double eval_OxLog10(double v, int& err)
 {
     if (!(v > 0)) {
-        raise(err, 11);
+        raise(err, OX_ERR_ILLEGAL_LOG);
         return 0.0;
     }
     return std::log10(v);
@@ -309,7 +311,7 @@ inline double eval_OxRint(double v, int&)
 inline double eval_OxSinh(double v, int& err)
 {
     if (v >= kExpLimit) {
-        raise(err, 9);
+        raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     return std::sinh(v);
@@ -334,7 +336,7 @@ inline double eval_OxSgn(double v, int&)
 inline double eval_OxArctan2(double a, double b, int& err)
 {
     if (a == 0 && b == 0) {
-        raise(err, 666);
+        raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
     return std::atan2(a, b);
@@ -345,7 +347,7 @@ inline double eval_OxCopysign(double a, double b, int&) { return std::copysign(a
 inline double eval_OxDrem(double a, double b, int& err)
 {
     if (b == 0) {
-        raise(err, 666);
+        raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
     return std::remainder(a, b);
@@ -354,7 +356,7 @@ inline double eval_OxDrem(double a, double b, int& err)
 inline double eval_OxFmod(double a, double b, int& err)
 {
     if (b == 0) {
-        raise(err, 666);
+        raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
     return std::fmod(a, b);
