@@ -80,35 +80,35 @@ const Formula kSuite[] = {
     {"sqrt", "sqrt(x * x + y * y)", "sqrt(x * x + y * y)", "sqrt(x*x+y*y)",
      NATIVE(return eval_OxSqroot(eval_OxPlus(eval_OxMal(x, x, e), eval_OxMal(y, y, e), e), e);)},
     {"trig", "sin(x) * cos(y)", "sin(x) * cos(y)", "sin(x)*cos(y)",
-     NATIVE(return eval_OxMal(eval_OxSinus(x, e), eval_OxCosinus(y, e), e);)},
+     NATIVE(return eval_OxMal(eval_OxSinus(x), eval_OxCosinus(y), e);)},
     {"gauss bell", "exp(-x * x / 2)", "exp(-x * x / 2)", "exp(-x*x/2)",
      NATIVE(double q = eval_OxMal(eval_OxMal(-1.0, x, e), x, e);
             return eval_OxExp(eval_OxDurch(q, 2, e), e);)},
     {"logs", "ln(x) + log10(y)", "ln(x) + log10(y)", "log(x)+log10(y)",
      NATIVE(return eval_OxPlus(eval_OxLn(x, e), eval_OxLog10(y, e), e);)},
     {"atan2", "atan2(y, x) + atan(z)", "atan2(y, x) + atan(z)", "atan2(y,x)+atan(z)",
-     NATIVE(return eval_OxPlus(eval_OxArctan2(y, x, e), eval_OxArctan(z, e), e);)},
+     NATIVE(return eval_OxPlus(eval_OxArctan2(y, x, e), eval_OxArctan(z), e);)},
     {"hyperbolic", "sinh(x) + cosh(y) - tanh(z)", "sinh(x) + cosh(y) - tanh(z)",
      "sinh(x)+cosh(y)-tanh(z)",
-     NATIVE(double a = eval_OxPlus(eval_OxSinh(x, e), eval_OxCosh(y, e), e);
-            return eval_OxMinus(a, eval_OxTanh(z, e), e);)},
+     NATIVE(double a = eval_OxPlus(eval_OxSinh(x, e), eval_OxCosh(y), e);
+            return eval_OxMinus(a, eval_OxTanh(z), e);)},
     {"inverse trig", "asin(x / 3) + acos(y / 4)", "asin(x / 3) + acos(y / 4)",
      "asin(x/3)+acos(y/4)",
      NATIVE(return eval_OxPlus(eval_OxArcsin(eval_OxDurch(x, 3, e), e),
                                eval_OxArccos(eval_OxDurch(y, 4, e), e), e);)},
     {"inverse hyperbolic", "asinh(x) + acosh(y + 1) + atanh(z / 3)",
      "asinh(x) + acosh(y + 1) + atanh(z / 3)", "asinh(x)+acosh(y+1)+atanh(z/3)",
-     NATIVE(double a = eval_OxPlus(eval_OxArcsinh(x, e), eval_OxArccosh(eval_OxPlus(y, 1, e), e), e);
+     NATIVE(double a = eval_OxPlus(eval_OxArcsinh(x), eval_OxArccosh(eval_OxPlus(y, 1, e), e), e);
             return eval_OxPlus(a, eval_OxArctanh(eval_OxDurch(z, 3, e), e), e);)},
     {"error function", "erf(x) + erfc(y)", nullptr, nullptr,
-     NATIVE(return eval_OxPlus(eval_OxErf(x, e), eval_OxErfc(y, e), e);)},
+     NATIVE(return eval_OxPlus(eval_OxErf(x), eval_OxErfc(y), e);)},
     {"rounding", "floor(x * 3) + ceil(y) + abs(z - 1)", nullptr, "floor(x*3)+ceil(y)+abs(z-1)",
-     NATIVE(double a = eval_OxPlus(eval_OxFloor(eval_OxMal(x, 3, e), e), eval_OxCeil(y, e), e);
-            return eval_OxPlus(a, eval_OxBetrag(eval_OxMinus(z, 1, e), e), e);)},
+     NATIVE(double a = eval_OxPlus(eval_OxFloor(eval_OxMal(x, 3, e)), eval_OxCeil(y), e);
+            return eval_OxPlus(a, eval_OxBetrag(eval_OxMinus(z, 1, e)), e);)},
     {"hypot cbrt", "hypot(x, y) + cbrt(z)", nullptr, "hypot(x,y)+cbrt(z)",
-     NATIVE(return eval_OxPlus(eval_OxHypot(x, y, e), eval_OxCbroot(z, e), e);)},
+     NATIVE(return eval_OxPlus(eval_OxHypot(x, y), eval_OxCbroot(z), e);)},
     {"min max", "max(x, y) - min(y, z)", "max(x, y) - min(y, z)", "max(x,y)-min(y,z)",
-     NATIVE(return eval_OxMinus(eval_OxMax(x, y, e), eval_OxMin(y, z, e), e);)},
+     NATIVE(return eval_OxMinus(eval_OxMax(x, y), eval_OxMin(y, z), e);)},
     {"logic", "x < y && y < z || x > 1.5", "x < y && y < z || x > 1.5", "x<y & y<z | x>1.5",
      NATIVE(double a = eval_OxAnd(eval_OxLess(x, y), eval_OxLess(y, z));
             return eval_OxOr(a, eval_OxGreater(x, 1.5));)},
@@ -118,9 +118,9 @@ const Formula kSuite[] = {
                                    eval_OxMal(eval_OxLessEqual(x, z), 2, e), e);
             return eval_OxPlus(a, eval_OxEqual(x, w), e);)},
     {"bitwise", "((x * 100) << 3 | (y * 100)) & 255", nullptr, nullptr,
-     NATIVE(double a = eval_OxShiftLeft(eval_OxMal(x, 100, e), 3, e);
-            double b = eval_OxBitOr(a, eval_OxMal(y, 100, e), e);
-            return eval_OxBitAnd(b, 255, e);)},
+     NATIVE(double a = eval_OxShiftLeft(eval_OxMal(x, 100, e), 3);
+            double b = eval_OxBitOr(a, eval_OxMal(y, 100, e));
+            return eval_OxBitAnd(b, 255);)},
     {"assignments", "a = x * y; b = a + z; a * b - a / (b + 1)",
      "a = x * y, b = a + z, a * b - a / (b + 1)", "a := x*y; b := a+z; a*b - a/(b+1)",
      NATIVE(double a = eval_OxMal(x, y, e); int e2 = 0; double b = eval_OxPlus(a, z, e2);
@@ -145,13 +145,13 @@ const Formula kSuite[] = {
     {"long", "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + pow(u, 2) - v * s / (t + 1)",
      "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + u^2 - v * s / (t + 1)",
      "sin(x)*cos(y)+exp(-z*z/2)/sqrt(2*w)-atan(y/x)*log(abs(z)+1)+u^2-v*s/(t+1)",
-     NATIVE(double a = eval_OxMal(eval_OxSinus(x, e), eval_OxCosinus(y, e), e);
+     NATIVE(double a = eval_OxMal(eval_OxSinus(x), eval_OxCosinus(y), e);
             double den = eval_OxSqroot(eval_OxMal(2, w, e), e);
             double q = eval_OxMal(eval_OxMal(-1.0, z, e), z, e);
             double g = eval_OxExp(eval_OxDurch(q, 2, e), e);
             a = eval_OxPlus(a, eval_OxDurch(g, den, e), e);
-            double at = eval_OxArctan(eval_OxDurch(y, x, e), e);
-            double l = eval_OxLn(eval_OxPlus(eval_OxBetrag(z, e), 1, e), e);
+            double at = eval_OxArctan(eval_OxDurch(y, x, e));
+            double l = eval_OxLn(eval_OxPlus(eval_OxBetrag(z), 1, e), e);
             a = eval_OxMinus(a, eval_OxMal(at, l, e), e);
             a = eval_OxPlus(a, eval_OxHoch(u, 2, e), e);
             double d = eval_OxPlus(t, 1, e);

@@ -160,4 +160,38 @@ TEST(ExpressionBatch, ArgumentsAndNewText)
     ASSERT_EQ(1, e.initFromString("a - b"));  // a new text replaces the compiled program
     ASSERT_EQ(0, e.evalBatch(rows, 2, 2, results, errors));
     EXPECT_EQ(-1, results[1]);
+    e.setRoot(new OxDurch(new OxVar(1, "b"), new OxVar(0, "a")));  // and so does a new tree
+    ASSERT_EQ(0, e.evalBatch(rows, 2, 2, results, errors));
+    EXPECT_EQ(4.0 / 3.0, results[1]);
+    const double* cols[] = {rows, rows + 2};
+    EXPECT_EQ(-1, e.evalBatchColumns(nullptr, 2, results, errors));
+    ASSERT_EQ(0, e.evalBatchColumns(cols, 2, results, errors));
+    EXPECT_EQ(4.0 / 2.0, results[1]);
+}
+
+// eval() never reads past a short vector: it reports "Illegal argument" and gives 0.
+TEST(ExpressionEval, ShortVectorAndReplacedTree)
+{
+    OxelExpression e;
+    e.addVar("x");
+    ASSERT_EQ(1, e.initFromString("t = x * 2; t + 1"));
+    KxDArray<double> v;
+    int err = 0;
+    EXPECT_EQ(0.0, e.eval(v, err));
+    EXPECT_EQ(OX_ERR_ILLEGAL_ARGUMENT, err);
+    err = 8;  // an earlier code stays
+    v.setLength(1);
+    e.eval(v, err);
+    EXPECT_EQ(8, err);
+    v.setLength(2);
+    v[0] = 3;
+    err = 0;
+    EXPECT_EQ(7.0, e.eval(v, err));
+    EXPECT_EQ(6.0, v[1]);  // the assignment leaves its value in its slot
+    e.setRoot(nullptr);    // the default expression
+    EXPECT_EQ(0.0, e.eval(v, err));
+    e.setRoot(new OxLn(new OxVar(0, "x")));
+    v[0] = -1;
+    EXPECT_EQ(0.0, e.eval(v, err));
+    EXPECT_EQ(OX_ERR_ILLEGAL_LOG, err);
 }

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -166,6 +167,49 @@ TEST(ThreadSafety, OneTreeSeparateValueVectors)
         ASSERT_EQ(sweep(t, alone[t]), 0) << "thread " << t;
     EXPECT_EQ(runThreads([&](int t) { return sweep(t, got[t]); }), kNoFaults);
     EXPECT_TRUE(got == alone);
+}
+
+// Several threads make the first eval() and evalBatch() calls on one fresh expression at once
+// (the batch program is compiled on first use): every thread gets the lone results.
+TEST(ThreadSafety, FirstCallsOnOneExpression)
+{
+    const int n = 70000;  // large enough for the worker threads to take part
+    std::vector<double> rows(2 * static_cast<size_t>(n));
+    for (int i = 0; i < 2 * n; ++i)
+        rows[static_cast<size_t>(i)] = std::sin(i * 0.37) * 3;
+    std::vector<double> xs(static_cast<size_t>(n)), ys(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i)
+        xs[static_cast<size_t>(i)] = rows[2 * static_cast<size_t>(i)],
+        ys[static_cast<size_t>(i)] = rows[2 * static_cast<size_t>(i) + 1];
+    const double* cols[] = {xs.data(), ys.data()};
+    std::vector<double> want(static_cast<size_t>(n));
+    std::vector<int> wantErr(static_cast<size_t>(n));
+    const char* text = "x * y + ln(x) - sqrt(y) / (x - 1)";
+    {
+        OxelExpression lone;
+        ASSERT_EQ(parseInto(lone, text), 1);
+        oxelSetBatchThreads(1);
+        ASSERT_EQ(lone.evalBatch(rows.data(), n, 2, want.data(), wantErr.data()), 0);
+        oxelSetBatchThreads(0);
+    }
+    for (int round = 0; round < 3; ++round) {
+        OxelExpression e;
+        ASSERT_EQ(parseInto(e, text), 1);
+        EXPECT_EQ(runThreads([&](int t) {
+                      std::vector<double> got(static_cast<size_t>(n));
+                      std::vector<int> err(static_cast<size_t>(n));
+                      int e1 = 0;
+                      double one = evalAt(e, rows[2 * t], rows[2 * t + 1], e1);
+                      int bad = std::memcmp(&one, &want[t], sizeof one) != 0 || e1 != wantErr[t];
+                      if (t % 2)
+                          e.evalBatch(rows.data(), n, 2, got.data(), err.data());
+                      else
+                          e.evalBatchColumns(cols, n, got.data(), err.data());
+                      bad += got != want || err != wantErr;
+                      return bad;
+                  }),
+                  kNoFaults);
+    }
 }
 
 // Concurrent draws are, as a multiset, exactly the lone reference sequence: each value once.

@@ -2,10 +2,13 @@
 #ifndef OXEL_EXPRESSION_H
 #define OXEL_EXPRESSION_H
 
+#include <atomic>
+
 #include <oxel/core.h>
 #include <oxel/support.h>
 
 class OxelProgram;
+class OxelPointProgram;
 
 class OXEL_API OxelExpression {
 public:
@@ -30,8 +33,13 @@ public:
     void clear();
     void copyVarNames(OxelExpression& other);
 
-    // The current tree, owned by this expression (never null).
+    // The current tree, owned by this expression (never null). It is for reading: eval() and
+    // evalBatch() run a program compiled from it, so a host that wants another tree builds it
+    // and hands it over with setRoot().
     Oxel* root() const { return root_; }
+    // Replaces the tree (taking ownership; null installs the default expression) and
+    // recompiles. The tree may use the variable slots 0 .. numVars()-1.
+    void setRoot(Oxel* tree);
     // Why the last initFromString failed; empty after a success.
     const char* lastError() const { return lastError_.c_str(); }
 
@@ -45,6 +53,8 @@ public:
     // (stride >= numVars()); results[r] and errors[r] receive what eval() would give for that
     // row, bit for bit, when the rows are evaluated in order (each error code starts at 0).
     // The tree is compiled once into a flat program and kept until the expression changes.
+    // Large batches are split across worker threads (see oxelSetBatchThreads), except for
+    // formulas with random sources or dependent variables, which run in row order.
     // Returns 0, or -1 when stride < numVars() or an argument is null.
     int evalBatch(const double* rows, int numRows, int stride, double* results, int* errors);
     // The same with one array per variable: columns[i][r] is variable i in row r, for every
@@ -55,14 +65,26 @@ public:
 
 private:
     OxelExpression* withSameNames(Oxel* tree) const;
+    void installTree(Oxel* tree);
     void dropProgram();
+    OxelProgram* batchProgram();
 
     Oxel* root_;
     KxDArray<KxString> names_;
     KxHashTable<KxString, KxString> aliases_;
     int numInternal_;
     KxString lastError_;
-    OxelProgram* program_;  // compiled form of root_ for evalBatch, built on first use
+    // Compiled forms of root_. The single-point program is built with the tree (null: the
+    // tree walk serves eval); the batch program on first use, by whichever thread gets there
+    // first, so that threads may share one expression.
+    OxelPointProgram* point_;
+    std::atomic<OxelProgram*> program_;
 };
+
+// Worker threads that evalBatch and evalBatchColumns may use for one large batch, process-wide
+// (the calling thread counts as one). 0 restores the default: the number of cores, at most 8;
+// 1 keeps every batch on the calling thread. Results are the same bits whatever the count.
+OXEL_API void oxelSetBatchThreads(int n);
+OXEL_API int oxelBatchThreads();
 
 #endif

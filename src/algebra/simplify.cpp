@@ -1,44 +1,7 @@
 // Simplification: constant folding and the rewriting rules of the arithmetic operators.
-#include <typeindex>
-#include <unordered_map>
-
 #include <oxel/nodes.h>
 
-namespace {
-
-// Builders of every one- and two-operand class that keeps the generic rule. With them the
-// generic rule makes its result from the simplified children directly: the same tree as
-// copying the node and then replacing each child, without copying every sub-tree once per
-// level above it (which costs time quadratic in the depth of a chain such as !!!...!x).
-using Make1 = Oxel* (*)(Oxel*);
-using Make2 = Oxel* (*)(Oxel*, Oxel*);
-
-struct Builders {
-    std::unordered_map<std::type_index, Make1> one;
-    std::unordered_map<std::type_index, Make2> two;
-    Builders()
-    {
-#define OXEL_MAKE1(Cls, ...) one[typeid(Cls)] = [](Oxel* a) -> Oxel* { return new Cls(a); };
-#define OXEL_MAKE2(Cls, ...) \
-    two[typeid(Cls)] = [](Oxel* a, Oxel* b) -> Oxel* { return new Cls(a, b); };
-        OXEL_UNARY_FUNCTIONS(OXEL_MAKE1)
-        OXEL_MAKE1(OxNot)
-        OXEL_BINARY_FUNCTIONS(OXEL_MAKE2)
-        OXEL_ARITHMETIC_OPERATORS(OXEL_MAKE2)
-        OXEL_BITWISE_OPERATORS(OXEL_MAKE2)
-        OXEL_LOGIC_OPERATORS(OXEL_MAKE2)
-#undef OXEL_MAKE1
-#undef OXEL_MAKE2
-    }
-};
-
-const Builders& builders()
-{
-    static const Builders b;
-    return b;
-}
-
-}  // namespace
+#include "nodes/kinds.h"
 
 Oxel* Oxel::simplify()
 {
@@ -49,21 +12,20 @@ Oxel* Oxel::simplify()
     return doSimplify();
 }
 
+// Classes with a builder in the kind table make their result from the simplified children
+// directly: the same tree as copying the node and then replacing each child, without copying
+// every sub-tree once per level above it (which costs time quadratic in the depth of a chain
+// such as !!!...!x).
 Oxel* Oxel::doSimplify()
 {
-    const Builders& make = builders();
+    const oxk::KindRow& row = oxk::row(oxk::kindOf(this));
     int n = getNumChildren();
-    if (n == 1 && getChild(0)) {
-        auto it = make.one.find(typeid(*this));
-        if (it != make.one.end())
-            return it->second(getChild(0)->simplify());
-    } else if (n == 2 && getChild(0) && getChild(1)) {
-        auto it = make.two.find(typeid(*this));
-        if (it != make.two.end()) {
-            Oxel* a = getChild(0)->simplify();  // first child first: folding may draw gauss()
-            Oxel* b = getChild(1)->simplify();
-            return it->second(a, b);
-        }
+    if (n == 1 && getChild(0) && row.make1) {
+        return row.make1(getChild(0)->simplify());
+    } else if (n == 2 && getChild(0) && getChild(1) && row.make2) {
+        Oxel* a = getChild(0)->simplify();  // first child first: folding may draw gauss()
+        Oxel* b = getChild(1)->simplify();
+        return row.make2(a, b);
     }
     Oxel* copy = dup();
     int kids = getNumChildren();

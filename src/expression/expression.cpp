@@ -1,7 +1,6 @@
 // OxelExpression: variable registry, parsing, evaluation, derivatives and simplified copies.
 #include <oxel/expression.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -9,6 +8,7 @@
 #include <oxel/nodes.h>
 
 #include "expression/program.h"
+#include "nodes/kernels.h"
 #include "parser/converter.h"
 
 namespace {
@@ -19,7 +19,7 @@ const int kMaxSimplifyPasses = 100;
 }  // namespace
 
 OxelExpression::OxelExpression()
-    : root_(nullptr), aliases_(KxString("")), numInternal_(0), program_(nullptr)
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), point_(nullptr), program_(nullptr)
 {
     clear();
 }
@@ -40,8 +40,8 @@ int OxelExpression::addVar(const char* name)
     int i = varIndex(name);
     if (i >= 0 && i < declared)
         return i;
-    dropProgram();
     names_.insert(declared, KxString(name));
+    installTree(root_);  // the programs know the number of slots
     return declared;
 }
 
@@ -110,10 +110,12 @@ int OxelExpression::initFromString(const char* text)
     // never written, not even when a statement fails, and may be a literal.
     std::vector<char> copy(text, text + std::strlen(text) + 1);
     std::string error;
-    root_ = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
+    Oxel* tree = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
     numInternal_ = numVars() - declared;
-    if (root_)
+    if (tree) {
+        installTree(tree);
         return 1;
+    }
     setDefaultExpression();
     lastError_ = KxString(error.c_str());
     return 0;
@@ -123,17 +125,36 @@ double OxelExpression::eval(KxDArray<double>& values, int& err)
 {
     if (!root_)
         return 0.0;
+    // A short vector would be read (and written) past its end.
+    if (values.length() < numVars()) {
+        oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
+        return 0.0;
+    }
+    if (point_)
+        return oxelPointRun(*point_, root_, values.data(), err);
     return root_->value(values.data(), err);
 }
 
 void OxelExpression::setDefaultExpression()
 {
-    dropProgram();
     int declared = numVars() - numInternal_;
     names_.setLength(declared > 0 ? declared : 0);
     numInternal_ = 0;
-    oxelDestroy(root_);
-    root_ = new OxZahl(0.0);
+    installTree(new OxZahl(0.0));
+}
+
+void OxelExpression::setRoot(Oxel* tree)
+{
+    installTree(tree ? tree : new OxZahl(0.0));
+}
+
+void OxelExpression::installTree(Oxel* tree)
+{
+    dropProgram();
+    if (tree != root_)
+        oxelDestroy(root_);
+    root_ = tree;
+    point_ = oxelPointCompile(root_, numVars());
 }
 
 void OxelExpression::clear()
@@ -153,6 +174,7 @@ void OxelExpression::copyVarNames(OxelExpression& other)
     for (int i = 0; i < declared; ++i)
         names_.append(other.names_[i]);
     aliases_ = other.aliases_;
+    installTree(root_);
 }
 
 // ---------------------------------------------------------------- derived expressions
@@ -165,8 +187,7 @@ OxelExpression* OxelExpression::withSameNames(Oxel* tree) const
         for (int i = 0; i < names_.length(); ++i)
             out->names_[i] = names_[i];
         out->aliases_ = aliases_;
-        oxelDestroy(out->root_);
-        out->root_ = tree;
+        out->installTree(tree);
         return out;
     } catch (...) {
         oxelDestroy(tree);
@@ -214,16 +235,25 @@ OxelExpression* OxelExpression::simplifiedFully() const
 
 // ---------------------------------------------------------------- batch evaluation
 
+OxelProgram* OxelExpression::batchProgram()
+{
+    OxelProgram* p = program_.load(std::memory_order_acquire);
+    if (p)
+        return p;
+    OxelProgram* mine = oxelProgramCompile(root_, numVars());
+    if (program_.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
+        return mine;
+    oxelProgramRelease(mine);  // another thread compiled it first
+    return p;
+}
+
 int OxelExpression::evalBatch(const double* rows, int numRows, int stride, double* results,
                               int* errors)
 {
     if (!rows || !results || !errors || numRows < 0 || stride < numVars())
         return -1;
-    if (numRows == 0)
-        return 0;
-    if (!program_)
-        program_ = oxelProgramCompile(root_, numVars());
-    oxelProgramRun(program_, rows, numRows, stride, results, errors);
+    if (numRows > 0)
+        oxelProgramRun(batchProgram(), rows, numRows, stride, results, errors);
     return 0;
 }
 
@@ -232,23 +262,25 @@ int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
 {
     if (!columns || !results || !errors || numRows < 0)
         return -1;
-    int nv = numVars();
-    const int kChunk = 256;  // rows interleaved at a time: the copy stays in L1
-    std::vector<double> rows(static_cast<size_t>(kChunk) * (nv > 0 ? nv : 1));
-    for (int start = 0; start < numRows; start += kChunk) {
-        int n = std::min(kChunk, numRows - start);
-        for (int v = 0; v < nv; ++v)
-            for (int r = 0; r < n; ++r)
-                rows[static_cast<size_t>(r) * nv + v] = columns[v] ? columns[v][start + r] : 0.0;
-        evalBatch(rows.data(), n, nv, results + start, errors + start);
-    }
+    if (numRows > 0)
+        oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors);
     return 0;
 }
 
 void OxelExpression::dropProgram()
 {
-    if (program_) {
-        oxelProgramRelease(program_);
-        program_ = nullptr;
-    }
+    if (OxelProgram* p = program_.exchange(nullptr))
+        oxelProgramRelease(p);
+    oxelPointRelease(point_);
+    point_ = nullptr;
+}
+
+void oxelSetBatchThreads(int n)
+{
+    oxp::poolSetThreads(n);
+}
+
+int oxelBatchThreads()
+{
+    return oxp::poolThreads();
 }

@@ -14,7 +14,7 @@
         double b = right_->value(vars, e2);                 \
         if (err == 0)                                       \
             err = e2;                                       \
-        return oxk::eval_##Cls(a, b, err);                  \
+        return oxk::call<oxk::eval_##Cls>(a, b, err);                  \
     }
 
 // Left copy first, then right: argument evaluation order is unspecified otherwise.

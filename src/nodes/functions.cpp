@@ -8,7 +8,7 @@
     double Cls::value(double* vars, int& err) const         \
     {                                                       \
         double v = arg_->value(vars, err);                  \
-        return oxk::eval_##Cls(v, err);                     \
+        return oxk::call<oxk::eval_##Cls>(v, err);                     \
     }                                                       \
     Oxel* Cls::dup() { return new Cls(arg_->dup()); }       \
     Cls::~Cls() {}                                          \

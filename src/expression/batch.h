@@ -1,0 +1,66 @@
+// The column program behind evalBatch: instructions over blocks of rows, shared by the code
+// that builds it (columns.cpp) and the code that runs it (batch.cpp).
+#ifndef OXEL_EXPRESSION_BATCH_H
+#define OXEL_EXPRESSION_BATCH_H
+
+#include <vector>
+
+#include "expression/program.h"
+
+namespace oxb {
+
+const int kBlock = 256;  // rows per column; a few dozen columns stay in L1
+
+struct Frame {
+    double** cols;  // column pointers of this block
+    int* err;       // error codes of this block's rows
+    int n;          // rows in this block
+};
+
+struct Insn;
+using Runner = void (*)(const Insn&, const Frame&);
+
+// OxHoch with a constant exponent: the guard limits depend only on the exponent, so they are
+// computed once, with the very expressions the kernel uses.
+struct PowConst {
+    double b, bc;            // exponent, and the exponent rounded up for negative bases
+    bool bIntegral;          // b == ceil(b)
+    bool bAbove1, bcAbove1;  // b > 1, ceil(b) > 1
+    long double limB, limBc;
+};
+
+struct Insn {
+    Runner run;
+    int out;  // column written
+    int a;    // column of the first operand, -1 for the constant ka
+    int b;    // column of the second operand, -1 for the constant kb
+    double ka;
+    double kb;
+    int code;  // error code of a raise
+    PowConst pow;
+};
+
+// The loop for a step: operands are columns or constants (not both constants).
+Runner selectRunner(const oxp::Step& s);
+PowConst powConst(double b);
+
+}  // namespace oxb
+
+class OxelProgram {
+public:
+    Oxel* root = nullptr;
+    int numVars = 0;
+    bool compiled = false;        // false: the tree walks every row
+    bool parallel = false;        // rows are independent: blocks may run on several threads
+    std::vector<oxb::Insn> code;
+    std::vector<int> inputVars;   // variable index of input column i
+    int numColumns = 0;           // input columns, then scratch columns
+    int resultColumn = -1;        // column holding the value, or -1 for resultConst
+    double resultConst = 0.0;
+    bool resultInResults = false;  // the result column is the caller's results array
+};
+
+// Instruction selection and column allocation for a lowered tree.
+void buildColumns(OxelProgram& p, const oxp::Lowered& l);
+
+#endif
