@@ -126,7 +126,7 @@ double OxelExpression::eval(KxDArray<double>& values, int& err)
     if (!root_)
         return 0.0;
     // A short vector would be read (and written) past its end.
-    if (values.length() < numVars()) {
+    if (values.length() < names_.length()) {
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }

@@ -1,6 +1,7 @@
 // The single-point program behind eval(): the lowered steps as register instructions whose
-// operands (register, caller's slot or constant) are encoded in the instruction itself, run
-// by a threaded interpreter with the hot operators inlined per operand combination.
+// operands (register, caller's slot, constant, or the previous instruction's result, which
+// stays in a machine register) are encoded in the instruction itself, run by a threaded
+// interpreter with the hot operators inlined per operand combination.
 #include "expression/program.h"
 
 #include <algorithm>
@@ -30,13 +31,33 @@ const int kMaxRegs = 64;  // wider programs keep the tree walk
     X(OxMax)           \
     X(OxMin)
 
-// Modes in the order of Operand::Mode: R register, V caller's slot, K constant.
-#define OXP_MODES(X, Cls) \
-    X(Cls, R, R) X(Cls, R, V) X(Cls, R, K) X(Cls, V, R) X(Cls, V, V) X(Cls, V, K) X(Cls, K, R) X(Cls, K, V)
+// Operand modes: the first three in the order of Operand::Mode (R register, V caller's slot,
+// K constant), then A, the previous instruction's result. Every instruction also stores its
+// result in its register, so A is only a shortcut that keeps chains out of memory.
+const uint8_t kAcc = 3;
+#define OXP_MODES(X, Cls)                                                                       \
+    X(Cls, R, R) X(Cls, R, V) X(Cls, R, K) X(Cls, R, A) X(Cls, V, R) X(Cls, V, V) X(Cls, V, K)  \
+    X(Cls, V, A) X(Cls, K, R) X(Cls, K, V) X(Cls, K, K) X(Cls, K, A) X(Cls, A, R) X(Cls, A, V)  \
+    X(Cls, A, K) X(Cls, A, A)
+
+// Every one-operand kind is inlined too, for an operand in a register, a slot or the
+// accumulator (constants fold at compile time).
+#define OXP_UNARY_KINDS(X) OXEL_UNARY_FUNCTIONS(X) X(OxNot)
+#define OXP_UNARY_MODES(X, Cls) X(Cls, R) X(Cls, V) X(Cls, K) X(Cls, A)
 
 #define OXP_ENUM_MODE(Cls, A, B) Op_##Cls##_##A##B,
-#define OXP_ENUM(Cls) OXP_MODES(OXP_ENUM_MODE, Cls) Op_##Cls##_KK,
-enum Op : uint16_t { OXP_HOT(OXP_ENUM) OpUnary, OpBinary, OpRaise, OpMove, OpStore, OpReturn };
+#define OXP_ENUM(Cls) OXP_MODES(OXP_ENUM_MODE, Cls)
+#define OXP_ENUM_UNARY_MODE(Cls, A) Op_##Cls##_##A,
+#define OXP_ENUM_UNARY(Cls, ...) OXP_UNARY_MODES(OXP_ENUM_UNARY_MODE, Cls)
+enum Op : uint16_t {
+    OXP_HOT(OXP_ENUM) OXP_UNARY_KINDS(OXP_ENUM_UNARY) OpBinary,
+    OpRaise,
+    OpMove,
+    OpStore,
+    OpReturn
+};
+#undef OXP_ENUM_UNARY
+#undef OXP_ENUM_UNARY_MODE
 #undef OXP_ENUM
 #undef OXP_ENUM_MODE
 
@@ -46,11 +67,13 @@ struct Insn {
     int32_t out;     // register written (OpStore: slot written)
     int32_t a, b;    // register or slot of each operand
     double ka, kb;   // constant operands
-    oxk::UnFn un;
-    oxk::BinFn bin;
+    union {
+        oxk::UnFn un;
+        oxk::BinFn bin;
+    };
 };
 
-// Base opcode of a hot kind, or -1.
+// Base opcode of an inlined kind, or -1.
 int hotBase(oxk::Kind k)
 {
     switch (k) {
@@ -59,14 +82,29 @@ int hotBase(oxk::Kind k)
         return Op_##Cls##_RR;
         OXP_HOT(OXP_BASE)
 #undef OXP_BASE
+#define OXP_BASE(Cls, ...) \
+    case oxk::Kind::Cls: \
+        return Op_##Cls##_R;
+        OXP_UNARY_KINDS(OXP_BASE)
+#undef OXP_BASE
     default:
         return -1;
     }
 }
 
-inline double fetch(uint8_t mode, int32_t i, double k, const double* r, const double* vars)
+inline double fetch(uint8_t mode, int32_t i, double k, double acc, const double* r,
+                    const double* vars)
 {
-    return mode == Operand::Reg ? r[i] : (mode == Operand::Input ? vars[i] : k);
+    switch (mode) {
+    case Operand::Reg:
+        return r[i];
+    case Operand::Input:
+        return vars[i];
+    case Operand::Const:
+        return k;
+    default:
+        return acc;
+    }
 }
 
 }  // namespace
@@ -101,10 +139,13 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     std::vector<int> regOf(static_cast<size_t>(numSteps), -1);
     std::vector<int> freeRegs;
     int numRegs = 0;
+    int previous = -1;  // the step whose result is in the accumulator
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
         index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;
         k = o.k;
+        if (o.mode == Operand::Reg && o.index == previous)
+            mode = kAcc;
     };
     auto release = [&](const Operand& o, int at) {
         if (o.mode == Operand::Reg && lastUse[static_cast<size_t>(o.index)] == at &&
@@ -134,13 +175,16 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         const oxk::KindRow& row = oxk::row(s.kind);
         operand(s.a, in.ma, in.a, in.ka);
         operand(s.b, in.mb, in.b, in.kb);
-        in.un = row.un;
-        in.bin = row.bin;
-        const int base = hotBase(s.kind);
-        if (base >= 0)
-            in.op = static_cast<uint16_t>(base + 3 * in.ma + in.mb);
+        if (row.un)
+            in.un = row.un;
         else
-            in.op = row.un ? OpUnary : OpBinary;
+            in.bin = row.bin;
+        const int base = hotBase(s.kind);
+        if (base < 0)
+            in.op = OpBinary;
+        else
+            in.op = static_cast<uint16_t>(row.un ? base + in.ma : base + 4 * in.ma + in.mb);
+        previous = i;
         // Operands die before the result takes a register: an instruction may overwrite its
         // own operand, since it reads both before it writes.
         release(s.a, i);
@@ -163,6 +207,7 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     for (const auto& as : l.assigned)
         written[static_cast<size_t>(as.first)] = true;
     auto stable = [&](Operand o) {
+        previous = -1;  // moves and stores leave the accumulator alone
         if (o.mode != Operand::Input || !written[static_cast<size_t>(o.index)])
             return o;
         Insn mv{};
@@ -173,6 +218,7 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         regOf.push_back(mv.out);
         return Operand{Operand::Reg, 0.0, static_cast<int>(regOf.size()) - 1};
     };
+    previous = -1;
     Operand result = stable(l.result);
     std::vector<Operand> values;
     for (const auto& as : l.assigned)
@@ -189,53 +235,6 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     operand(result, ret.ma, ret.a, ret.ka);
     p.code.push_back(ret);
     return numRegs <= kMaxRegs;
-}
-
-// The first failure in evaluation order lands in code (which starts at 0).
-double run(const Insn* in, double* vars, int& code)
-{
-#define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
-#define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls) &&L_binary,
-    static const void* const labels[] = {OXP_HOT(OXP_LABELS) &&L_unary, &&L_binary, &&L_raise,
-                                         &&L_move, &&L_store, &&L_return};
-#undef OXP_LABELS
-#undef OXP_LABEL_MODE
-    double r[kMaxRegs];
-#define OXP_NEXT goto* labels[(++in)->op]
-#define OXP_R(f) r[in->f]
-#define OXP_V(f) vars[in->f]
-#define OXP_K(f) in->k##f
-#define OXP_HANDLER_MODE(Cls, A, B)                                                      \
-    L_##Cls##_##A##B : r[in->out] = oxk::call<&oxk::eval_##Cls>(OXP_##A(a), OXP_##B(b), code); \
-    OXP_NEXT;
-#define OXP_HANDLERS(Cls) OXP_MODES(OXP_HANDLER_MODE, Cls)
-
-    goto* labels[in->op];
-    OXP_HOT(OXP_HANDLERS)
-L_unary:
-    r[in->out] = in->un(fetch(in->ma, in->a, in->ka, r, vars), code);
-    OXP_NEXT;
-L_binary:
-    r[in->out] = in->bin(fetch(in->ma, in->a, in->ka, r, vars), fetch(in->mb, in->b, in->kb, r, vars),
-                         code);
-    OXP_NEXT;
-L_raise:
-    oxk::raise(code, in->a);
-    OXP_NEXT;
-L_move:
-    r[in->out] = fetch(in->ma, in->a, in->ka, r, vars);
-    OXP_NEXT;
-L_store:
-    vars[in->out] = fetch(in->ma, in->a, in->ka, r, vars);
-    OXP_NEXT;
-L_return:
-    return fetch(in->ma, in->a, in->ka, r, vars);
-#undef OXP_HANDLERS
-#undef OXP_HANDLER_MODE
-#undef OXP_K
-#undef OXP_V
-#undef OXP_R
-#undef OXP_NEXT
 }
 
 }  // namespace
@@ -265,9 +264,68 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
     if (err != 0 && p.overwrites)
         return root->value(vars, err);
-    int code = 0;
-    double v = run(p.code.data(), vars, code);
+#define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
+#define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
+#define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,
+#define OXP_LABELS_UNARY(Cls, ...) OXP_UNARY_MODES(OXP_LABEL_UNARY_MODE, Cls)
+    static const void* const labels[] = {OXP_HOT(OXP_LABELS) OXP_UNARY_KINDS(OXP_LABELS_UNARY) &&
+                                         L_binary,
+                                         &&L_raise, &&L_move, &&L_store, &&L_return};
+#undef OXP_LABELS_UNARY
+#undef OXP_LABEL_UNARY_MODE
+#undef OXP_LABELS
+#undef OXP_LABEL_MODE
+    int code = 0;  // the first failure in evaluation order lands here
+    double r[kMaxRegs];
+    double acc = 0.0;
+    const Insn* in = p.code.data();
+#define OXP_NEXT goto* labels[(++in)->op]
+#define OXP_R(f) r[in->f]
+#define OXP_V(f) vars[in->f]
+#define OXP_K(f) in->k##f
+#define OXP_A(f) acc
+#define OXP_FETCH(m, f) fetch(in->m, in->f, in->k##f, acc, r, vars)
+#define OXP_HANDLER_MODE(Cls, A, B)                                                 \
+    L_##Cls##_##A##B : acc = oxk::call<&oxk::eval_##Cls>(OXP_##A(a), OXP_##B(b), code); \
+    r[in->out] = acc;                                                               \
+    OXP_NEXT;
+#define OXP_HANDLERS(Cls) OXP_MODES(OXP_HANDLER_MODE, Cls)
+#define OXP_UNARY_HANDLER_MODE(Cls, A)                               \
+    L_##Cls##_##A : acc = oxk::call<&oxk::eval_##Cls>(OXP_##A(a), code); \
+    r[in->out] = acc;                                                \
+    OXP_NEXT;
+#define OXP_UNARY_HANDLERS(Cls, ...) OXP_UNARY_MODES(OXP_UNARY_HANDLER_MODE, Cls)
+
+    goto* labels[in->op];
+    OXP_HOT(OXP_HANDLERS)
+    OXP_UNARY_KINDS(OXP_UNARY_HANDLERS)
+L_binary:
+    acc = in->bin(OXP_FETCH(ma, a), OXP_FETCH(mb, b), code);
+    r[in->out] = acc;
+    OXP_NEXT;
+L_raise:
+    oxk::raise(code, in->a);
+    OXP_NEXT;
+L_move:
+    r[in->out] = OXP_FETCH(ma, a);
+    OXP_NEXT;
+L_store:
+    vars[in->out] = OXP_FETCH(ma, a);
+    OXP_NEXT;
+L_return: {
+    double v = OXP_FETCH(ma, a);
     if (err == 0)
         err = code;
     return v;
+}
+#undef OXP_UNARY_HANDLERS
+#undef OXP_UNARY_HANDLER_MODE
+#undef OXP_HANDLERS
+#undef OXP_HANDLER_MODE
+#undef OXP_FETCH
+#undef OXP_A
+#undef OXP_K
+#undef OXP_V
+#undef OXP_R
+#undef OXP_NEXT
 }
