@@ -142,6 +142,19 @@ const Formula kSuite[] = {
             a = eval_OxMinus(a, eval_OxMal(eval_OxMal(y, y, e), y, e), e);
             a = eval_OxPlus(a, eval_OxMal(z, z, e), e);
             return eval_OxMinus(a, w, e);)},
+    {"horner", "((((0.5 * x - 1.5) * x + 2.25) * x - 3) * x + 1) * x - 7",
+     "((((0.5 * x - 1.5) * x + 2.25) * x - 3) * x + 1) * x - 7",
+     "((((0.5*x-1.5)*x+2.25)*x-3)*x+1)*x-7",
+     NATIVE(double a = eval_OxMinus(eval_OxMal(0.5, x, e), 1.5, e);
+            a = eval_OxPlus(eval_OxMal(a, x, e), 2.25, e);
+            a = eval_OxMinus(eval_OxMal(a, x, e), 3, e);
+            a = eval_OxPlus(eval_OxMal(a, x, e), 1, e);
+            return eval_OxMinus(eval_OxMal(a, x, e), 7, e);)},
+    {"constant parts", "x * (2 / 3) + y * (1 / 7) - sqrt(2) * z + 4 * 0.25",
+     "x * (2 / 3) + y * (1 / 7) - sqrt(2) * z + 4 * 0.25", "x*(2/3)+y*(1/7)-sqrt(2)*z+4*0.25",
+     NATIVE(double a = eval_OxPlus(eval_OxMal(x, 2.0 / 3.0, e), eval_OxMal(y, 1.0 / 7.0, e), e);
+            a = eval_OxMinus(a, eval_OxMal(std::sqrt(2.0), z, e), e);
+            return eval_OxPlus(a, 1.0, e);)},
     {"long", "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + pow(u, 2) - v * s / (t + 1)",
      "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + u^2 - v * s / (t + 1)",
      "sin(x)*cos(y)+exp(-z*z/2)/sqrt(2*w)-atan(y/x)*log(abs(z)+1)+u^2-v*s/(t+1)",

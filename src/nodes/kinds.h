@@ -30,24 +30,24 @@ enum class Shape : uint8_t {
 // Division evaluates its divisor first; the ordering comparisons hand on child codes. The
 // evaluation frames in operators.cpp and logic.cpp are the other side of these two facts.
 template <class C>
-constexpr Shape binaryShape = Shape::Binary;
+inline constexpr Shape binaryShape = Shape::Binary;
 template <>
-constexpr Shape binaryShape<OxDurch> = Shape::DivisorFirst;
+inline constexpr Shape binaryShape<OxDurch> = Shape::DivisorFirst;
 template <class C>
-constexpr Shape logicShape = Shape::Ordering;
+inline constexpr Shape logicShape = Shape::Ordering;
 template <>
-constexpr Shape logicShape<OxEqual> = Shape::Tolerant;
+inline constexpr Shape logicShape<OxEqual> = Shape::Tolerant;
 template <>
-constexpr Shape logicShape<OxAnd> = Shape::Tolerant;
+inline constexpr Shape logicShape<OxAnd> = Shape::Tolerant;
 template <>
-constexpr Shape logicShape<OxOr> = Shape::Tolerant;
+inline constexpr Shape logicShape<OxOr> = Shape::Tolerant;
 
 // Kernels with a two-lane form (vector_kernels.h); null for the rest.
 template <class C>
-constexpr oxv::VecKernel vectorForm = nullptr;
+inline constexpr oxv::VecKernel vectorForm = nullptr;
 #define OXK_VECTOR_FORM(Cls) \
     template <>              \
-    constexpr oxv::VecKernel vectorForm<Cls> = &oxv::vec_##Cls;
+    inline constexpr oxv::VecKernel vectorForm<Cls> = &oxv::vec_##Cls;
 OXK_VECTOR_FORM(OxPlus)
 OXK_VECTOR_FORM(OxMinus)
 OXK_VECTOR_FORM(OxMal)
