@@ -6,7 +6,7 @@
 namespace oxp {
 namespace {
 
-const long kMaxLowerDepth = 4000;  // lowering recurses; deeper trees keep the tree walk
+const int kMaxLowerDepth = 4000;  // lowering recurses; deeper trees keep the tree walk
 
 struct Lowerer {
     int numVars;
@@ -71,9 +71,17 @@ struct Lowerer {
 
     Operand child(Oxel* node, int i) { return lower(node->getChild(i)); }
 
+    int depth = 0;
+    struct Level {
+        int& d;
+        explicit Level(int& depth) : d(depth) { ++d; }
+        ~Level() { --d; }
+    };
+
     Operand lower(Oxel* node)
     {
-        if (!out.ok || !node)
+        Level level(depth);
+        if (!out.ok || !node || depth > kMaxLowerDepth)
             return fail();
         const oxk::Kind kind = oxk::kindOf(node);
         switch (oxk::row(kind).shape) {
@@ -139,9 +147,10 @@ Lowered lower(Oxel* root, int numVars)
     Lowered out;
     numVars = numVars > 0 ? numVars : 0;
     out.inputRead.assign(static_cast<size_t>(numVars), false);
-    if (!root || oxelDepth(root) > kMaxLowerDepth)
+    if (!root)
         return out;
     out.ok = true;
+    out.steps.reserve(32);
     Lowerer l{numVars, out, {}, {}};
     l.slot.assign(static_cast<size_t>(numVars), Lowerer::constant(0.0));
     l.slotSet.assign(static_cast<size_t>(numVars), false);

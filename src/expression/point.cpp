@@ -139,7 +139,8 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     std::vector<int> regOf(static_cast<size_t>(numSteps), -1);
     std::vector<int> freeRegs;
     int numRegs = 0;
-    int previous = -1;  // the step whose result is in the accumulator
+    int previous = -1;
+    p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);  // the step whose result is in the accumulator
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
         index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;

@@ -1,7 +1,6 @@
 // Kind of a node: one lookup from its dynamic class, built from the kind table.
 #include "nodes/kinds.h"
 
-#include <typeindex>
 #include <typeinfo>
 #include <unordered_map>
 
@@ -9,10 +8,12 @@ namespace oxk {
 
 Kind kindOf(const Oxel* node)
 {
-    static const std::unordered_map<std::type_index, Kind> kinds = [] {
-        std::unordered_map<std::type_index, Kind> m;
-#define OXK_MAP_LEAF(Cls, shape) m.emplace(typeid(Cls), Kind::Cls);
-#define OXK_MAP_OP(Cls, ...) m.emplace(typeid(Cls), Kind::Cls);
+    // Keyed by the type_info objects themselves: the classes live in this library, so each has
+    // exactly one, and hashing a pointer is far cheaper than hashing a type's name.
+    static const std::unordered_map<const std::type_info*, Kind> kinds = [] {
+        std::unordered_map<const std::type_info*, Kind> m;
+#define OXK_MAP_LEAF(Cls, shape) m.emplace(&typeid(Cls), Kind::Cls);
+#define OXK_MAP_OP(Cls, ...) m.emplace(&typeid(Cls), Kind::Cls);
         OXK_KINDS(OXK_MAP_LEAF, OXK_MAP_OP, OXK_MAP_OP, OXK_MAP_OP)
 #undef OXK_MAP_LEAF
 #undef OXK_MAP_OP
@@ -20,7 +21,7 @@ Kind kindOf(const Oxel* node)
     }();
     if (!node)
         return Kind::Unknown;
-    auto it = kinds.find(typeid(*node));
+    auto it = kinds.find(&typeid(*node));
     return it == kinds.end() ? Kind::Unknown : it->second;
 }
 
