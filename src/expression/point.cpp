@@ -49,13 +49,28 @@ const uint8_t kAcc = 3;
 #define OXP_ENUM(Cls) OXP_MODES(OXP_ENUM_MODE, Cls)
 #define OXP_ENUM_UNARY_MODE(Cls, A) Op_##Cls##_##A,
 #define OXP_ENUM_UNARY(Cls, ...) OXP_UNARY_MODES(OXP_ENUM_UNARY_MODE, Cls)
+// A product that only feeds the sum or difference right after it runs in one instruction
+// with it: P(product, c) with the product on the left (L) or right (R) of P.
+#define OXP_FUSED_C(X, P, S, C)                                                                 \
+    X(P, S, R, R, C) X(P, S, R, V, C) X(P, S, R, K, C) X(P, S, R, A, C) X(P, S, V, R, C)         \
+    X(P, S, V, V, C) X(P, S, V, K, C) X(P, S, V, A, C) X(P, S, K, R, C) X(P, S, K, V, C)         \
+    X(P, S, K, K, C) X(P, S, K, A, C) X(P, S, A, R, C) X(P, S, A, V, C) X(P, S, A, K, C)         \
+    X(P, S, A, A, C)
+#define OXP_FUSED_S(X, P, S) \
+    OXP_FUSED_C(X, P, S, R) OXP_FUSED_C(X, P, S, V) OXP_FUSED_C(X, P, S, K) OXP_FUSED_C(X, P, S, A)
+#define OXP_FUSED(X)                                                                    \
+    OXP_FUSED_S(X, OxPlus, L) OXP_FUSED_S(X, OxPlus, R) OXP_FUSED_S(X, OxMinus, L) \
+    OXP_FUSED_S(X, OxMinus, R)
+#define OXP_ENUM_FUSED(P, S, A, B, C) Op_##P##S##_##A##B##C,
+
 enum Op : uint16_t {
-    OXP_HOT(OXP_ENUM) OXP_UNARY_KINDS(OXP_ENUM_UNARY) OpBinary,
+    OXP_HOT(OXP_ENUM) OXP_UNARY_KINDS(OXP_ENUM_UNARY) OXP_FUSED(OXP_ENUM_FUSED) OpBinary,
     OpRaise,
     OpMove,
     OpStore,
     OpReturn
 };
+#undef OXP_ENUM_FUSED
 #undef OXP_ENUM_UNARY
 #undef OXP_ENUM_UNARY_MODE
 #undef OXP_ENUM
@@ -67,6 +82,9 @@ struct Insn {
     int32_t out;     // register written (OpStore: slot written)
     int32_t a, b;    // register or slot of each operand
     double ka, kb;   // constant operands
+    int32_t c;       // the third operand of a fused product and sum
+    uint8_t mc;
+    double kc;
     union {
         oxk::UnFn un;
         oxk::BinFn bin;
@@ -139,8 +157,8 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     std::vector<int> regOf(static_cast<size_t>(numSteps), -1);
     std::vector<int> freeRegs;
     int numRegs = 0;
-    int previous = -1;
-    p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);  // the step whose result is in the accumulator
+    int previous = -1;  // the step whose result is in the accumulator
+    p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
         index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;
@@ -164,12 +182,54 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         return numRegs++;
     };
 
+    // Step i, a product read only by step i + 1, a sum or difference: the operand of step i + 1
+    // that is not the product, and whether the product is its left operand; null otherwise.
+    auto fusable = [&](int i, bool& left) -> const Operand* {
+        if (i + 1 >= numSteps || l.steps[static_cast<size_t>(i)].kind != oxk::Kind::OxMal ||
+            lastUse[static_cast<size_t>(i)] != i + 1)
+            return nullptr;
+        const oxp::Step& t = l.steps[static_cast<size_t>(i) + 1];
+        if (t.kind != oxk::Kind::OxPlus && t.kind != oxk::Kind::OxMinus)
+            return nullptr;
+        const bool inA = t.a.mode == Operand::Reg && t.a.index == i;
+        const bool inB = t.b.mode == Operand::Reg && t.b.index == i;
+        if (inA == inB)
+            return nullptr;
+        left = inA;
+        return inA ? &t.b : &t.a;
+    };
+
     for (int i = 0; i < numSteps; ++i) {
         const oxp::Step& s = l.steps[static_cast<size_t>(i)];
         Insn in{};
         if (s.kind == oxk::Kind::Unknown) {
             in.op = OpRaise;
             in.a = s.code;
+            p.code.push_back(in);
+            continue;
+        }
+        bool left = false;
+        if (const Operand* other = fusable(i, left)) {
+            const bool plus = l.steps[static_cast<size_t>(i) + 1].kind == oxk::Kind::OxPlus;
+            operand(s.a, in.ma, in.a, in.ka);
+            operand(s.b, in.mb, in.b, in.kb);
+            operand(*other, in.mc, in.c, in.kc);
+            const int variant = (plus ? 0 : 2) + (left ? 0 : 1);
+            in.op = static_cast<uint16_t>(Op_OxPlusL_RRR + (variant * 4 + in.mc) * 16 + 4 * in.ma +
+                                          in.mb);
+            release(s.a, i);
+            if (!(s.b.mode == Operand::Reg && s.a.mode == Operand::Reg && s.b.index == s.a.index))
+                release(s.b, i);
+            release(*other, i + 1);
+            ++i;  // the sum's step is done too
+            const int r = newReg();
+            regOf[static_cast<size_t>(i)] = r;
+            in.out = r;
+            if (lastUse[static_cast<size_t>(i)] < 0) {
+                freeRegs.push_back(r);
+                regOf[static_cast<size_t>(i)] = -1;
+            }
+            previous = i;
             p.code.push_back(in);
             continue;
         }
@@ -269,9 +329,11 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
 #define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,
 #define OXP_LABELS_UNARY(Cls, ...) OXP_UNARY_MODES(OXP_LABEL_UNARY_MODE, Cls)
-    static const void* const labels[] = {OXP_HOT(OXP_LABELS) OXP_UNARY_KINDS(OXP_LABELS_UNARY) &&
-                                         L_binary,
+#define OXP_LABEL_FUSED(P, S, A, B, C) &&L_##P##S##_##A##B##C,
+    static const void* const labels[] = {OXP_HOT(OXP_LABELS) OXP_UNARY_KINDS(OXP_LABELS_UNARY)
+                                             OXP_FUSED(OXP_LABEL_FUSED) &&L_binary,
                                          &&L_raise, &&L_move, &&L_store, &&L_return};
+#undef OXP_LABEL_FUSED
 #undef OXP_LABELS_UNARY
 #undef OXP_LABEL_UNARY_MODE
 #undef OXP_LABELS
@@ -296,10 +358,20 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     r[in->out] = acc;                                                \
     OXP_NEXT;
 #define OXP_UNARY_HANDLERS(Cls, ...) OXP_UNARY_MODES(OXP_UNARY_HANDLER_MODE, Cls)
+#define OXP_SIDE_L(p, c) p, c
+#define OXP_SIDE_R(p, c) c, p
+#define OXP_FUSED_HANDLER(P, S, A, B, C)                                                  \
+    L_##P##S##_##A##B##C : {                                                              \
+        const double prod = oxk::call<&oxk::eval_OxMal>(OXP_##A(a), OXP_##B(b), code);    \
+        acc = oxk::call<&oxk::eval_##P>(OXP_SIDE_##S(prod, OXP_##C(c)), code);            \
+        r[in->out] = acc;                                                                 \
+        OXP_NEXT;                                                                         \
+    }
 
     goto* labels[in->op];
     OXP_HOT(OXP_HANDLERS)
     OXP_UNARY_KINDS(OXP_UNARY_HANDLERS)
+    OXP_FUSED(OXP_FUSED_HANDLER)
 L_binary:
     acc = in->bin(OXP_FETCH(ma, a), OXP_FETCH(mb, b), code);
     r[in->out] = acc;
@@ -319,6 +391,9 @@ L_return: {
         err = code;
     return v;
 }
+#undef OXP_FUSED_HANDLER
+#undef OXP_SIDE_R
+#undef OXP_SIDE_L
 #undef OXP_UNARY_HANDLERS
 #undef OXP_UNARY_HANDLER_MODE
 #undef OXP_HANDLERS
