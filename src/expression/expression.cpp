@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <oxel/formula.h>
 #include <oxel/nodes.h>
 
 #include "expression/program.h"
@@ -19,7 +20,8 @@ const int kMaxSimplifyPasses = 100;
 }  // namespace
 
 OxelExpression::OxelExpression()
-    : root_(nullptr), aliases_(KxString("")), numInternal_(0), program_(nullptr)
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), lastErrorOffset_(-1),
+      program_(nullptr)
 {
     clear();
 }
@@ -98,24 +100,29 @@ int OxelExpression::initFromString(const char* text)
     names_.setLength(declared > 0 ? declared : 0);
     numInternal_ = 0;
     lastError_ = KxString();
+    lastErrorOffset_ = -1;
 
     if (!text || !*text) {
         setDefaultExpression();
+        lastErrorOffset_ = 0;
         return 0;
     }
     oxelDestroy(root_);
     root_ = nullptr;
 
     // The parser cuts statements in place. It works on a private copy, so the caller's text is
-    // never written, not even when a statement fails, and may be a literal.
+    // never written, not even when a statement fails, and may be a literal; nobody else sees
+    // the copy, so its statements are read whole whatever their length.
     std::vector<char> copy(text, text + std::strlen(text) + 1);
     std::string error;
-    root_ = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
+    int offset = -1;
+    root_ = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error, &offset, true);
     numInternal_ = numVars() - declared;
     if (root_)
         return 1;
     setDefaultExpression();
     lastError_ = KxString(error.c_str());
+    lastErrorOffset_ = offset;
     return 0;
 }
 
@@ -153,6 +160,11 @@ void OxelExpression::copyVarNames(OxelExpression& other)
     for (int i = 0; i < declared; ++i)
         names_.append(other.names_[i]);
     aliases_ = other.aliases_;
+}
+
+KxString OxelExpression::toFormula() const
+{
+    return oxelToFormula(root_);
 }
 
 // ---------------------------------------------------------------- derived expressions
