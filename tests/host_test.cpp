@@ -126,6 +126,24 @@ TEST(MessageHandler, TakesEveryMessageAndRestoresTheDefaultOutput)
     }
 }
 
+// A handler may use the library: a parse hands its messages over after releasing its lock.
+TEST(MessageHandler, MayParseFromTheHandler)
+{
+    std::vector<int> kinds;
+    oxelSetMessageHandler(
+        [](int kind, const char*, void* data) {
+            OxelExpression inner;
+            inner.addVar("x");
+            if (inner.initFromString("x + 1"))
+                static_cast<std::vector<int>*>(data)->push_back(kind);
+        },
+        &kinds);
+    Expr e = declared();
+    e->initFromString("x @ 1 )");
+    oxelSetMessageHandler(nullptr, nullptr);
+    EXPECT_EQ(kinds, (std::vector<int>{OXEL_MESSAGE_IGNORED_CHARACTER, OXEL_MESSAGE_PARSE_ERROR}));
+}
+
 // The offset points at the token that the message quotes ("near >token<"), or at the end.
 TEST(ErrorOffsets, PointAtTheTokenTheParseStoppedAt)
 {

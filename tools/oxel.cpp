@@ -380,7 +380,10 @@ public:
     // A variable whose values come from elsewhere (a CSV column).
     void markGiven(int index) { given_[index] = true; }
 
-    bool hasValue(int index) const { return index < static_cast<int>(given_.size()) && given_[index]; }
+    bool hasValue(int index) const
+    {
+        return index >= 0 && index < static_cast<int>(given_.size()) && given_[index];
+    }
 
     // Every declared variable must have a value before evaluating.
     void requireAllValues()
@@ -729,17 +732,16 @@ int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector
     // Odometer over the ranges, the last one turning fastest.
     Block block(s);
     std::vector<long> at(ranges.size(), 0);
+    std::vector<double> columns(ranges.size());
     std::string lead;
     for (;;) {
         lead.clear();
-        double* row = nullptr;
-        std::vector<double> columns(ranges.size());
         // start + i*step rather than repeated addition, so the error does not accumulate.
         for (size_t k = 0; k < ranges.size(); ++k) {
             columns[k] = ranges[k].start + static_cast<double>(at[k]) * ranges[k].step;
             lead += (k ? "," : "") + formatNumber(columns[k]);
         }
-        row = block.add(lead.data(), lead.size());
+        double* row = block.add(lead.data(), lead.size());
         for (size_t k = 0; k < ranges.size(); ++k)
             row[slots[k]] = columns[k];
         if (block.full())

@@ -20,8 +20,9 @@ typedef void (*OxelMessageHandler)(int kind, const char* text, void* userData);
 // Installs a process-wide handler; with one installed the library writes nothing to standard
 // output or standard error. A null handler restores the default output: parse errors as
 // "Parsing OxError: %s\n" on standard error, ignored characters echoed to standard output,
-// "diff: Not yet implemented in %s.\n" on standard output. The handler may be called from any
-// thread that parses or differentiates, once per message, never with a lock of its own held.
+// "diff: Not yet implemented in %s.\n" on standard output. The handler is called once per
+// message, on the thread that parses or differentiates, holding none of the library's locks
+// (a parse hands its messages over when it is done), so it may use the library itself.
 OXEL_API void oxelSetMessageHandler(OxelMessageHandler handler, void* userData);
 
 #endif

@@ -68,8 +68,10 @@ bool isNegation(Oxel* node)
 
 bool isNotEqual(Oxel* node)
 {
-    return typeid(*node) == typeid(OxNot) && node->getChild(0) &&
-           typeid(*node->getChild(0)) == typeid(OxEqual);
+    if (typeid(*node) != typeid(OxNot))
+        return false;
+    Oxel* child = node->getChild(0);
+    return child && typeid(*child) == typeid(OxEqual);
 }
 
 class Writer {

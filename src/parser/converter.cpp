@@ -135,6 +135,7 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
                         OxDepVarnode** depVars, std::string* error, int* errorOffset,
                         bool wholeStatements)
 {
+    OxelMessageQueue messages;  // handed over after the lock is released
     ParseLock lock;
     OxConverter_wholeStatements = wholeStatements;
     OxConverter_yyrestart(nullptr);

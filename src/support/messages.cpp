@@ -9,6 +9,10 @@ std::mutex handlerMutex;
 OxelMessageHandler currentHandler = nullptr;
 void* currentUserData = nullptr;
 
+// The innermost queue of this thread, if any; messages go there instead of to the handler.
+thread_local std::vector<OxelMessageQueue::Entry>* queued = nullptr;
+thread_local OxelMessageQueue* innermost = nullptr;
+
 }  // namespace
 
 void oxelSetMessageHandler(OxelMessageHandler handler, void* userData)
@@ -29,6 +33,27 @@ bool oxelMessage(int kind, const char* text)
     }
     if (!handler)
         return false;
-    handler(kind, text, userData);
+    if (queued)
+        queued->push_back({handler, userData, kind, text});
+    else
+        handler(kind, text, userData);
     return true;
+}
+
+OxelMessageQueue::OxelMessageQueue() : outer_(innermost)
+{
+    innermost = this;
+    queued = &entries_;
+}
+
+OxelMessageQueue::~OxelMessageQueue()
+{
+    innermost = outer_;
+    queued = outer_ ? &outer_->entries_ : nullptr;
+    for (const Entry& e : entries_) {
+        if (queued)
+            queued->push_back(e);
+        else
+            e.handler(e.kind, e.text.c_str(), e.userData);
+    }
 }
