@@ -1,7 +1,6 @@
 // oxelToFormula: a tree written in the formula language, with the grammar's operator levels.
 #include <oxel/formula.h>
 
-#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstring>
