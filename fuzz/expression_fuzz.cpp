@@ -1,6 +1,7 @@
 // libFuzzer target: formula text through OxelExpression: parse, evaluate, print, simplify, differentiate.
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "fuzz_common.h"
 
@@ -13,15 +14,43 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     return 0;
 }
 
-static void evalExpression(OxelExpression& e, double seed)
+static double evalExpression(OxelExpression& e, double seed, int& err)
 {
     KxDArray<double> vals;
     vals.setLength(e.numVars());
     std::vector<double> init = oxfuzz::sampleValues(e.numVars(), seed);
     for (int i = 0; i < e.numVars(); ++i)
         vals[i] = init[static_cast<size_t>(i)];
+    err = 0;
+    return e.eval(vals, err);
+}
+
+static void evalExpression(OxelExpression& e, double seed)
+{
     int err = 0;
-    (void)e.eval(vals, err);
+    (void)evalExpression(e, seed, err);
+}
+
+// The tree written as a formula parses back, over the same names, to the same values and codes.
+// Very deep trees are left out: their text may need more parser stack than the original had.
+static void checkReadBack(OxelExpression& e)
+{
+    if (oxfuzz::drawsRandom(e.root()) || oxelDepth(e.root()) > 1000)
+        return;
+    KxString formula = e.toFormula();
+    FUZZ_CHECK(formula.length() > 0);
+    OxelExpression back;
+    for (int i = 0; i < e.numVars(); ++i)
+        back.addVar(e.varName(static_cast<unsigned>(i)));
+    // A text that ends inside braces parses and leaves the lexer in brace mode, by design.
+    FUZZ_CHECK(oxfuzz::recoverLexer(back));
+    FUZZ_CHECK(back.initFromString(formula.c_str()) == 1);
+    FUZZ_CHECK(back.numVars() == e.numVars());
+    for (double seed : {0.5, -3.0}) {
+        int ea = 0, eb = 0;
+        double a = evalExpression(e, seed, ea), b = evalExpression(back, seed, eb);
+        FUZZ_CHECK(std::memcmp(&a, &b, sizeof a) == 0 && ea == eb);
+    }
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -51,6 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     FUZZ_CHECK(e.numVars() == 3 + e.numInternalVars());
     evalExpression(e, 0.5);
+    checkReadBack(e);
     oxfuzz::exerciseTree(e.root(), e.numVars());
 
     bool cheap = oxelDepth(e.root()) * oxelNodeCount(e.root()) <=

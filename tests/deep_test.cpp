@@ -147,18 +147,28 @@ TEST(DeepTrees, BeyondTheLimitsRefused)
 
 // A statement longer than the lexer's 8192-character chunk is read as its first chunk again and
 // again, cut at chunk borders; a text whose period divides the chunk keeps its own value.
-TEST(LongStatements, RereadFromTheStartPastEachChunk)
+TEST(LongStatements, ConverterRereadsExpressionReadsWhole)
 {
-    const std::pair<std::string, double> rows[] = {
+    const struct { std::string text; double reread, whole; } rows[] = {
         // 9999 characters: "7", 4095 "+1" and "+", then the first 1807 again: "7" and 903 "+1"
-        {"7" + repeat("+1", 4999), 7 + 4095 + 7 + 903},
-        {"x" + repeat("+x", 8999), 0.25 * 9000},  // period 2
+        {"7" + repeat("+1", 4999), 7 + 4095 + 7 + 903, 7 + 4999},
+        {"x" + repeat("+x", 8999), 0.25 * 9000, 0.25 * 9000},  // period 2
+        {"x" + repeat("+1", 4999), 0.25 + 4095 + 0.25 + 903, 0.25 + 4999},
     };
     for (const auto& r : rows) {
         OxelExpression e;
-        ASSERT_EQ(parse(e, r.first), 1) << e.lastError();
+        ASSERT_EQ(parse(e, r.text), 1) << e.lastError();
         int err = 0;
-        EXPECT_EQ(evalWith(e, 0.25, err), r.second) << r.first.substr(0, 40);
+        EXPECT_EQ(evalWith(e, 0.25, err), r.whole) << r.text.substr(0, 40);
+        KxDArray<KxString> names;
+        names.append(KxString("x"));
+        std::vector<char> buf(r.text.begin(), r.text.end());
+        buf.push_back('\0');
+        Oxel* tree = OxConverter::strToOxel(buf.data(), names, 0, nullptr);
+        ASSERT_NE(tree, nullptr);
+        double x = 0.25;
+        EXPECT_EQ(tree->value(&x, err), r.reread) << r.text.substr(0, 40);
+        oxelDestroy(tree);
     }
 }
 

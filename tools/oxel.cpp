@@ -1,18 +1,24 @@
 // oxel: command-line front end of liboxel (evaluate, differentiate, simplify, print, tabulate).
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <oxel/oxel.h>
+
+#include "number_text.h"
 
 namespace {
 
@@ -23,22 +29,27 @@ const double kMaxTablePoints = 10e6;
 
 const char kHelp[] =
     "usage: oxel COMMAND FORMULA [ARGUMENTS] [OPTIONS]\n"
+    "       oxel COMMAND --file FILE [ARGUMENTS] [OPTIONS]\n"
     "       oxel --help | --version\n"
     "\n"
     "Commands:\n"
     "  eval FORMULA name=value...\n"
     "      Evaluate FORMULA and print its value. Every variable that the formula\n"
-    "      uses must be given a value.\n"
+    "      reads must be given a value (names it assigns first need none).\n"
     "  diff FORMULA VAR [name | name=value]...\n"
-    "      Print the derivative of FORMULA with respect to VAR. VAR is declared\n"
-    "      as a variable; declare every other variable of the formula by name\n"
-    "      (values are accepted and ignored). The derivative is printed\n"
-    "      unsimplified unless --simplify is given.\n"
+    "      Print the derivative of FORMULA with respect to VAR as a formula that\n"
+    "      reads back (--tree: as the library prints its tree). The formula's\n"
+    "      names are declared by themselves; values are accepted and ignored.\n"
+    "      The derivative is printed unsimplified unless --simplify is given.\n"
     "  simplify FORMULA [name | name=value]...\n"
-    "      Print FORMULA simplified: the simplification pass is repeated until\n"
+    "      Print FORMULA simplified, as a formula that reads back (--tree: as the\n"
+    "      library prints its tree): the simplification pass is repeated until\n"
     "      the text stops changing (--once: a single pass).\n"
     "  print FORMULA [name | name=value]...\n"
     "      Print the formula as the library prints its tree.\n"
+    "  names FORMULA\n"
+    "      Print the names that FORMULA reads or assigns, one a line, in order\n"
+    "      of first appearance.\n"
     "  table FORMULA name=start:stop[:step]... [name=value]...\n"
     "      Evaluate FORMULA on a grid and write CSV: one column per range, then\n"
     "      'value' and 'error' (the error code, 0 when none). The step defaults\n"
@@ -47,9 +58,11 @@ const char kHelp[] =
     "  table FORMULA --csv [name=value]...\n"
     "      Read variable values from CSV on standard input: the header line\n"
     "      names the variables, every further line holds one row of values.\n"
-    "      Each row is written back followed by 'value' and 'error'.\n"
+    "      Each line is written back as it came, followed by 'value' and\n"
+    "      'error'; blank lines are skipped.\n"
     "\n"
     "Options:\n"
+    "  --file FILE         read the formula from FILE instead of the command line\n"
     "  --alias ALIAS=NAME  ALIAS may be written for the variable NAME (which is\n"
     "                      declared by this)\n"
     "  --var NAME          declare a variable without a value (diff, simplify,\n"
@@ -57,6 +70,9 @@ const char kHelp[] =
     "  --simplify          diff: simplify the derivative until its text stops\n"
     "                      changing\n"
     "  --once              simplify: one simplification pass only\n"
+    "  --tree              diff, simplify, print: the library's own print of the\n"
+    "                      tree instead of a formula\n"
+    "  --value             eval: print the value even when evaluation fails\n"
     "  --csv               table: read the rows from standard input\n"
     "  --                  end of options\n"
     "  -h, --help          show this help\n"
@@ -70,9 +86,11 @@ const char kHelp[] =
     "the last one. diff(exp, VAR) differentiates inside a formula.\n"
     "\n"
     "Numbers are printed with the fewest digits that read back to the same\n"
-    "double. Evaluation errors: eval prints the value and, on standard error,\n"
-    "the code and its message; table reports them per row in the error column\n"
-    "and still exits with 0.\n"
+    "double. Evaluation errors: eval prints the code and its message on\n"
+    "standard error (and the substitute value only with --value); table reports\n"
+    "them per row in the error column and still exits with 0. When the formula\n"
+    "does not parse, the parser's message is followed by the formula with a\n"
+    "caret under the place where it stopped.\n"
     "\n"
     "Exit status:\n"
     "  0  success\n"
@@ -91,21 +109,11 @@ struct UsageError {
     throw UsageError{message};
 }
 
-// Fewest significant digits that read back to the same double; 15 digits
-// always round-trip through decimal, so at most three attempts are needed.
+// Fewest significant digits that read back to the same double (number_text.h).
 std::string formatNumber(double v)
 {
-    if (std::isnan(v))
-        return "nan";
-    if (std::isinf(v))
-        return v < 0 ? "-inf" : "inf";
-    char buf[40];
-    for (int digits = 15; digits <= 17; ++digits) {
-        std::snprintf(buf, sizeof buf, "%.*g", digits, v);
-        if (std::strtod(buf, nullptr) == v)
-            break;
-    }
-    return buf;
+    char buf[numtext::kMaxText];
+    return std::string(buf, static_cast<size_t>(numtext::format(v, buf)));
 }
 
 bool isName(const std::string& s)
@@ -131,6 +139,11 @@ enum NumberStatus { kNumber, kNotANumber, kTooLarge };
 // Whole-string number; strtod alone would accept "2abc".
 NumberStatus parseNumber(const std::string& text, double& out)
 {
+    // from_chars reads what strtod reads, to the same double, but no '+', no hexadecimal and no
+    // out-of-range values: those go the slow way.
+    auto fast = std::from_chars(text.data(), text.data() + text.size(), out);
+    if (fast.ec == std::errc() && fast.ptr == text.data() + text.size())
+        return kNumber;
     if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])))
         return kNotANumber;
     char* end = nullptr;
@@ -158,10 +171,10 @@ double checkedNumber(const std::string& text, const std::string& arg)
 
 std::string trim(const std::string& s)
 {
-    size_t b = s.find_first_not_of(" \t\r");
+    size_t b = s.find_first_not_of(" \t\r\n");
     if (b == std::string::npos)
         return "";
-    size_t e = s.find_last_not_of(" \t\r");
+    size_t e = s.find_last_not_of(" \t\r\n");
     return s.substr(b, e - b + 1);
 }
 
@@ -217,7 +230,9 @@ struct Args {
     std::vector<std::string> positional;
     std::vector<std::pair<std::string, std::string>> aliases;  // alias, variable
     std::vector<std::string> vars;                             // from --var
-    bool simplify = false, once = false, csv = false;
+    std::string file;                                          // from --file
+    bool hasFile = false;
+    bool simplify = false, once = false, csv = false, tree = false, value = false;
 };
 
 std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
@@ -273,17 +288,60 @@ Args parseArgs(int argc, char** argv)
         } else if (opt == "--var") {
             std::string v = takeValue();
             a.vars.push_back(checkedName(v, v));
+        } else if (opt == "--file") {
+            if (a.hasFile)
+                usage("--file is given more than once");
+            a.file = takeValue();
+            a.hasFile = true;
         } else if (arg == "--simplify") {
             a.simplify = true;
         } else if (arg == "--once") {
             a.once = true;
         } else if (arg == "--csv") {
             a.csv = true;
+        } else if (arg == "--tree") {
+            a.tree = true;
+        } else if (arg == "--value") {
+            a.value = true;
         } else {
             usage("unknown option '" + arg + "'");
         }
     }
     return a;
+}
+
+// The formula and where to show a parse failure in it: the line around the offset, and a
+// caret under the offset.
+void showWhere(const std::string& text, int offset)
+{
+    if (offset < 0 || static_cast<size_t>(offset) > text.size())
+        return;
+    size_t at = static_cast<size_t>(offset);
+    if (at == text.size())  // the end: just behind the last visible character
+        while (at > 0 && std::isspace(static_cast<unsigned char>(text[at - 1])))
+            --at;
+    size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;  // npos + 1 is 0
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos)
+        end = text.size();
+    std::string lead = "  ";
+    if (text.find('\n') < text.size() - 1 || begin > 0)
+        lead += "line " + std::to_string(std::count(text.begin(), text.begin() + begin, '\n') + 1) + ": ";
+    // Long lines are shown as a window around the offset.
+    const size_t kWidth = 72;
+    size_t from = begin, to = end;
+    std::string before, after;
+    if (end - begin > kWidth) {
+        from = std::max(begin, at > kWidth / 2 ? at - kWidth / 2 : 0);
+        to = std::min(end, from + kWidth);
+        before = from > begin ? "..." : "";
+        after = to < end ? "..." : "";
+    }
+    std::string caret(lead.size() + before.size(), ' ');
+    for (size_t i = from; i < at; ++i)
+        caret += text[i] == '\t' ? '\t' : ' ';
+    std::fprintf(stderr, "%s%s%s%s\n%s^\n", lead.c_str(), before.c_str(),
+                 text.substr(from, to - from).c_str(), after.c_str(), caret.c_str());
 }
 
 // The variable registry as the command line fills it: values by variable index.
@@ -319,7 +377,13 @@ public:
         values_[index] = v;
     }
 
-    bool hasValue(int index) const { return index < static_cast<int>(given_.size()) && given_[index]; }
+    // A variable whose values come from elsewhere (a CSV column).
+    void markGiven(int index) { given_[index] = true; }
+
+    bool hasValue(int index) const
+    {
+        return index >= 0 && index < static_cast<int>(given_.size()) && given_[index];
+    }
 
     // Every declared variable must have a value before evaluating.
     void requireAllValues()
@@ -330,12 +394,33 @@ public:
                 usage(std::string("no value for variable '") + expr_.varName(i) + "'");
     }
 
-    // Parses the formula; on failure adds a line to the parser's own message (which the
-    // library has already written to standard error) and returns false.
+    // So does every name the formula reads before assigning it.
+    void requireValuesFor(const std::string& formula)
+    {
+        KxDArray<KxString> names;
+        KxDArray<int> assigned;
+        oxelFormulaNames(formula.c_str(), names, &assigned);
+        for (int i = 0; i < names.length(); ++i)
+            if (!assigned[i] && !hasValue(expr_.varIndex(names[i].c_str())))
+                usage(std::string("no value for variable '") + names[i].c_str() + "'");
+    }
+
+    // Declares every name of the formula, for commands that need no values.
+    void declareNamesOf(const std::string& formula)
+    {
+        KxDArray<KxString> names;
+        oxelFormulaNames(formula.c_str(), names);
+        for (int i = 0; i < names.length(); ++i)
+            declare(names[i].c_str());
+    }
+
+    // Parses the formula; on failure shows where it stopped below the parser's own message
+    // (already written by the message handler) and returns false.
     bool parse(const std::string& formula)
     {
         if (expr_.initFromString(formula.c_str()))
             return true;
+        showWhere(formula, expr_.lastErrorOffset());
         std::fprintf(stderr, "oxel: the formula does not parse\n");
         // A lone unknown name parses as the start of an assignment.
         if (std::strstr(expr_.lastError(), "expecting '='"))
@@ -390,37 +475,63 @@ void declareArguments(Session& s, const std::vector<std::string>& args, size_t f
     }
 }
 
-const std::string& formulaOf(const Args& a)
+// The formula, from the command line or from --file, and where the arguments behind it start.
+struct Formula {
+    std::string text;
+    size_t firstArg;
+};
+
+Formula formulaOf(const Args& a)
 {
-    if (a.positional.empty())
+    Formula f{"", 1};
+    if (a.hasFile) {
+        std::ifstream file(a.file, std::ios::binary);
+        std::stringstream content;
+        if (!file || !(content << file.rdbuf()))
+            usage("cannot read the formula file '" + a.file + "'");
+        f = {content.str(), 0};
+    } else if (a.positional.empty()) {
         usage(a.command + " needs a formula");
-    if (trim(a.positional[0]).empty())
+    } else {
+        f.text = a.positional[0];
+    }
+    if (trim(f.text).empty())
         usage("the formula is empty");
-    return a.positional[0];
+    return f;
 }
 
-void rejectOptions(const Args& a, bool simplifyOk, bool onceOk, bool csvOk)
+// Which options a command accepts besides --alias, --var and --file.
+enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16 };
+
+void rejectOptions(const Args& a, int accepted)
 {
-    if (a.simplify && !simplifyOk)
-        usage("--simplify applies to diff only");
-    if (a.once && !onceOk)
-        usage("--once applies to simplify only");
-    if (a.csv && !csvOk)
-        usage("--csv applies to table only");
+    const struct { bool given; int flag; const char* message; } options[] = {
+        {a.simplify, kSimplify, "--simplify applies to diff only"},
+        {a.once, kOnce, "--once applies to simplify only"},
+        {a.csv, kCsv, "--csv applies to table only"},
+        {a.tree, kTree, "--tree applies to diff, simplify and print only"},
+        {a.value, kValue, "--value applies to eval only"},
+    };
+    for (const auto& o : options)
+        if (o.given && !(accepted & o.flag))
+            usage(o.message);
 }
 
 int runEval(const Args& a)
 {
-    rejectOptions(a, false, false, false);
-    const std::string& formula = formulaOf(a);
+    rejectOptions(a, kValue);
+    Formula f = formulaOf(a);
     Session s(a);
-    declareArguments(s, a.positional, 1, false);
+    declareArguments(s, a.positional, f.firstArg, false);
     s.requireAllValues();
-    if (!s.parse(formula))
+    s.requireValuesFor(f.text);
+    if (!s.parse(f.text))
         return kParse;
     int err = 0;
     double v = s.eval(err);
-    std::printf("%s\n", formatNumber(v).c_str());
+    // The number that a failing node substitutes means nothing unless asked for.
+    if (err == 0 || a.value)
+        std::printf("%s\n", formatNumber(v).c_str());
     if (err != 0) {
         std::fflush(stdout);
         std::fprintf(stderr, "oxel: evaluation error %d: %s\n", err, vOxError(err));
@@ -429,17 +540,33 @@ int runEval(const Args& a)
     return kOk;
 }
 
+// A result tree as a formula that reads back, or as the library prints it.
+void printResult(Oxel* tree, bool asTree)
+{
+    if (!asTree) {
+        KxString formula = oxelToFormula(tree);
+        if (formula.length() > 0) {
+            std::printf("%s\n", formula.c_str());
+            return;
+        }
+        std::fprintf(stderr, "oxel: warning: the result cannot be written as a formula; "
+                             "it is shown as the library prints it\n");
+    }
+    std::printf("%s\n", oxelToString(tree).c_str());
+}
+
 int runDiff(const Args& a)
 {
-    rejectOptions(a, true, false, false);
-    const std::string& formula = formulaOf(a);
-    if (a.positional.size() < 2)
+    rejectOptions(a, kSimplify | kTree);
+    Formula f = formulaOf(a);
+    if (a.positional.size() < f.firstArg + 1)
         usage("diff needs the variable to differentiate by");
-    const std::string& var = checkedName(a.positional[1], a.positional[1]);
+    const std::string& var = checkedName(a.positional[f.firstArg], a.positional[f.firstArg]);
     Session s(a);
     s.declare(var);
-    declareArguments(s, a.positional, 2, true);
-    if (!s.parse(formula))
+    declareArguments(s, a.positional, f.firstArg + 1, true);
+    s.declareNamesOf(f.text);
+    if (!s.parse(f.text))
         return kParse;
     std::unique_ptr<OxelExpression> d(s.expression().derivative(var.c_str()));
     if (!d) {
@@ -451,116 +578,253 @@ int runDiff(const Args& a)
         if (simple)
             d = std::move(simple);
     }
-    std::printf("%s\n", oxelToString(d->root()).c_str());
+    printResult(d->root(), a.tree);
     return kOk;
 }
 
-// print and simplify differ only in what they do to the parsed tree before printing it.
+// print and simplify differ only in what they do to the parsed tree before printing it, and
+// in what they print by default.
 int printTree(const Args& a, bool simplifyIt)
 {
-    rejectOptions(a, false, simplifyIt, false);
-    const std::string& formula = formulaOf(a);
+    rejectOptions(a, simplifyIt ? kOnce | kTree : kTree);
+    Formula f = formulaOf(a);
     Session s(a);
-    declareArguments(s, a.positional, 1, true);
-    if (!s.parse(formula))
+    declareArguments(s, a.positional, f.firstArg, true);
+    s.declareNamesOf(f.text);
+    if (!s.parse(f.text))
         return kParse;
     std::unique_ptr<OxelExpression> simple;
     if (simplifyIt)
         simple.reset(a.once ? s.expression().simplified() : s.expression().simplifiedFully());
     Oxel* tree = simple ? simple->root() : s.expression().root();
-    std::printf("%s\n", oxelToString(tree).c_str());
+    printResult(tree, a.tree || !simplifyIt);
     return kOk;
 }
 
 int runSimplify(const Args& a) { return printTree(a, true); }
 int runPrint(const Args& a) { return printTree(a, false); }
 
-// Collects table rows and evaluates them a block at a time with evalBatch, which gives
-// what eval would give row by row; each block is written as soon as it is evaluated.
-class TableWriter {
-public:
-    TableWriter(Session& s, const std::vector<int>& slots)
-        : expr_(s.expression()), slots_(slots), base_(s.baseRow()), stride_(base_.size()),
-          // Formulas with thousands of assigned names get shorter blocks (at most 8 MB of values).
-          block_(std::max<size_t>(1, std::min<size_t>(4096, (size_t(1) << 20) / stride_)))
-    {
-        rows_.reserve(block_ * stride_);
-        columns_.reserve(block_ * slots_.size());
-    }
+int runNames(const Args& a)
+{
+    rejectOptions(a, 0);
+    Formula f = formulaOf(a);
+    if (a.positional.size() > f.firstArg)
+        usage("names takes nothing but the formula");
+    KxDArray<KxString> names;
+    oxelFormulaNames(f.text.c_str(), names);
+    for (int i = 0; i < names.length(); ++i)
+        std::printf("%s\n", names[i].c_str());
+    return kOk;
+}
 
-    void add(const std::vector<double>& columns)
+// Standard output through one large buffer.
+class Output {
+public:
+    Output() : buf_(kSize + kSlack) {}
+    ~Output() { flush(); }
+
+    void append(const char* p, size_t n)
     {
-        rows_.insert(rows_.end(), base_.begin(), base_.end());
-        double* row = &rows_[rows_.size() - stride_];
-        for (size_t k = 0; k < slots_.size(); ++k)
-            row[slots_[k]] = columns[k];
-        columns_.insert(columns_.end(), columns.begin(), columns.end());
-        if (rows_.size() == block_ * stride_)
+        if (n_ + n > kSize)
+            flush();
+        if (n > kSize) {
+            std::fwrite(p, 1, n, stdout);
+            return;
+        }
+        std::memcpy(&buf_[n_], p, n);
+        n_ += n;
+    }
+    void append(const std::string& s) { append(s.data(), s.size()); }
+
+    // value and error columns closing a row; the slack leaves room for them.
+    void endRow(double value, int error)
+    {
+        char* p = &buf_[n_];
+        *p++ = ',';
+        p += numtext::format(value, p);
+        *p++ = ',';
+        p = std::to_chars(p, p + 16, error).ptr;
+        *p++ = '\n';
+        n_ = static_cast<size_t>(p - buf_.data());
+        if (n_ > kSize)
             flush();
     }
 
     void flush()
     {
-        int n = static_cast<int>(columns_.size() / slots_.size());
-        if (n == 0)
+        std::fwrite(buf_.data(), 1, n_, stdout);
+        n_ = 0;
+    }
+
+private:
+    static const size_t kSize = size_t(1) << 20, kSlack = 64;
+    std::vector<char> buf_;
+    size_t n_ = 0;
+};
+
+// Table rows collected a block at a time and evaluated with evalBatch, which gives what eval
+// would give row by row. Each row is written as its leading text (the range values, or the
+// CSV line as it came) followed by the value and the error code.
+class Block {
+public:
+    explicit Block(Session& s)
+        : expr_(s.expression()), base_(s.baseRow()), stride_(base_.size()),
+          // Formulas with thousands of assigned names get shorter blocks (at most 8 MB of values).
+          cap_(std::max<size_t>(1, std::min<size_t>(4096, (size_t(1) << 20) / std::max<size_t>(1, stride_)))),
+          rows_(std::max<size_t>(1, cap_ * stride_)), results_(cap_), errors_(cap_), ends_(cap_)
+    {
+    }
+
+    // A new row: the base values, to be filled in by the caller.
+    double* add(const char* lead, size_t n)
+    {
+        double* row = &rows_[n_ * stride_];
+        std::copy(base_.begin(), base_.end(), row);
+        text_.append(lead, n);
+        ends_[n_++] = text_.size();
+        return row;
+    }
+
+    void dropLast()
+    {
+        --n_;
+        text_.resize(n_ ? ends_[n_ - 1] : 0);
+    }
+
+    bool full() const { return n_ == cap_; }
+
+    void flush(Output& out)
+    {
+        if (n_ == 0)
             return;
-        std::vector<double> results(n);
-        std::vector<int> errors(n, 0);
-        if (expr_.evalBatch(rows_.data(), n, static_cast<int>(stride_), results.data(),
-                            errors.data()) != 0)
+        std::fill(errors_.begin(), errors_.begin() + static_cast<long>(n_), 0);
+        if (expr_.evalBatch(rows_.data(), static_cast<int>(n_), static_cast<int>(stride_),
+                            results_.data(), errors_.data()) != 0)
             throw std::logic_error("evalBatch rejected the table rows");
-        std::string text;
-        for (int r = 0; r < n; ++r) {
-            for (size_t k = 0; k < slots_.size(); ++k) {
-                text += formatNumber(columns_[r * slots_.size() + k]);
-                text += ',';
-            }
-            text += formatNumber(results[r]);
-            text += ',';
-            text += std::to_string(errors[r]);
-            text += '\n';
+        size_t from = 0;
+        for (size_t r = 0; r < n_; ++r) {
+            out.append(text_.data() + from, ends_[r] - from);
+            out.endRow(results_[r], errors_[r]);
+            from = ends_[r];
         }
-        std::fwrite(text.data(), 1, text.size(), stdout);
-        rows_.clear();
-        columns_.clear();
+        n_ = 0;
+        text_.clear();
     }
 
 private:
     OxelExpression& expr_;
-    std::vector<int> slots_;
     std::vector<double> base_;
-    size_t stride_, block_;
-    std::vector<double> rows_, columns_;
+    size_t stride_, cap_;
+    std::vector<double> rows_, results_;
+    std::vector<int> errors_;
+    std::vector<size_t> ends_;
+    std::string text_;
+    size_t n_ = 0;
 };
 
 int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector<int>& slots)
 {
-    std::string header;
+    Output out;
     for (const Range& r : ranges)
-        header += r.name + ",";
-    std::printf("%svalue,error\n", header.c_str());
+        out.append(r.name + ",");
+    out.append("value,error\n");
 
     // Odometer over the ranges, the last one turning fastest.
-    TableWriter out(s, slots);
+    Block block(s);
     std::vector<long> at(ranges.size(), 0);
     std::vector<double> columns(ranges.size());
+    std::string lead;
     for (;;) {
+        lead.clear();
         // start + i*step rather than repeated addition, so the error does not accumulate.
-        for (size_t k = 0; k < ranges.size(); ++k)
+        for (size_t k = 0; k < ranges.size(); ++k) {
             columns[k] = ranges[k].start + static_cast<double>(at[k]) * ranges[k].step;
-        out.add(columns);
+            lead += (k ? "," : "") + formatNumber(columns[k]);
+        }
+        double* row = block.add(lead.data(), lead.size());
+        for (size_t k = 0; k < ranges.size(); ++k)
+            row[slots[k]] = columns[k];
+        if (block.full())
+            block.flush(out);
         size_t k = ranges.size();
         while (k > 0 && ++at[k - 1] == ranges[k - 1].points)
             at[--k] = 0;
         if (k == 0) {
-            out.flush();
+            block.flush(out);
             return kOk;
         }
     }
 }
 
+// Standard input in large blocks, cut into lines without their line feeds.
+class LineReader {
+public:
+    LineReader() : buf_(size_t(1) << 20) {}
+
+    // The next line; it stays valid until the next call.
+    bool next(const char*& line, size_t& length)
+    {
+        for (;;) {
+            const char* start = buf_.data() + begin_;
+            if (const void* nl = std::memchr(start, '\n', end_ - begin_)) {
+                line = start;
+                length = static_cast<size_t>(static_cast<const char*>(nl) - start);
+                begin_ += length + 1;
+                return true;
+            }
+            if (eof_) {
+                if (begin_ == end_)
+                    return false;
+                line = start;
+                length = end_ - begin_;
+                begin_ = end_;
+                return true;
+            }
+            std::memmove(buf_.data(), start, end_ - begin_);
+            end_ -= begin_;
+            begin_ = 0;
+            if (end_ == buf_.size())  // one line longer than the buffer
+                buf_.resize(buf_.size() * 2);
+            ssize_t n = ::read(0, buf_.data() + end_, buf_.size() - end_);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                eof_ = true;
+            else
+                end_ += static_cast<size_t>(n);
+        }
+    }
+
+private:
+    std::vector<char> buf_;
+    size_t begin_ = 0, end_ = 0;
+    bool eof_ = false;
+};
+
+bool isBlank(const char* p, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        if (p[i] != ' ' && p[i] != '\t' && p[i] != '\r')
+            return false;
+    return true;
+}
+
+// One CSV field as a number: blanks around it are allowed.
+NumberStatus fieldNumber(const char* begin, const char* end, double& out, std::string& field)
+{
+    while (begin < end && (*begin == ' ' || *begin == '\t' || *begin == '\r'))
+        ++begin;
+    while (end > begin && (end[-1] == ' ' || end[-1] == '\t' || end[-1] == '\r'))
+        --end;
+    auto fast = std::from_chars(begin, end, out);
+    if (fast.ec == std::errc() && fast.ptr == end && begin < end)
+        return kNumber;
+    field.assign(begin, end);
+    return parseNumber(field, out);
+}
+
 int runCsvTable(Session& s, const std::string& formula, const std::vector<std::string>& names,
-                const std::string& headerLine)
+                const std::string& headerLine, LineReader& in)
 {
     std::vector<int> slots;
     for (const std::string& n : names) {
@@ -572,56 +836,67 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
             usage("variable '" + n + "' is both a CSV column and an argument");
         slots.push_back(index);
     }
-    int declared = s.expression().numVars() - s.expression().numInternalVars();
-    for (int i = 0; i < declared; ++i) {
-        bool covered = s.hasValue(i);
-        for (int slot : slots)
-            covered = covered || slot == i;
-        if (!covered)
-            usage(std::string("no value for variable '") + s.expression().varName(i) + "'");
-    }
+    for (int slot : slots)
+        s.markGiven(slot);
+    s.requireAllValues();
+    s.requireValuesFor(formula);
     if (!s.parse(formula))
         return kParse;
-    std::printf("%s,value,error\n", headerLine.c_str());
 
-    TableWriter out(s, slots);
-    std::string line;
-    std::vector<double> columns(names.size());
-    long lineNo = 1;
-    while (std::getline(std::cin, line)) {
-        ++lineNo;
-        if (trim(line).empty())
+    Output out;
+    out.append(headerLine);
+    out.append(",value,error\n");
+    Block block(s);
+    const char* line;
+    size_t length;
+    std::string field;
+    for (long lineNo = 2; in.next(line, length); ++lineNo) {
+        if (length > 0 && line[length - 1] == '\r')
+            --length;
+        if (isBlank(line, length))
             continue;
-        std::vector<std::string> fields = splitFields(line, ',');
+        const char* end = line + length;
+        size_t fields = 1;
+        for (const char* p = line; (p = static_cast<const char*>(std::memchr(p, ',', end - p))); ++p)
+            ++fields;
         std::string problem;
-        if (fields.size() != names.size())
-            problem = " has " + std::to_string(fields.size()) + " fields, the header has " +
+        if (fields != names.size())
+            problem = " has " + std::to_string(fields) + " fields, the header has " +
                       std::to_string(names.size());
-        for (size_t k = 0; problem.empty() && k < fields.size(); ++k) {
-            NumberStatus status = parseNumber(fields[k], columns[k]);
+        double* row = block.add(line, length);
+        const char* p = line;
+        for (size_t k = 0; problem.empty() && k < fields; ++k) {
+            const char* comma = static_cast<const char*>(std::memchr(p, ',', end - p));
+            if (!comma)
+                comma = end;
+            NumberStatus status = fieldNumber(p, comma, row[slots[k]], field);
             if (status != kNumber)
-                problem = ": '" + fields[k] + "' " + numberProblem(status);
+                problem = ": '" + field + "' " + numberProblem(status);
+            p = comma + 1;
         }
         if (!problem.empty()) {
             // The rows before the bad one are still written.
+            block.dropLast();
+            block.flush(out);
             out.flush();
             usage("CSV line " + std::to_string(lineNo) + problem);
         }
-        out.add(columns);
+        if (block.full())
+            block.flush(out);
     }
-    out.flush();
+    block.flush(out);
     return kOk;
 }
 
 int runTable(const Args& a)
 {
-    rejectOptions(a, false, false, true);
-    const std::string& formula = formulaOf(a);
+    rejectOptions(a, kCsv);
+    Formula f = formulaOf(a);
     Session s(a);
     std::vector<Range> ranges;
     std::vector<int> slots;
     double points = 1;
-    for (size_t i = 1; i < a.positional.size(); ++i) {
+    for (size_t i = f.firstArg; i < a.positional.size(); ++i) {
         const std::string& arg = a.positional[i];
         auto pair = splitAssignment(arg, "argument");
         if (pair.second.find(':') == std::string::npos) {
@@ -641,21 +916,26 @@ int runTable(const Args& a)
     }
 
     if (a.csv) {
+        LineReader in;
+        const char* line;
+        size_t length;
         std::string header;
-        if (!std::getline(std::cin, header) || trim(header).empty())
+        if (in.next(line, length))
+            header.assign(line, length);
+        if (!header.empty() && header.back() == '\r')
+            header.pop_back();
+        if (trim(header).empty())
             usage("--csv expects a header line naming the variables on standard input");
         std::vector<std::string> names = splitFields(header, ',');
-        std::string joined;
-        for (const std::string& n : names) {
+        for (const std::string& n : names)
             checkedName(n, header);
-            joined += (joined.empty() ? "" : ",") + n;
-        }
-        return runCsvTable(s, formula, names, joined);
+        return runCsvTable(s, f.text, names, header, in);
     }
     if (ranges.empty())
         usage("table needs a range name=start:stop[:step] or --csv");
     s.requireAllValues();
-    if (!s.parse(formula))
+    s.requireValuesFor(f.text);
+    if (!s.parse(f.text))
         return kParse;
     return runGridTable(s, ranges, slots);
 }
@@ -714,13 +994,26 @@ int run(int argc, char** argv)
         return runPrint(a);
     if (a.command == "table")
         return runTable(a);
+    if (a.command == "names")
+        return runNames(a);
     usage("unknown command '" + a.command + "'");
 }
 
 }  // namespace
 
+// The library's messages become lines on standard error; its ignored characters must not end
+// up in front of a table on standard output.
+void onMessage(int kind, const char* text, void*)
+{
+    if (kind == OXEL_MESSAGE_PARSE_ERROR)
+        std::fprintf(stderr, "Parsing OxError: %s\n", text);
+    else
+        std::fprintf(stderr, "oxel: warning: %s\n", text);
+}
+
 int main(int argc, char** argv)
 {
+    oxelSetMessageHandler(onMessage, nullptr);
     int status;
     try {
         status = run(argc, argv);

@@ -42,6 +42,12 @@ public:
     void setRoot(Oxel* tree);
     // Why the last initFromString failed; empty after a success.
     const char* lastError() const { return lastError_.c_str(); }
+    // Where the last initFromString stopped: the byte offset in its text (counted from the start
+    // of the whole text, across ';' statements) of the token the parse failed at, or of the end
+    // of the text; -1 after a success. initFromString reads statements of any length whole.
+    int lastErrorOffset() const { return lastErrorOffset_; }
+    // The tree as formula text that reads back to the same values (oxelToFormula).
+    KxString toFormula() const;
 
     // Derivatives and simplification return new expressions owned by the caller.
     OxelExpression* derivative(const char* var);
@@ -74,6 +80,7 @@ private:
     KxHashTable<KxString, KxString> aliases_;
     int numInternal_;
     KxString lastError_;
+    int lastErrorOffset_;
     // Compiled forms of root_. The single-point program is built with the tree (null: the
     // tree walk serves eval); the batch program on first use, by whichever thread gets there
     // first, so that threads may share one expression.

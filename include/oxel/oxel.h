@@ -9,5 +9,7 @@
 #include <oxel/parser.h>
 #include <oxel/expression.h>
 #include <oxel/package.h>
+#include <oxel/messages.h>
+#include <oxel/formula.h>
 
 #endif

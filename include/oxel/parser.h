@@ -20,6 +20,15 @@ public:
     static KxString lastError();
 };
 
+// The names that text reads or assigns (across all its statements), in order of first
+// appearance, without any of them being declared: what a host must declare or assign before
+// the text parses. Function names are not names; text inside braces is skipped. When
+// assignedFirst is given, it receives 1 for each name whose first appearance is the target of
+// an assignment ("t = ..."), 0 otherwise. Returns the number of names. The text is not changed,
+// nothing is printed, and the state that one parse leaves for the next is kept.
+OXEL_API int oxelFormulaNames(const char* text, KxDArray<KxString>& names,
+                              KxDArray<int>* assignedFirst = nullptr);
+
 // Serialises every parse in the process; lexer and parser state is global.
 extern OXEL_API KxMutex strToOxelMutex;
 

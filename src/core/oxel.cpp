@@ -1,14 +1,19 @@
 // Default behaviour of Oxel, written purely in terms of the child accessors.
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <oxel/core.h>
+
+#include "support/messages.h"
 
 Oxel::~Oxel() {}
 
 Oxel* Oxel::diff(const char* /*var*/)
 {
-    std::printf("diff: Not yet implemented in %s.\n", symbol());
+    std::string line = std::string("diff: Not yet implemented in ") + symbol() + ".";
+    if (!oxelMessage(OXEL_MESSAGE_NO_DERIVATIVE_RULE, line.c_str()))
+        std::printf("%s\n", line.c_str());
     return dup();
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <oxel/formula.h>
 #include <oxel/nodes.h>
 
 #include "expression/program.h"
@@ -19,7 +20,8 @@ const int kMaxSimplifyPasses = 100;
 }  // namespace
 
 OxelExpression::OxelExpression()
-    : root_(nullptr), aliases_(KxString("")), numInternal_(0), point_(nullptr), program_(nullptr)
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), lastErrorOffset_(-1),
+      point_(nullptr), program_(nullptr)
 {
     clear();
 }
@@ -98,19 +100,23 @@ int OxelExpression::initFromString(const char* text)
     names_.setLength(declared > 0 ? declared : 0);
     numInternal_ = 0;
     lastError_ = KxString();
+    lastErrorOffset_ = -1;
 
     if (!text || !*text) {
         setDefaultExpression();
+        lastErrorOffset_ = 0;
         return 0;
     }
     oxelDestroy(root_);
     root_ = nullptr;
 
     // The parser cuts statements in place. It works on a private copy, so the caller's text is
-    // never written, not even when a statement fails, and may be a literal.
+    // never written, not even when a statement fails, and may be a literal; nobody else sees
+    // the copy, so its statements are read whole whatever their length.
     std::vector<char> copy(text, text + std::strlen(text) + 1);
     std::string error;
-    Oxel* tree = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error);
+    int offset = -1;
+    Oxel* tree = OxConverter_parse(copy.data(), names_, &aliases_, 0, nullptr, &error, &offset, true);
     numInternal_ = numVars() - declared;
     if (tree) {
         installTree(tree);
@@ -118,6 +124,7 @@ int OxelExpression::initFromString(const char* text)
     }
     setDefaultExpression();
     lastError_ = KxString(error.c_str());
+    lastErrorOffset_ = offset;
     return 0;
 }
 
@@ -175,6 +182,11 @@ void OxelExpression::copyVarNames(OxelExpression& other)
         names_.append(other.names_[i]);
     aliases_ = other.aliases_;
     installTree(root_);
+}
+
+KxString OxelExpression::toFormula() const
+{
+    return oxelToFormula(root_);
 }
 
 // ---------------------------------------------------------------- derived expressions

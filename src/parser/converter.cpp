@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/messages.h"
+
 KxMutex strToOxelMutex(false);
 
 KxDArray<KxString>* OxConverter_yyVarNames = nullptr;
@@ -130,9 +132,12 @@ void OxConverter_plainError(const char* msg)
 
 Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
                         KxHashTable<KxString, KxString>* aliases, int numDepVars,
-                        OxDepVarnode** depVars, std::string* error)
+                        OxDepVarnode** depVars, std::string* error, int* errorOffset,
+                        bool wholeStatements)
 {
+    OxelMessageQueue messages;  // handed over after the lock is released
     ParseLock lock;
+    OxConverter_wholeStatements = wholeStatements;
     OxConverter_yyrestart(nullptr);
     OxConverter_forgetLongNames();
     OxConverter_yyVarNames = &varNames;
@@ -150,6 +155,8 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
             *semicolon = '\0';
         OxConverter_yyBuf = start;
         OxConverter_yyPos = 0;
+        OxConverter_yyBase = static_cast<int>(start - text);
+        OxConverter_resetOffsets();
         // A statement that ended inside braces leaves appended text behind; continuing to
         // scan from it misses the end of the buffer, so each statement gets a fresh buffer.
         OxConverter_yyrestart(nullptr);
@@ -171,10 +178,17 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
         }
         if (!yyFehler.empty()) {
             // The NUL written over the ';' of the failing statement stays, as callers expect.
-            std::fprintf(stderr, "Parsing OxError: %s\n", yyFehler.c_str());
+            if (!oxelMessage(OXEL_MESSAGE_PARSE_ERROR, yyFehler.c_str()))
+                std::fprintf(stderr, "Parsing OxError: %s\n", yyFehler.c_str());
             lastFailure = yyFehler;
             if (error)
                 *error = yyFehler;
+            if (errorOffset) {
+                // A re-read statement scans past its end; the end is where it stopped then.
+                int length = static_cast<int>(std::strlen(start));
+                int at = OxConverter_tokenStart < length ? OxConverter_tokenStart : length;
+                *errorOffset = OxConverter_yyBase + at;
+            }
             // A tree can be complete before the error shows (e.g. "1 )"); nobody owns it.
             oxelDestroy(yyOxel);
             yyOxel = nullptr;
@@ -192,6 +206,8 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
     lastFailure.clear();
     if (error)
         error->clear();
+    if (errorOffset)
+        *errorOffset = -1;
     return result;
 }
 
@@ -206,6 +222,26 @@ Oxel* OxConverter::strToOxel(const char* text, KxDArray<KxString>& varNames, int
                              OxDepVarnode** depVars)
 {
     return OxConverter_parse(text, varNames, nullptr, numDepVars, depVars, nullptr);
+}
+
+int oxelFormulaNames(const char* text, KxDArray<KxString>& names, KxDArray<int>* assignedFirst)
+{
+    names.setLength(0);
+    if (assignedFirst)
+        assignedFirst->setLength(0);
+    if (!text)
+        return 0;
+    std::vector<std::pair<std::string, bool>> found;
+    {
+        ParseLock lock;
+        OxConverter_scanNames(text, found);
+    }
+    for (const auto& entry : found) {
+        names.append(KxString(entry.first.c_str()));
+        if (assignedFirst)
+            assignedFirst->append(entry.second ? 1 : 0);
+    }
+    return names.length();
 }
 
 KxString OxConverter::lastError()

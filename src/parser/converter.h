@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <oxel/nodes.h>
 #include <oxel/parser.h>
@@ -19,6 +21,14 @@ extern int OxConverter_yyNumDepVars;
 // Lexer input: the statement text and how many characters the scanner has taken.
 extern const char* OxConverter_yyBuf;
 extern int OxConverter_yyPos;
+
+// Read statements longer than one refill whole instead of re-reading their start.
+extern bool OxConverter_wholeStatements;
+// Offset of the current statement in the whole text, and of the last token in the statement
+// (the end of the statement once the scanner has reached it).
+extern int OxConverter_yyBase;
+extern int OxConverter_tokenStart;
+void OxConverter_resetOffsets();
 
 // Lexer state that survives between parses.
 extern int klammerCnt;
@@ -58,10 +68,17 @@ extern const char* const OxConverter_depthMessage;
 // at the int range so that absurd literals cannot overflow the conversion.
 int OxConverter_component(double v);
 
-// strToOxel with the failure text handed back to the caller, so that a concurrent parse
-// cannot replace it before the caller reads it. error may be null.
+// strToOxel with the failure text and its byte offset in text handed back to the caller, so
+// that a concurrent parse cannot replace them before the caller reads them. error and
+// errorOffset may be null; the offset is -1 after a success. wholeStatements reads statements
+// of any length whole.
 Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
                         KxHashTable<KxString, KxString>* aliases, int numDepVars,
-                        OxDepVarnode** depVars, std::string* error);
+                        OxDepVarnode** depVars, std::string* error, int* errorOffset = nullptr,
+                        bool wholeStatements = false);
+
+// Every name of text (all statements) in order of first appearance, each with whether that
+// first appearance is the target of an assignment. Caller holds strToOxelMutex.
+void OxConverter_scanNames(const char* text, std::vector<std::pair<std::string, bool>>& out);
 
 #endif

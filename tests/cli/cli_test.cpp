@@ -4,15 +4,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cfloat>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <oxel/oxel.h>
+
+#include "number_text.h"
 
 namespace {
 
@@ -73,13 +79,22 @@ const Case kCases[] = {
     {{"eval", "1e23"}, 0, "1e+23\n", ""},  // 15 digits suffice; 16 would show 9.999999999999999e+22
     {{"eval", "x", "x=nan"}, 0, "nan\n", ""},
     {{"eval", "x", "x=1e-999"}, 0, "0\n", ""},  // underflow is harmless
-    {{"eval", "1/x", "x=0"}, 3, "1\n", "oxel: evaluation error 8: Division by zero\n"},
-    // The library prints its own message; the program adds one line without repeating it.
-    {{"eval", "1 )"}, 2, "", "Parsing OxError: syntax error, unexpected ')', expecting $end near >)<\noxel: the formula does not parse\n"},
-    {{"eval", "x + y", "x=1"}, 2, "", "expecting '=' near ><\noxel: the formula does not parse\noxel: hint: declare every"},
+    {{"eval", "1/x", "x=0"}, 3, "", "oxel: evaluation error 8: Division by zero\n"},  // no fallback value
+    {{"eval", "1/x", "x=0", "--value"}, 3, "1\n", "oxel: evaluation error 8: Division by zero\n"},
+    {{"eval", "a = x*2; a + 1", "x=1"}, 0, "3\n", ""},  // an assigned name needs no value
+    // The parser's message, then the formula with a caret under the place where it stopped.
+    {{"eval", "1 )"}, 2, "", "Parsing OxError: syntax error, unexpected ')', expecting $end near >)<\n  1 )\n    ^\noxel: the formula does not parse\n"},
+    {{"eval", "x + sin 1", "x=1"}, 2, "", "near >1<\n  x + sin 1\n          ^\noxel"},
+    {{"eval", "x +", "x=1"}, 2, "", "near ><\n  x +\n     ^\noxel"},  // the end of the text
+    {{"eval", "x + y", "x=1"}, 1, "", "no value for variable 'y'"},
+    {{"table", "x @+ 1", "x=0:1"}, 0, "x,value,error\n0,1,0\n1,2,0\n", "oxel: warning: ignored character '@' at offset 2\n"},
+    {{"diff", "x < 1", "x"}, 0, "x < 1\n", "oxel: warning: diff: Not yet implemented in OXEL.\n"},
+    {{"names", "a = x*2; a + sinx + sin(x) + b"}, 0, "a\nx\nsinx\nb\n", ""},
+    {{"names", "1 + 2"}, 0, "", ""},
     {{"eval", ";"}, 2, "", kParseFail}, {{"diff", "max(x)", "x"}, 2, "", kParseFail},
     {{"table", "x +* 2", "x=0:1"}, 2, "", kParseFail},
-    {{"table", "x", "--csv"}, 2, "", kParseFail, "y\n1\n"},
+    {{"table", "x", "--csv"}, 1, "", "no value for variable 'x'", "y\n1\n"},
+    {{"table", "x +* y", "--csv"}, 2, "", kParseFail, "y,x\n1,2\n"},
     {{"diff", "x % 2", "x"}, 4, "", "oxel: no derivative with respect to x can be formed"},
     {{"table", "x*10 + y + c", "x=1:2", "c=100", "y=0:1:0.5"}, 0, kTable, ""},
     {{"table", "x", "x=0:1:0.1"}, 0, "\n0.9,0.9,0\n1,1,0\n", ""},  // the stop survives rounding
@@ -89,7 +104,10 @@ const Case kCases[] = {
     {{"table", "x", "x=-3:3"}, 0, "error\n-3,-3,0\n-2,-2,0\n-1,-1,0\n0,0,0\n1,1,0\n2,2,0\n3,3,0\n", ""},
     {{"table", "1/x", "x=-1:1"}, 0, "x,value,error\n-1,-1,0\n0,1,8\n1,1,0\n", ""},
     {{"table", "a = x*2; a + 1", "x=0:2"}, 0, "x,value,error\n0,1,0\n1,3,0\n2,5,0\n", ""},
-    {{"table", "x*y + c", "--csv", "c=0.5"}, 0, "x,y,value,error\n1,2,2.5,0\n3,-4,-11.5,0\n1000,0.25,250.5,0\n", "", " x , y\n1,2\n\n3,-4\r\n1e3,0.25\n"},
+    // Lines pass through as they came (without line ends); blank lines are skipped.
+    {{"table", "x*y + c", "--csv", "c=0.5"}, 0, " x , y,value,error\n1,2,2.5,0\n3,-4,-11.5,0\n1e3, .25 ,250.5,0\n", "", " x , y\n1,2\n\n3,-4\r\n1e3, .25 \n"},
+    {{"table", "x", "--csv"}, 0, "x,value,error\n+5,5,0\n0x10,16,0\n1e-999,0,0\n-nan,nan,0\n", "", "x\n+5\n0x10\n1e-999\n-nan"},
+    {{"table", "x", "--csv"}, 1, "x,value,error\n", "CSV line 2: '1e999' is too large", "x\n1e999\n"},
     {{"table", "ln(x)", "--csv"}, 0, "x,value,error\n1,0,0\n-1,0,11\n", "", "x\n1\n-1\n"},
     {{"table", "x+y", "--csv"}, 1, "1,2,3,0\n", "CSV line 3 has 1 fields, the header has 2", "x,y\n1,2\n3\n"},
     {{"table", "x+y", "--csv"}, 1, "x,y,value,error\n", "CSV line 2: 'abc' is not a number", "x,y\n1,abc\n"},
@@ -112,6 +130,10 @@ const Case kCases[] = {
     {{"eval", "t", "x=1", "--alias", "t=x", "--alias", "t=y"}, 1, "", "alias 't' stands for both 'x' and 'y'"},
     {{"eval", "x", "--var", "y", "x=1"}, 1, "", "no value for variable 'y'"},
     {{"print", "x", "x", "--once"}, 1, "", "--once applies to simplify only"},
+    {{"eval", "x", "x=1", "--tree"}, 1, "", "--tree applies to diff, simplify and print only"},
+    {{"diff", "x", "x", "--value"}, 1, "", "--value applies to eval only"},
+    {{"names", "x", "y"}, 1, "", "names takes nothing but the formula"},
+    {{"eval", "--file", "/nonexistent/f"}, 1, "", "cannot read the formula file '/nonexistent/f'"},
     {{"diff", "x"}, 1, "", "diff needs the variable to differentiate by"},
     {{"table", "x", "x"}, 1, "", "argument 'x' must have the form name=value"},
     {{"table", "x", "x=0"}, 1, "", "table needs a range"}, {{"table", "x", "x=0:1:0"}, 1, "", "has step 0"},
@@ -163,16 +185,19 @@ TEST(OxelProgram, TableWritesEveryRowAcrossBlocks)
 
 // diff, simplify and print show exactly what the library makes of the formula over x and y
 // after the steps: d the derivative by x, f full simplification, o one simplification pass.
-TEST(OxelProgram, TreeCommandsPrintTheLibraryText)
+// diff and simplify write a formula that reads back, or with --tree the library's print.
+TEST(OxelProgram, TreeCommandsPrintFormulasOrTheLibraryText)
 {
     const struct { std::vector<std::string> args; const char *formula, *steps; } cases[] = {
         {{"print", "(x-y)-x", "x", "y"}, "(x-y)-x", ""},
+        {{"print", "(x-y)-x"}, "(x-y)-x", ""},  // the formula's names are declared by themselves
         {{"diff", "pow(x,3)*y", "x", "y"}, "pow(x,3)*y", "d"},
+        {{"diff", "x*y", "x"}, "x*y", "d"},
         {{"diff", "pow(x,3)*y", "x", "y", "--simplify"}, "pow(x,3)*y", "df"},
         {{"diff", "sin(x)*exp(-x/4) + x*y", "x", "--var", "y", "--simplify"}, "sin(x)*exp(-x/4) + x*y", "df"},
         {{"diff", "t*y", "t", "y", "--alias", "t=x"}, "x*y", "d"},
         {{"simplify", "2+3*x*1", "x", "y=4"}, "2+3*x*1", "f"},
-        {{"simplify", "(x+0)*(1*y)", "x", "y", "--once"}, "(x+0)*(1*y)", "o"},
+        {{"simplify", "(x+0)*(1*y)", "--once"}, "(x+0)*(1*y)", "o"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.args[1]);
@@ -184,9 +209,78 @@ TEST(OxelProgram, TreeCommandsPrintTheLibraryText)
             t.reset(*step == 'd' ? t->derivative("x") : *step == 'f' ? t->simplifiedFully() : t->simplified());
             ASSERT_TRUE(t);
         }
-        Result r = runOxel(c.args);
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out, oxelToString(t->root()) + "\n");
+        std::vector<std::string> treeArgs = c.args;
+        treeArgs.push_back("--tree");
+        for (bool tree : {false, true}) {
+            Result r = runOxel(tree ? treeArgs : c.args);
+            EXPECT_EQ(r.status, 0) << r.err;
+            bool formula = !tree && c.args[0] != "print";
+            EXPECT_EQ(r.out, std::string(formula ? oxelToFormula(t->root()).c_str() : oxelToString(t->root())) + "\n");
+        }
+    }
+}
+
+// What diff and simplify print is typed back in: eval of it agrees with the library's own
+// derivative (the pow(x,3) gave 0 through the printed '^').
+TEST(OxelProgram, PrintedFormulasEvaluateBack)
+{
+    for (const char* formula : {"pow(x,3)", "sin(x)*exp(-x/4) + sqrt(x)*ln(x)", "atan2(x, 2) - x/3"}) {
+        Result d = runOxel({"diff", formula, "x", "--simplify"});
+        ASSERT_EQ(d.status, 0) << d.err;
+        std::string printed = d.out.substr(0, d.out.size() - 1);
+        Result e = runOxel({"eval", printed, "x=2"});
+        EXPECT_EQ(e.status, 0) << printed << ": " << e.err;
+        OxelExpression f;
+        f.addVar("x");
+        ASSERT_EQ(f.initFromString(formula), 1);
+        std::unique_ptr<OxelExpression> slope(f.derivative("x"));
+        KxDArray<double> v;
+        v.setLength(1);
+        v[0] = 2;
+        int err = 0;
+        char expected[40];
+        std::snprintf(expected, sizeof expected, "%.17g", slope->eval(v, err));
+        EXPECT_EQ(std::strtod(e.out.c_str(), nullptr), std::strtod(expected, nullptr)) << printed;
+    }
+}
+
+// --file: the formula's lines, and a caret under the failing place in its own line.
+TEST(OxelProgram, FormulaFromFile)
+{
+    char path[] = "/tmp/oxel-cli-formula-XXXXXX";
+    close(mkstemp(path));
+    std::ofstream(path) << "a = pow(x,\n   3);\na + y\n";
+    Result good = runOxel({"eval", "--file", path, "x=2", "y=1"});
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_EQ(good.out, "9\n");
+    std::ofstream(path) << "a = x;\n\ta + )\n";
+    Result bad = runOxel({"diff", "--file", path, "x"});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("near >)<\n  line 2: \ta + )\n          \t    ^\n"), std::string::npos) << bad.err;
+    std::remove(path);
+}
+
+// The program's number text is printf's %.15g, %.16g or %.17g, whichever reads back first.
+TEST(OxelProgram, NumberTextIsTheShortestPrintfForm)
+{
+    std::mt19937_64 gen(11);
+    std::vector<double> values = {0.0, -0.0, 1e23, 1e-5, 1e-4, 1e15, 1e16, 1e17, 0.1, 0.3,
+                                  5e-324, DBL_MAX, DBL_MIN, 123456789012345678.0};
+    for (int i = 0; i < 200000; ++i) {
+        uint64_t bits = gen();
+        double v;
+        std::memcpy(&v, &bits, sizeof v);
+        values.push_back(v);
+        values.push_back(std::ldexp(1.0, static_cast<int>(gen() % 2098) - 1074));  // powers of two
+        values.push_back(std::round(std::uniform_real_distribution<double>(-1e3, 1e3)(gen) * 1e6) / 1e6);
+        values.push_back(values.back() * values[values.size() - 4] + 1);
+    }
+    for (double v : values) {
+        if (std::isnan(v) || std::isinf(v))
+            continue;
+        char fast[numtext::kMaxText], slow[numtext::kMaxText];
+        int n = numtext::format(v, fast), m = numtext::viaPrintf(v, slow);
+        ASSERT_EQ(std::string(fast, n), std::string(slow, m)) << v;
     }
 }
 
@@ -196,7 +290,8 @@ TEST(OxelProgram, HelpNamesEveryCommandAndExitStatus)
     for (const Result& r : {runOxel({"--help"}), runOxel({"-h"}), runOxel({"eval", "x", "--help"})}) {
         EXPECT_EQ(r.status, 0);
         for (const char* word : {"eval FORMULA", "diff FORMULA", "simplify FORMULA", "print FORMULA",
-                                 "table FORMULA", "--csv", "--alias", "--var", "--simplify", "--once",
+                                 "table FORMULA", "names FORMULA", "--file", "--tree", "--value",
+                                 "--csv", "--alias", "--var", "--simplify", "--once",
                                  "--version", "0  success", "1  usage error", "2  the formula does not parse",
                                  "3  evaluation error", "4  no derivative"})
             EXPECT_NE(r.out.find(word), std::string::npos) << word;
