@@ -1,0 +1,255 @@
+// Fast power kernel: a^b in double-double with a rounding test that proves the double result
+// equals powl(a, b) rounded to double, and a plain powl call wherever it cannot prove it.
+#ifndef OXEL_NODES_POWER_H
+#define OXEL_NODES_POWER_H
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "power_tables.h"
+
+// Double-double arithmetic needs every product and sum rounded on its own.
+#if defined(__FAST_MATH__)
+#error "the power kernel needs IEEE arithmetic; do not build with -ffast-math"
+#endif
+
+namespace oxk {
+namespace pw {
+
+// ---------------------------------------------------------------- error budget
+//
+// powl's own error, measured on this machine (glibc x86-64, x87 powl) against MPFR at 256 bits
+// with `power_check powl` and a sweep of integral exponents, relative, in units of 2^-64:
+//   fractional exponents (ordinary, huge bases, tiny, near 1 with huge b, half-integers): 1.25
+//   integral exponents up to 8 / 64 / 1024 / beyond, negative bases: 4.63 / 4.43 / 3.59 / 2.11
+//   powl(DBL_MAX, 1/b), the overflow limit:                                               1.20
+// The bounds used are over three times those.
+constexpr double kPowlErrFrac = 0x1p-62;  // 4 * 2^-64
+constexpr double kPowlErrInt = 0x1p-60;   // 16 * 2^-64
+
+// Relative error of the double-double approximation Y of |a|^b (derived next to each step;
+// `power_check model` measured 2^-85 for log2 and 2^-78.2 overall for |P| < 1000):
+//   log2|a|      rel. <= 2^-84         -> P = b log2|a|: abs. <= 2^-83 |P|
+//   2^P          rel. <= 2^-78 + ln2 * (abs. error of P)
+// so |Y - |a|^b| <= (2^-76 + 2^-80 |P|) |a|^b, with a factor of four to spare.
+constexpr double kModelErr = 0x1p-76;
+constexpr double kModelErrPerP = 0x1p-80;
+
+// ---------------------------------------------------------------- double-double helpers
+
+inline uint64_t bitsOf(double x)
+{
+    uint64_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return u;
+}
+
+inline double fromBits(uint64_t u)
+{
+    double x;
+    std::memcpy(&x, &u, sizeof x);
+    return x;
+}
+
+struct DD {
+    double h, l;
+};
+
+// s + e == a + b exactly when |a| >= |b| (or a == 0).
+inline DD fastTwoSum(double a, double b)
+{
+    double s = a + b;
+    return {s, b - (s - a)};
+}
+
+// s + e == a + b exactly.
+inline DD twoSum(double a, double b)
+{
+    double s = a + b;
+    double bb = s - a;
+    return {s, (a - (s - bb)) + (b - bb)};
+}
+
+// p + e == a * b exactly (no overflow: every operand here is below 2^70 in magnitude).
+inline DD twoProd(double a, double b)
+{
+    double p = a * b;
+#ifdef __FP_FAST_FMA
+    return {p, std::fma(a, b, -p)};
+#else
+    // Dekker: split each factor into 26 + 27 bits so that the partial products are exact.
+    const double split = 134217729.0;  // 2^27 + 1
+    double ca = split * a, cb = split * b;
+    double ah = ca - (ca - a), al = a - ah;
+    double bh = cb - (cb - b), bl = b - bh;
+    return {p, ((ah * bh - p) + ah * bl + al * bh) + al * bl};
+#endif
+}
+
+// ---------------------------------------------------------------- log2
+
+// log2(x) for a positive normal x, as hi + lo with relative error <= 2^-84.
+inline DD log2dd(double x)
+{
+    double r, k, lch, lcl;
+    if (std::fabs(x - 1.0) < 0x1p-8) {
+        // Near 1 the table would cancel against k: take r = x - 1 (exact by Sterbenz) so that
+        // the relative error stays that of the series below even for b up to 2^60.
+        r = x - 1.0;
+        k = 0.0;
+        lch = lcl = 0.0;
+    } else {
+        uint64_t ix = bitsOf(x);
+        k = static_cast<double>(static_cast<int>(ix >> 52) - 1023);
+        const LogEntry& t = kLog[(ix >> (52 - kLogBits)) & ((1u << kLogBits) - 1)];
+        double m = fromBits((ix & 0x000FFFFFFFFFFFFFULL) | 0x3FF0000000000000ULL);
+        // r = m * invc - 1 exactly: invc has 9 significant bits, so mh (44 bits) * invc and
+        // ml (9 bits) * invc are exact products, mh * invc - 1 is exact by Sterbenz, and the
+        // sum r is a multiple of 2^-61 below 2^-8, which a double holds.
+        double mh = fromBits(bitsOf(m) & ~0x1FFULL);
+        double ml = m - mh;
+        r = (mh * t.invc - 1.0) + ml * t.invc;
+        lch = t.logcHi;
+        lcl = t.logcLo;
+    }
+    // ln(1+r) = r - r^2/2 + r^3/3 - r^4/4 + r^5 * tail, |r| <= 2^-8. Every term up to r^4/4
+    // (2^-26 |r|) in double-double; the tail (degree 6, truncation r^12/12 < 2^-91 |r|) in
+    // double: it is below 2^-34 |r|, so its roundings cost at most 2^-85 |r|.
+    DD rr = twoProd(r, r);
+    DD r3 = twoProd(r, rr.h);
+    r3.l += r * rr.l;
+    DD t3 = twoProd(r3.h, kThirdHi);
+    t3.l += r3.h * kThirdLo + r3.l * kThirdHi;
+    DD r4 = twoProd(rr.h, rr.h);
+    r4.l += 2.0 * rr.h * rr.l;
+    double tail = 1.0 / 5 + r * (-1.0 / 6 + r * (1.0 / 7 + r * (-1.0 / 8 + r * (1.0 / 9 +
+                  r * (-1.0 / 10 + r * (1.0 / 11))))));
+    tail *= r4.h * r;
+    DD s1 = fastTwoSum(r, -0.5 * rr.h);    // |r| >= r^2/2 >= |r^3/3| >= r^4/4
+    DD s2 = fastTwoSum(s1.h, t3.h);
+    DD s3 = fastTwoSum(s2.h, -0.25 * r4.h);
+    // The low parts are below 2^-33 |r|: the roundings add at most 2^-84 |r|.
+    double lo = ((s1.l + s2.l) + (s3.l + t3.l) - (0.5 * rr.l + 0.25 * r4.l)) + tail;
+    // ln(1+r) = s3.h + lo with relative error <= 2^-83; times 1/ln2 in double-double (2^-102).
+    DD q = twoProd(s3.h, kInvLn2Hi);
+    q.l += s3.h * kInvLn2Lo + lo * kInvLn2Hi;
+    // log2 x = k + log2(1/invc) + log2(1+r). Outside the near-1 case |log2 x| >= 2^-7.5, so the
+    // absolute errors (table 2^-106, series 2^-83 * 2^-7.5, sums 2^-104 |log2 x|) stay below
+    // 2^-84 |log2 x|.
+    DD a = fastTwoSum(k, lch);  // k is 0 or at least 1 in magnitude, |lch| <= 1
+    DD b = twoSum(a.h, q.h);
+    return fastTwoSum(b.h, ((a.l + lcl) + q.l) + b.l);
+}
+
+// ---------------------------------------------------------------- exp2 and the rounding test
+
+// 2^(p.h + p.l) = y * 2^e with y in [0.99, 2.01] within 2^-78 + ln2 * (error of p), relative;
+// |p.h| < 2^40.
+inline DD exp2dd(DD p, int& e)
+{
+    // p = k/128 + t, |t| <= 2^-8 (+ 2^-43 from p.l). kd is p.h*128 rounded to an integer; the
+    // subtraction is exact as both are multiples of ulp(p.h) and the difference is small.
+    const double shift = 0x1.8p52;
+    double kd = (p.h * 128.0 + shift) - shift;
+    int64_t ki = static_cast<int64_t>(kd);
+    DD t = twoSum(p.h - kd * (1.0 / 128), p.l);
+    // u = t ln2, |u| <= 2^-8.5, relative error <= 2^-102.
+    DD u = twoProd(t.h, kLn2Hi);
+    u.l += t.h * kLn2Lo + t.l * kLn2Hi;
+    // e^u = 1 + u + u^2/2 + u^3 * q(u); q to u^5/8! (truncation u^9/9! < 2^-95). The cubic
+    // part is below 2^-28: its double rounding costs at most 2^-79.
+    DD uu = twoProd(u.h, u.h);
+    uu.l += 2.0 * u.h * u.l;
+    double cubic = 1.0 / 6 + u.h * (1.0 / 24 + u.h * (1.0 / 120 + u.h * (1.0 / 720 +
+                   u.h * (1.0 / 5040 + u.h * (1.0 / 40320)))));
+    cubic *= u.h * uu.h;
+    DD e1 = fastTwoSum(1.0, u.h);
+    DD e2 = fastTwoSum(e1.h, 0.5 * uu.h);
+    double elo = ((u.l + 0.5 * uu.l) + (e1.l + e2.l)) + cubic;  // below 2^-27: <= 2^-80
+    // e^u = e2.h + elo within 2^-78 relative; times 2^(j/128) (table 2^-106, product 2^-104).
+    const ExpEntry& tj = kExp2[ki & 127];
+    DD y = twoProd(tj.hi, e2.h);
+    y.l += tj.hi * elo + tj.lo * e2.h;
+    e = static_cast<int>(ki >> 7);
+    return y;
+}
+
+// sign * 2^(p.h + p.l) rounded to double in out when the rounding is provably that of every
+// value within relErr of the true power; -1020 < p.h < 1022 so the result is normal. False when
+// the approximation is too close to a midpoint between two doubles.
+inline bool exp2Round(DD p, double relErr, bool negative, double& out)
+{
+    int e;
+    DD y = exp2dd(p, e);
+    // y lies in [0.99, 2.01]. All values within eps of y round alike when both ends of
+    // [y - eps, y + eps] do (rounding is monotone); eps covers the model error plus powl's,
+    // with room for the rounding of y.l -/+ eps itself (below 2^-100).
+    double eps = y.h * relErr;
+    double lo = y.h + (y.l - eps);
+    double hi = y.h + (y.l + eps);
+    if (lo != hi)
+        return false;
+    // Scaling by 2^e is exact: the result is normal.
+    double scale = fromBits(static_cast<uint64_t>(e + 1023) << 52);
+    out = negative ? -(lo * scale) : lo * scale;
+    return true;
+}
+
+// ---------------------------------------------------------------- the fast path
+
+enum Outcome {
+    kValue,     // out holds the power, bit for bit (double)powl(a, b)
+    kOverflow,  // the overflow guard fails: powl(DBL_MAX, 1/b) <= a
+    kGuarded,   // the guard passes (or does not apply), the power needs powl
+    kUnknown,   // nothing decided, follow the powl rule from the start
+};
+
+enum Guard {
+    kNoGuard,     // the power alone
+    kLogGuard,    // decide powl(DBL_MAX, 1/b) > a from log2 a where provable
+    kKnownLimit,  // the caller holds powl(DBL_MAX, 1/b)
+};
+
+// a^b for b != 2 after the negative-base substitution (a < 0 implies b integral, infinite or
+// NaN). With a guard, b > 1 checks the overflow limit first as the powl rule does.
+template <Guard G>
+inline Outcome fastPow(double a, double b, long double limit, double& out)
+{
+    if (G == kKnownLimit && b > 1.0 && !(limit > a))
+        return kOverflow;
+    // Zero, subnormal, infinite and NaN bases, infinite, NaN and huge exponents go to powl.
+    uint64_t ia = bitsOf(a) & 0x7FFFFFFFFFFFFFFFULL;
+    if (ia - 0x0010000000000000ULL >= 0x7FE0000000000000ULL || !(std::fabs(b) < 0x1p60))
+        return kUnknown;
+    DD l = log2dd(fromBits(ia));
+    // P = b log2|a|: abs. error <= 2^-84 |P| (log) + 2^-104 |P| (product) <= 2^-83 |P|.
+    DD p = twoProd(b, l.h);
+    p = fastTwoSum(p.h, p.l + b * l.l);
+    if (G == kLogGuard && b > 1.0 && a >= 1.0) {
+        // powl(DBL_MAX, r), r = 1/b rounded, has log2 = r log2(DBL_MAX) + d with |d| <= 2^-60
+        // (measured 1.2 * 2^-64 relative). b r = 1 +- 2^-53 and log2(DBL_MAX) = 1024 - 2^-52.5,
+        // p.h = b log2 a (1 +- 2^-52): so p.h < 1024 - 2^-38 - b 2^-60 proves the limit above a,
+        // p.h > 1024 + the same proves it at most a; the margin below is wider still.
+        double margin = 0x1p-36 + b * 0x1p-56;
+        if (p.h > 1024.0 + margin)
+            return kOverflow;
+        if (!(p.h < 1024.0 - margin))
+            return kUnknown;
+    }
+    if (!(p.h > -1020.0 && p.h < 1022.0))
+        return kGuarded;  // subnormal, overflowing or nearly overflowing result
+    bool integral = b == std::floor(b);
+    if (a < 0 && !integral)
+        return kGuarded;  // powl's NaN (only the powl rule without substitution gets here)
+    bool negative = a < 0 && std::fabs(b) < 0x1p53 && (static_cast<int64_t>(b) & 1);
+    double relErr = ((integral ? kPowlErrInt : kPowlErrFrac) + kModelErr +
+                     kModelErrPerP * std::fabs(p.h)) * (1.0 + 0x1p-20);
+    return exp2Round(p, relErr, negative, out) ? kValue : kGuarded;
+}
+
+}  // namespace pw
+}  // namespace oxk
+
+#endif
