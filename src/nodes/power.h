@@ -72,25 +72,29 @@ inline DD twoSum(double a, double b)
     return {s, (a - (s - bb)) + (b - bb)};
 }
 
-// p + e == a * b exactly (no overflow: every operand here is below 2^70 in magnitude).
+// p + e == a * b exactly (no overflow: every operand here is below 2^70 in magnitude). Fma
+// says the code is compiled for a processor with fused multiply-add.
+template <bool Fma>
 inline DD twoProd(double a, double b)
 {
     double p = a * b;
-#ifdef __FP_FAST_FMA
-    return {p, std::fma(a, b, -p)};
-#else
+#ifndef __FP_FAST_FMA
+    if (!Fma) {
     // Dekker: split each factor into 26 + 27 bits so that the partial products are exact.
     const double split = 134217729.0;  // 2^27 + 1
     double ca = split * a, cb = split * b;
     double ah = ca - (ca - a), al = a - ah;
     double bh = cb - (cb - b), bl = b - bh;
     return {p, ((ah * bh - p) + ah * bl + al * bh) + al * bl};
+    }
 #endif
+    return {p, std::fma(a, b, -p)};
 }
 
 // ---------------------------------------------------------------- log2
 
 // log2(x) for a positive normal x, as hi + lo with relative error <= 2^-84.
+template <bool Fma>
 inline DD log2dd(double x)
 {
     double r, k, lch, lcl;
@@ -117,12 +121,12 @@ inline DD log2dd(double x)
     // ln(1+r) = r - r^2/2 + r^3/3 - r^4/4 + r^5 * tail, |r| <= 2^-8. Every term up to r^4/4
     // (2^-26 |r|) in double-double; the tail (degree 6, truncation r^12/12 < 2^-91 |r|) in
     // double: it is below 2^-34 |r|, so its roundings cost at most 2^-85 |r|.
-    DD rr = twoProd(r, r);
-    DD r3 = twoProd(r, rr.h);
+    DD rr = twoProd<Fma>(r, r);
+    DD r3 = twoProd<Fma>(r, rr.h);
     r3.l += r * rr.l;
-    DD t3 = twoProd(r3.h, kThirdHi);
+    DD t3 = twoProd<Fma>(r3.h, kThirdHi);
     t3.l += r3.h * kThirdLo + r3.l * kThirdHi;
-    DD r4 = twoProd(rr.h, rr.h);
+    DD r4 = twoProd<Fma>(rr.h, rr.h);
     r4.l += 2.0 * rr.h * rr.l;
     double tail = 1.0 / 5 + r * (-1.0 / 6 + r * (1.0 / 7 + r * (-1.0 / 8 + r * (1.0 / 9 +
                   r * (-1.0 / 10 + r * (1.0 / 11))))));
@@ -133,7 +137,7 @@ inline DD log2dd(double x)
     // The low parts are below 2^-33 |r|: the roundings add at most 2^-84 |r|.
     double lo = ((s1.l + s2.l) + (s3.l + t3.l) - (0.5 * rr.l + 0.25 * r4.l)) + tail;
     // ln(1+r) = s3.h + lo with relative error <= 2^-83; times 1/ln2 in double-double (2^-102).
-    DD q = twoProd(s3.h, kInvLn2Hi);
+    DD q = twoProd<Fma>(s3.h, kInvLn2Hi);
     q.l += s3.h * kInvLn2Lo + lo * kInvLn2Hi;
     // log2 x = k + log2(1/invc) + log2(1+r). Outside the near-1 case |log2 x| >= 2^-7.5, so the
     // absolute errors (table 2^-106, series 2^-83 * 2^-7.5, sums 2^-104 |log2 x|) stay below
@@ -147,6 +151,7 @@ inline DD log2dd(double x)
 
 // 2^(p.h + p.l) = y * 2^e with y in [0.99, 2.01] within 2^-78 + ln2 * (error of p), relative;
 // |p.h| < 2^40.
+template <bool Fma>
 inline DD exp2dd(DD p, int& e)
 {
     // p = k/128 + t, |t| <= 2^-8 (+ 2^-43 from p.l). kd is p.h*128 rounded to an integer; the
@@ -156,11 +161,11 @@ inline DD exp2dd(DD p, int& e)
     int64_t ki = static_cast<int64_t>(kd);
     DD t = twoSum(p.h - kd * (1.0 / 128), p.l);
     // u = t ln2, |u| <= 2^-8.5, relative error <= 2^-102.
-    DD u = twoProd(t.h, kLn2Hi);
+    DD u = twoProd<Fma>(t.h, kLn2Hi);
     u.l += t.h * kLn2Lo + t.l * kLn2Hi;
     // e^u = 1 + u + u^2/2 + u^3 * q(u); q to u^5/8! (truncation u^9/9! < 2^-95). The cubic
     // part is below 2^-28: its double rounding costs at most 2^-79.
-    DD uu = twoProd(u.h, u.h);
+    DD uu = twoProd<Fma>(u.h, u.h);
     uu.l += 2.0 * u.h * u.l;
     double cubic = 1.0 / 6 + u.h * (1.0 / 24 + u.h * (1.0 / 120 + u.h * (1.0 / 720 +
                    u.h * (1.0 / 5040 + u.h * (1.0 / 40320)))));
@@ -170,31 +175,72 @@ inline DD exp2dd(DD p, int& e)
     double elo = ((u.l + 0.5 * uu.l) + (e1.l + e2.l)) + cubic;  // below 2^-27: <= 2^-80
     // e^u = e2.h + elo within 2^-78 relative; times 2^(j/128) (table 2^-106, product 2^-104).
     const ExpEntry& tj = kExp2[ki & 127];
-    DD y = twoProd(tj.hi, e2.h);
+    DD y = twoProd<Fma>(tj.hi, e2.h);
     y.l += tj.hi * elo + tj.lo * e2.h;
     e = static_cast<int>(ki >> 7);
     return y;
 }
 
-// sign * 2^(p.h + p.l) rounded to double in out when the rounding is provably that of every
-// value within relErr of the true power; -1020 < p.h < 1022 so the result is normal. False when
-// the approximation is too close to a midpoint between two doubles.
-inline bool exp2Round(DD p, double relErr, bool negative, double& out)
+// sign * y rounded to double in out when every value within relErr of y (relative) rounds
+// alike, y normal and far from overflow. Rounding is monotone, so it suffices that both ends of
+// [y - eps, y + eps] round to the same double; eps covers relErr with room for the rounding of
+// y.l -/+ eps itself (below 2^-100 relative).
+inline bool roundDD(DD y, double relErr, bool negative, double& out)
 {
-    int e;
-    DD y = exp2dd(p, e);
-    // y lies in [0.99, 2.01]. All values within eps of y round alike when both ends of
-    // [y - eps, y + eps] do (rounding is monotone); eps covers the model error plus powl's,
-    // with room for the rounding of y.l -/+ eps itself (below 2^-100).
-    double eps = y.h * relErr;
+    double eps = std::fabs(y.h) * relErr;
     double lo = y.h + (y.l - eps);
     double hi = y.h + (y.l + eps);
     if (lo != hi)
         return false;
-    // Scaling by 2^e is exact: the result is normal.
-    double scale = fromBits(static_cast<uint64_t>(e + 1023) << 52);
-    out = negative ? -(lo * scale) : lo * scale;
+    out = negative ? -lo : lo;
     return true;
+}
+
+// sign * 2^(p.h + p.l) rounded to double in out when the rounding is provably that of every
+// value within relErr of the true power; -1020 < p.h < 1022 so the result is normal. False when
+// the approximation is too close to a midpoint between two doubles.
+template <bool Fma>
+inline bool exp2Round(DD p, double relErr, bool negative, double& out)
+{
+    int e;
+    DD y = exp2dd<Fma>(p, e);
+    // y lies in [0.99, 2.01]: round it there, then scale.
+    if (!roundDD(y, relErr, negative, out))
+        return false;
+    out *= fromBits(static_cast<uint64_t>(e + 1023) << 52);  // exact: the result is normal
+    return true;
+}
+
+// ---------------------------------------------------------------- small integral exponents
+
+// x^n for 1 <= n <= 64 by left-to-right binary powering in double-double. Each square or
+// product is exact but for the low-part terms (2^-102 relative); a relative error e in the
+// running power becomes 2e on squaring, so the result is within (n + 12) 2^-102 < 2^-95.
+template <bool Fma>
+inline DD powIntDD(double x, unsigned n)
+{
+    DD r = {x, 0.0};
+    for (int i = 30 - __builtin_clz(n); i >= 0; --i) {
+        DD sq = twoProd<Fma>(r.h, r.h);
+        sq.l += 2.0 * r.h * r.l;
+        r = fastTwoSum(sq.h, sq.l);
+        if ((n >> i) & 1) {
+            DD p = twoProd<Fma>(r.h, x);
+            p.l += r.l * x;
+            r = fastTwoSum(p.h, p.l);
+        }
+    }
+    return r;
+}
+
+// 1/d in double-double: q = 1/d.h, one Newton step on the exact residual (2^-100 relative).
+template <bool Fma>
+inline DD reciprocalDD(DD d)
+{
+    double q = 1.0 / d.h;
+    DD p = twoProd<Fma>(q, d.h);
+    double e = ((1.0 - p.h) - p.l) - q * d.l;  // 1 - p.h is exact: p.h is within 2^-52 of 1
+    return fastTwoSum(q, q * e);
 }
 
 // ---------------------------------------------------------------- the fast path
@@ -214,8 +260,8 @@ enum Guard {
 
 // a^b for b != 2 after the negative-base substitution (a < 0 implies b integral, infinite or
 // NaN). With a guard, b > 1 checks the overflow limit first as the powl rule does.
-template <Guard G>
-inline Outcome fastPow(double a, double b, long double limit, double& out)
+template <Guard G, bool Fma>
+inline Outcome fastPowWith(double a, double b, long double limit, double& out)
 {
     if (G == kKnownLimit && b > 1.0 && !(limit > a))
         return kOverflow;
@@ -223,9 +269,25 @@ inline Outcome fastPow(double a, double b, long double limit, double& out)
     uint64_t ia = bitsOf(a) & 0x7FFFFFFFFFFFFFFFULL;
     if (ia - 0x0010000000000000ULL >= 0x7FE0000000000000ULL || !(std::fabs(b) < 0x1p60))
         return kUnknown;
-    DD l = log2dd(fromBits(ia));
+    // Integral exponents up to 64 with a result between 2^-960 and 2^960 (every intermediate
+    // power too, so no low part underflows): binary powering, no log. The overflow limit is
+    // then far above a: a^b < 2^960 while powl(DBL_MAX, 1/b) > 2^(1023.9/b) > 2 a for b <= 64.
+    double ab = std::fabs(b);
+    if (ab >= 1.0 && ab <= 64.0 && ab == std::floor(ab)) {
+        unsigned n = static_cast<unsigned>(ab);
+        int e = static_cast<int>(ia >> 52) - 1023;
+        if (static_cast<int>(n) * (e < 0 ? 1 - e : e + 1) <= 960) {
+            DD y = powIntDD<Fma>(fromBits(ia), n);
+            if (b < 0)
+                y = reciprocalDD<Fma>(y);
+            bool negative = a < 0 && (n & 1);
+            return roundDD(y, (kPowlErrInt + 0x1p-90) * (1.0 + 0x1p-20), negative, out) ? kValue
+                                                                                        : kGuarded;
+        }
+    }
+    DD l = log2dd<Fma>(fromBits(ia));
     // P = b log2|a|: abs. error <= 2^-84 |P| (log) + 2^-104 |P| (product) <= 2^-83 |P|.
-    DD p = twoProd(b, l.h);
+    DD p = twoProd<Fma>(b, l.h);
     p = fastTwoSum(p.h, p.l + b * l.l);
     if (G == kLogGuard && b > 1.0 && a >= 1.0) {
         // powl(DBL_MAX, r), r = 1/b rounded, has log2 = r log2(DBL_MAX) + d with |d| <= 2^-60
@@ -246,7 +308,39 @@ inline Outcome fastPow(double a, double b, long double limit, double& out)
     bool negative = a < 0 && std::fabs(b) < 0x1p53 && (static_cast<int64_t>(b) & 1);
     double relErr = ((integral ? kPowlErrInt : kPowlErrFrac) + kModelErr +
                      kModelErrPerP * std::fabs(p.h)) * (1.0 + 0x1p-20);
-    return exp2Round(p, relErr, negative, out) ? kValue : kGuarded;
+    return exp2Round<Fma>(p, relErr, negative, out) ? kValue : kGuarded;
+}
+
+// The same compiled for fused multiply-add, chosen at run time where the processor has it. Both
+// give the same answers: the rounding test holds for either approximation.
+#if !defined(__FP_FAST_FMA) && defined(__x86_64__) && defined(__GNUC__)
+template <Guard G>
+[[gnu::target("fma"), gnu::flatten]] Outcome fastPowFma(double a, double b, long double limit,
+                                                        double& out)
+{
+    return fastPowWith<G, true>(a, b, limit, out);
+}
+
+inline bool haveFma()
+{
+    static const bool yes = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("fma") != 0;
+    }();
+    return yes;
+}
+#endif
+
+template <Guard G>
+inline Outcome fastPow(double a, double b, long double limit, double& out)
+{
+#if defined(__FP_FAST_FMA)
+    return fastPowWith<G, true>(a, b, limit, out);
+#elif defined(__x86_64__) && defined(__GNUC__)
+    return haveFma() ? fastPowFma<G>(a, b, limit, out) : fastPowWith<G, false>(a, b, limit, out);
+#else
+    return fastPowWith<G, false>(a, b, limit, out);
+#endif
 }
 
 }  // namespace pw
