@@ -10,7 +10,7 @@
 
 namespace {
 
-const int kLogBits = 8;  // 256 intervals of the mantissa
+const int kLogBits = 10;  // 1024 intervals of the mantissa
 const int kExpBits = 7;  // 128 steps of 2^(j/128)
 
 // x as hi + lo with |lo| <= ulp(hi)/2 (round to nearest twice).

@@ -30,12 +30,12 @@ constexpr double kPowlErrFrac = 0x1p-62;  // 4 * 2^-64
 constexpr double kPowlErrInt = 0x1p-60;   // 16 * 2^-64
 
 // Relative error of the double-double approximation Y of |a|^b (derived next to each step;
-// `power_check model` measured 2^-85 for log2 and 2^-78.2 overall for |P| < 1000):
-//   log2|a|      rel. <= 2^-84         -> P = b log2|a|: abs. <= 2^-83 |P|
+// `power_check model` measured 2^-72.5 for log2 and 2^-78.2 for exp2):
+//   log2|a|      rel. <= 2^-70         -> P = b log2|a|: abs. <= 2^-70 |P|
 //   2^P          rel. <= 2^-78 + ln2 * (abs. error of P)
-// so |Y - |a|^b| <= (2^-76 + 2^-80 |P|) |a|^b, with a factor of four to spare.
+// so |Y - |a|^b| <= (2^-76 + 2^-69 |P|) |a|^b, with a factor of two to four to spare.
 constexpr double kModelErr = 0x1p-76;
-constexpr double kModelErrPerP = 0x1p-80;
+constexpr double kModelErrPerP = 0x1p-69;
 
 // ---------------------------------------------------------------- double-double helpers
 
@@ -93,12 +93,13 @@ inline DD twoProd(double a, double b)
 
 // ---------------------------------------------------------------- log2
 
-// log2(x) for a positive normal x, as hi + lo with relative error <= 2^-84.
+// log2(x) for a positive normal x, as hi + lo with relative error <= 2^-70.
 template <bool Fma>
 inline DD log2dd(double x)
 {
+    const double nearOne = 1.0 / (1 << kLogBits);
     double r, k, lch, lcl;
-    if (std::fabs(x - 1.0) < 0x1p-8) {
+    if (std::fabs(x - 1.0) < nearOne) {
         // Near 1 the table would cancel against k: take r = x - 1 (exact by Sterbenz) so that
         // the relative error stays that of the series below even for b up to 2^60.
         r = x - 1.0;
@@ -109,39 +110,30 @@ inline DD log2dd(double x)
         k = static_cast<double>(static_cast<int>(ix >> 52) - 1023);
         const LogEntry& t = kLog[(ix >> (52 - kLogBits)) & ((1u << kLogBits) - 1)];
         double m = fromBits((ix & 0x000FFFFFFFFFFFFFULL) | 0x3FF0000000000000ULL);
-        // r = m * invc - 1 exactly: invc has 9 significant bits, so mh (44 bits) * invc and
-        // ml (9 bits) * invc are exact products, mh * invc - 1 is exact by Sterbenz, and the
-        // sum r is a multiple of 2^-61 below 2^-8, which a double holds.
-        double mh = fromBits(bitsOf(m) & ~0x1FFULL);
+        // r = m * invc - 1 exactly: invc has kLogBits + 1 = 11 significant bits, so mh (42
+        // bits) * invc and ml (11 bits) * invc are exact products, mh * invc - 1 is exact by
+        // Sterbenz, and the sum r is a multiple of 2^-63 of at most 2^-10, which a double holds.
+        double mh = fromBits(bitsOf(m) & ~((1ULL << (kLogBits + 1)) - 1));
         double ml = m - mh;
         r = (mh * t.invc - 1.0) + ml * t.invc;
         lch = t.logcHi;
         lcl = t.logcLo;
     }
-    // ln(1+r) = r - r^2/2 + r^3/3 - r^4/4 + r^5 * tail, |r| <= 2^-8. Every term up to r^4/4
-    // (2^-26 |r|) in double-double; the tail (degree 6, truncation r^12/12 < 2^-91 |r|) in
-    // double: it is below 2^-34 |r|, so its roundings cost at most 2^-85 |r|.
+    // ln(1+r) = r - r^2/2 + r^3 c(r), |r| <= 2^-10: r^2 exact in double-double, c to r^5/8
+    // (truncation r^9/9 < 2^-83 |r|). r^3 c(r) is below 2^-21.5 |r|: its roundings (relative
+    // 6 * 2^-53 at most) cost 2^-72 |r|, the two sums below another 2^-73 |r|.
     DD rr = twoProd<Fma>(r, r);
-    DD r3 = twoProd<Fma>(r, rr.h);
-    r3.l += r * rr.l;
-    DD t3 = twoProd<Fma>(r3.h, kThirdHi);
-    t3.l += r3.h * kThirdLo + r3.l * kThirdHi;
-    DD r4 = twoProd<Fma>(rr.h, rr.h);
-    r4.l += 2.0 * rr.h * rr.l;
-    double tail = 1.0 / 5 + r * (-1.0 / 6 + r * (1.0 / 7 + r * (-1.0 / 8 + r * (1.0 / 9 +
-                  r * (-1.0 / 10 + r * (1.0 / 11))))));
-    tail *= r4.h * r;
-    DD s1 = fastTwoSum(r, -0.5 * rr.h);    // |r| >= r^2/2 >= |r^3/3| >= r^4/4
-    DD s2 = fastTwoSum(s1.h, t3.h);
-    DD s3 = fastTwoSum(s2.h, -0.25 * r4.h);
-    // The low parts are below 2^-33 |r|: the roundings add at most 2^-84 |r|.
-    double lo = ((s1.l + s2.l) + (s3.l + t3.l) - (0.5 * rr.l + 0.25 * r4.l)) + tail;
-    // ln(1+r) = s3.h + lo with relative error <= 2^-83; times 1/ln2 in double-double (2^-102).
-    DD q = twoProd<Fma>(s3.h, kInvLn2Hi);
-    q.l += s3.h * kInvLn2Lo + lo * kInvLn2Hi;
-    // log2 x = k + log2(1/invc) + log2(1+r). Outside the near-1 case |log2 x| >= 2^-7.5, so the
-    // absolute errors (table 2^-106, series 2^-83 * 2^-7.5, sums 2^-104 |log2 x|) stay below
-    // 2^-84 |log2 x|.
+    double c = (1.0 / 3 - r * (1.0 / 4)) +
+               rr.h * ((1.0 / 5 - r * (1.0 / 6)) + rr.h * (1.0 / 7 - r * (1.0 / 8)));
+    double cubic = c * (r * rr.h);
+    DD s = fastTwoSum(r, -0.5 * rr.h);  // |r| >= r^2/2
+    double lo = (s.l - 0.5 * rr.l) + cubic;
+    // ln(1+r) = s.h + lo within 2^-71 relative; times 1/ln2 in double-double (2^-102).
+    DD q = twoProd<Fma>(s.h, kInvLn2Hi);
+    q.l += s.h * kInvLn2Lo + lo * kInvLn2Hi;
+    // log2 x = k + log2(1/invc) + log2(1+r). Outside the near-1 case |log2 x| >= log2(1 + 2^-10)
+    // >= |q|, so the series' error stays below 2^-71 |log2 x|; the table (2^-106) and the sums
+    // (2^-104 |log2 x|) add little: relative error <= 2^-70.
     DD a = fastTwoSum(k, lch);  // k is 0 or at least 1 in magnitude, |lch| <= 1
     DD b = twoSum(a.h, q.h);
     return fastTwoSum(b.h, ((a.l + lcl) + q.l) + b.l);
@@ -167,8 +159,8 @@ inline DD exp2dd(DD p, int& e)
     // part is below 2^-28: its double rounding costs at most 2^-79.
     DD uu = twoProd<Fma>(u.h, u.h);
     uu.l += 2.0 * u.h * u.l;
-    double cubic = 1.0 / 6 + u.h * (1.0 / 24 + u.h * (1.0 / 120 + u.h * (1.0 / 720 +
-                   u.h * (1.0 / 5040 + u.h * (1.0 / 40320)))));
+    double cubic = (1.0 / 6 + u.h * (1.0 / 24)) +
+                   uu.h * ((1.0 / 120 + u.h * (1.0 / 720)) + uu.h * (1.0 / 5040 + u.h * (1.0 / 40320)));
     cubic *= u.h * uu.h;
     DD e1 = fastTwoSum(1.0, u.h);
     DD e2 = fastTwoSum(e1.h, 0.5 * uu.h);
@@ -286,7 +278,7 @@ inline Outcome fastPowWith(double a, double b, long double limit, double& out)
         }
     }
     DD l = log2dd<Fma>(fromBits(ia));
-    // P = b log2|a|: abs. error <= 2^-84 |P| (log) + 2^-104 |P| (product) <= 2^-83 |P|.
+    // P = b log2|a|: abs. error <= 2^-70 |P| (log) + 2^-104 |P| (product).
     DD p = twoProd<Fma>(b, l.h);
     p = fastTwoSum(p.h, p.l + b * l.l);
     if (G == kLogGuard && b > 1.0 && a >= 1.0) {
