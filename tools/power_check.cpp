@@ -1,7 +1,8 @@
 // Long-run checks of the fast power kernel: differential against the powl rule, and the errors
 // of powl and of the kernel's double-double approximation against MPFR.
-//   power_check diff N [seed]   N random inputs: bits and error code of eval_OxHoch, powerOf
-//                               and powPlanned against the rule written out with powl
+//   power_check diff N [seed]   N random inputs: bits and error code of eval_OxHoch (and on
+//                               every eighth powerOf and powPlanned) against the rule
+//                               written out with powl
 //   power_check powl N          powl's worst relative error per input class
 //   power_check model N         the double-double approximation's worst relative error
 // Built with -DOXEL_BUILD_POWER_CHECK=ON (needs MPFR); see docs/performance.md.
@@ -133,11 +134,16 @@ int diff(long long n)
         int e0 = 0, e1 = 0, e2 = 0;
         double want = rule(a, b, e0);
         double got = oxk::eval_OxHoch(a, b, e1);
-        double planned = oxk::powPlanned(oxk::PowPlan(b), a, e2);
-        double bare = oxk::powerOf(a, b);
-        bool ok = doubleBits(want) == doubleBits(got) && e0 == e1 &&
-                  doubleBits(want) == doubleBits(planned) && e0 == e2 &&
-                  doubleBits(bare) == doubleBits(powlOnly(a, b));
+        bool ok = doubleBits(want) == doubleBits(got) && e0 == e1;
+        // A prepared exponent and the bare power on every eighth input: they cost three more
+        // powl calls each.
+        double planned = want, bare = 0.0;
+        if (i % 8 == 0) {
+            planned = oxk::powPlanned(oxk::PowPlan(b), a, e2);
+            bare = oxk::powerOf(a, b);
+            ok = ok && doubleBits(want) == doubleBits(planned) && e0 == e2 &&
+                 doubleBits(bare) == doubleBits(powlOnly(a, b));
+        }
         if ((i + 1) % 100000000 == 0) {
             std::printf("... %lld inputs, %lld mismatches\n", i + 1, bad);
             std::fflush(stdout);
