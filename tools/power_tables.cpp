@@ -61,7 +61,7 @@ int main()
     const double scale = std::ldexp(1.0, kLogBits + 1);
     std::printf("\n// {invc, -log2(invc) hi, lo} per mantissa interval.\n");
     std::printf("struct LogEntry {\n    double invc, logcHi, logcLo;\n};\n");
-    std::printf("constexpr LogEntry kLog[%d] = {\n", n);
+    std::printf("inline constexpr LogEntry kLog[%d] = {\n", n);
     for (int i = 0; i < n; ++i) {
         double c = 1.0 + (i + 0.5) / n;
         double invc = std::nearbyint(scale / c) / scale;
@@ -83,7 +83,7 @@ int main()
     const int m = 1 << kExpBits;
     std::printf("\n// {2^(j/%d) hi, lo}.\n", m);
     std::printf("struct ExpEntry {\n    double hi, lo;\n};\n");
-    std::printf("constexpr ExpEntry kExp2[%d] = {\n", m);
+    std::printf("inline constexpr ExpEntry kExp2[%d] = {\n", m);
     for (int j = 0; j < m; ++j) {
         mpfr_set_si(x, j, MPFR_RNDN);
         mpfr_div_si(x, x, m, MPFR_RNDN);

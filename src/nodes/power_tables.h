@@ -15,7 +15,7 @@ constexpr double kThirdHi = 0x1.5555555555555p-2, kThirdLo = 0x1.5555555555555p-
 struct LogEntry {
     double invc, logcHi, logcLo;
 };
-constexpr LogEntry kLog[1024] = {
+inline constexpr LogEntry kLog[1024] = {
     {0x1.ffcp-1, 0x1.716b8d86bc285p-11, 0x1.4d9a3ea651885p-65},
     {0x1.ff4p-1, 0x1.1533559e4de55p-9, 0x1.4e712033d0457p-65},
     {0x1.fecp-1, 0x1.ce3a151e9965bp-9, -0x1.f068238451bdep-64},
@@ -1046,7 +1046,7 @@ constexpr LogEntry kLog[1024] = {
 struct ExpEntry {
     double hi, lo;
 };
-constexpr ExpEntry kExp2[128] = {
+inline constexpr ExpEntry kExp2[128] = {
     {0x1p+0, 0x0p+0},
     {0x1.0163da9fb3335p+0, 0x1.b61299ab8cdb7p-54},
     {0x1.02c9a3e778061p+0, -0x1.19083535b085dp-56},
