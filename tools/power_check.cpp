@@ -234,6 +234,25 @@ int modelError(long long n)
     using namespace oxk::pw;
     mpfr_t z, y;
     mpfr_inits2(256, z, y, static_cast<mpfr_ptr>(nullptr));
+    // log2 alone: bases near 1 (the series without the table) and anywhere (bound 2^-70).
+    for (double width : {0x1p-10, 1e3}) {
+        double worstLog = 0;
+        for (long long i = 0; i < n; ++i) {
+            double x = width < 1 ? 1.0 + uniform(-width, width) : std::exp2(uniform(-1000, 1000));
+            if (x == 1.0)
+                continue;
+            DD l = log2dd<false>(x);
+            mpfr_set_d(z, x, MPFR_RNDN);
+            mpfr_log2(z, z, MPFR_RNDN);
+            mpfr_set_d(y, l.h, MPFR_RNDN);
+            mpfr_add_d(y, y, l.l, MPFR_RNDN);
+            mpfr_sub(y, y, z, MPFR_RNDN);
+            mpfr_div(y, y, z, MPFR_RNDN);
+            worstLog = std::fmax(worstLog, std::fabs(mpfr_get_d(y, MPFR_RNDN)));
+        }
+        std::printf("%-26s log2 max rel. error 2^%.1f (bound 2^-70)\n",
+                    width < 1 ? "log2 within 2^-10 of 1" : "log2 of 2^-1000..2^1000", std::log2(worstLog));
+    }
     for (int cls = 0; cls < 8; ++cls) {
         double worst = 0, worstPerP = 0;
         for (long long i = 0; i < n; ++i) {
