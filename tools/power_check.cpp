@@ -2,7 +2,7 @@
 // of powl and of the kernel's double-double approximation against MPFR.
 //   power_check diff N [seed]   N random inputs: bits and error code of eval_OxHoch (and on
 //                               every eighth powerOf and powPlanned) against the rule
-//                               written out with powl
+//                               written out with powl; the path without fused multiply-add too
 //   power_check powl N          powl's worst relative error per input class
 //   power_check model N         the double-double approximation's worst relative error
 // Built with -DOXEL_BUILD_POWER_CHECK=ON (needs MPFR); see docs/performance.md.
@@ -151,11 +151,15 @@ int diff(long long n)
         if (!ok && ++bad <= 20)
             std::printf("MISMATCH a=%a b=%a: rule %a (%d), eval %a (%d), planned %a (%d), bare %a\n",
                         a, b, want, e0, got, e1, planned, e2, bare);
-        // Which way the fast path went (the substituted exponent as eval_OxHoch uses it).
+        // Which way the fast path went (the substituted exponent as eval_OxHoch uses it), and
+        // the path without fused multiply-add, which processors without it take.
         double bs = a < 0 && b != std::ceil(b) ? std::ceil(b) : b;
         if (!(a == 0.0 && b < 0) && bs != 2.0) {
-            double r;
+            double r, plain;
             ++outcomes[oxk::pw::fastPow<oxk::pw::kLogGuard>(a, bs, 0.0L, r)];
+            if (oxk::pw::fastPowWith<oxk::pw::kLogGuard, false>(a, bs, 0.0L, plain) ==
+                    oxk::pw::kValue && doubleBits(plain) != doubleBits(want) && ++bad <= 20)
+                std::printf("MISMATCH without fma a=%a b=%a: rule %a, got %a\n", a, b, want, plain);
         }
     }
     long long decided = outcomes[0] + outcomes[1] + outcomes[2] + outcomes[3];
