@@ -61,7 +61,11 @@ struct Formula {
     const char* mu;  // muparser syntax, null when it has no equivalent
     const char* fp;  // fparser syntax, null when it has no equivalent
     Native native;
+    Native libm = nullptr;  // the C library alone (powers), null elsewhere
 };
+
+// The C library's pow on the same points: what a power costs without the powl rule.
+#define LIBM(body) NATIVE(return body;)
 
 const Formula kSuite[] = {
     {"add", "x + y", "x + y", "x+y", NATIVE(return eval_OxPlus(x, y, e);)},
@@ -73,10 +77,22 @@ const Formula kSuite[] = {
                                  return eval_OxDurch(m, d, e);)},
     {"modulo", "x % y + z", nullptr, "x%y+z",
      NATIVE(return eval_OxPlus(eval_OxModulo(x, y, e), z, e);)},
-    {"pow const 2", "pow(x, 2)", "x^2", "x^2", NATIVE(return eval_OxHoch(x, 2, e);)},
-    {"pow const 3.5", "pow(x, 3.5)", "x^3.5", "x^3.5", NATIVE(return eval_OxHoch(x, 3.5, e);)},
-    {"pow var", "pow(x, y)", "x^y", "x^y", NATIVE(return eval_OxHoch(x, y, e);)},
-    {"pow const base", "pow(2.5, x)", "2.5^x", "2.5^x", NATIVE(return eval_OxHoch(2.5, x, e);)},
+    {"pow const 2", "pow(x, 2)", "x^2", "x^2", NATIVE(return eval_OxHoch(x, 2, e);),
+     LIBM(std::pow(x, 2.0))},
+    {"pow const 3.5", "pow(x, 3.5)", "x^3.5", "x^3.5", NATIVE(return eval_OxHoch(x, 3.5, e);),
+     LIBM(std::pow(x, 3.5))},
+    {"pow var", "pow(x, y)", "x^y", "x^y", NATIVE(return eval_OxHoch(x, y, e);),
+     LIBM(std::pow(x, y))},
+    {"pow const base", "pow(2.5, x)", "2.5^x", "2.5^x", NATIVE(return eval_OxHoch(2.5, x, e);),
+     LIBM(std::pow(2.5, x))},
+    {"pow int 3", "pow(x, 3)", "x^3", "x^3", NATIVE(return eval_OxHoch(x, 3, e);),
+     LIBM(std::pow(x, 3.0))},
+    {"pow int -2", "pow(x, -2)", "x^(-2)", "x^(-2)", NATIVE(return eval_OxHoch(x, -2, e);),
+     LIBM(std::pow(x, -2.0))},
+    {"pow int 10", "pow(x, 10)", "x^10", "x^10", NATIVE(return eval_OxHoch(x, 10, e);),
+     LIBM(std::pow(x, 10.0))},
+    {"pow base 1.7", "pow(1.7, x)", "1.7^x", "1.7^x", NATIVE(return eval_OxHoch(1.7, x, e);),
+     LIBM(std::pow(1.7, x))},
     {"sqrt", "sqrt(x * x + y * y)", "sqrt(x * x + y * y)", "sqrt(x*x+y*y)",
      NATIVE(return eval_OxSqroot(eval_OxPlus(eval_OxMal(x, x, e), eval_OxMal(y, y, e), e), e);)},
     {"trig", "sin(x) * cos(y)", "sin(x) * cos(y)", "sin(x)*cos(y)",
@@ -245,16 +261,19 @@ void benchBatch(benchmark::State& st, int f)
     delete e;
 }
 
-void benchNative(benchmark::State& st, int f)
+void runNative(benchmark::State& st, Native fn)
 {
     std::vector<double> res(kPoints);
     std::vector<int> err(kPoints);
     for (auto _ : st) {
-        kSuite[f].native(rows().data(), kPoints, kStride, res.data(), err.data());
+        fn(rows().data(), kPoints, kStride, res.data(), err.data());
         benchmark::DoNotOptimize(res.data());
         benchmark::ClobberMemory();
     }
 }
+
+void benchNative(benchmark::State& st, int f) { runNative(st, kSuite[f].native); }
+void benchLibm(benchmark::State& st, int f) { runNative(st, kSuite[f].libm); }
 
 #ifdef OXEL_BENCH_MUPARSER
 // muparser reads its variables through pointers bound once; a host copies each point in.
@@ -364,7 +383,13 @@ public:
     }
 };
 
-std::string key(const char* kind, int f) { return std::string(kind) + "/" + std::to_string(f); }
+// kind/family with dashes for blanks, e.g. eval/pow-const-3.5: --benchmark_filter=pow works.
+std::string key(const char* kind, int f)
+{
+    std::string k = std::string(kind) + "/" + kSuite[f].family;
+    std::replace(k.begin(), k.end(), ' ', '-');
+    return k;
+}
 
 void registerAll()
 {
@@ -377,6 +402,8 @@ void registerAll()
         reg("eval", benchEval);
         reg("batch", benchBatch);
         reg("native", benchNative);
+        if (kSuite[f].libm)
+            reg("libm", benchLibm);
 #ifdef OXEL_BENCH_MUPARSER
         if (kSuite[f].mu) {
             reg("muparser", benchMu);
@@ -512,6 +539,25 @@ void printSummary()
     std::printf("\nmedians: eval/muparser %.2f, batch/muparser %.2f, batch/native %.2f, "
                 "eval/fparser %.2f\n",
                 median(evalMu), median(batchMu), median(batchNative), median(evalFp));
+    // Powers against the C library's pow on the same points (the power formulas only).
+    std::vector<double> evalLibm, batchLibm;
+    std::printf("\n| power formula | eval | batch | native | C pow | eval/pow | batch/pow |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|---:|\n");
+    for (int f = 0; f < kNumFormulas; ++f) {
+        double lm = perPoint("libm", f);
+        if (lm <= 0)
+            continue;
+        double ev = perPoint("eval", f), ba = perPoint("batch", f), na = perPoint("native", f);
+        if (ratio(ev, lm) > 0)
+            evalLibm.push_back(ratio(ev, lm));
+        if (ratio(ba, lm) > 0)
+            batchLibm.push_back(ratio(ba, lm));
+        std::printf("| %s | %s | %s | %s | %s | %s | %s |\n", kSuite[f].oxel, cell(ev).c_str(),
+                    cell(ba).c_str(), cell(na).c_str(), cell(lm).c_str(),
+                    cell(ratio(ev, lm), "%.2f").c_str(), cell(ratio(ba, lm), "%.2f").c_str());
+    }
+    std::printf("\npowers: median eval/pow %.2f, batch/pow %.2f\n", median(evalLibm),
+                median(batchLibm));
     std::printf("median parse %.0f ns (muparser %.0f ns), median d/dx+simplify %.0f ns\n",
                 median(parse), median(parseMu), median(diff));
 }

@@ -9,6 +9,8 @@
 
 #include <oxel/core.h>
 
+#include "power.h"
+
 namespace oxk {
 
 // A node records its own failure only when nothing failed before it.
@@ -169,38 +171,85 @@ inline double eval_OxModulo(double a, double b, int& err)
     return a - static_cast<double>(k) * b;
 }
 
-// powl costs hundreds of nanoseconds for a fractional exponent, and the overflow limit of a
-// power depends on the exponent alone: keep it for small integral exponents and for the last
-// exponent seen, so a power with a fixed exponent pays for powl once, not twice per call.
+// ---------------------------------------------------------------- powers
+//
+// The rule: powl(a, b) rounded to double, guarded for b > 1 by powl(DBL_MAX, 1/b) > a, and the
+// exponent 2 as the extended-precision product a * a (what glibc's powl computes for it).
+// powl costs hundreds of nanoseconds, so power.h computes the same bits in double-double where
+// it can prove them; the functions named ...Powl below are the rule itself, taken otherwise.
+
 inline long double powLimit(double b)
 {
-    struct Table {
-        long double v[33];
-        Table()
-        {
-            for (int i = 0; i < 33; ++i)
-                v[i] = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / i));
-        }
-    };
-    if (b >= 2.0 && b <= 32.0 && b == static_cast<double>(static_cast<int>(b))) {
-        static const Table table;
-        return table.v[static_cast<int>(b)];
-    }
-    static thread_local double lastB = 0.0;  // callers only ask for exponents above 1
-    static thread_local long double lastLimit = 0.0L;
-    if (b != lastB) {
-        lastLimit = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / b));
-        lastB = b;
-    }
-    return lastLimit;
+    return powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / b));
 }
 
-// glibc's powl squares in extended precision for the exponent 2, exactly this product.
+inline long double squareLimit()
+{
+    static const long double limit = powLimit(2.0);
+    return limit;
+}
+
+inline double squareOf(double a)
+{
+    return static_cast<double>(static_cast<long double>(a) * static_cast<long double>(a));
+}
+
+// Out of line: the fast path's callers stay small.
+[[gnu::noinline]] inline double powerOfPowl(double a, double b)
+{
+    if (b == 2.0)
+        return squareOf(a);
+    return static_cast<double>(powl(static_cast<long double>(a), static_cast<long double>(b)));
+}
+
+// The guard and the power by powl, after the negative-base substitution.
+[[gnu::noinline]] inline double powGuardedPowl(double a, double b, int& err)
+{
+    if (b > 1.0) {
+        if (powLimit(b) > a)
+            return powerOfPowl(a, b);
+        raise(err, OX_ERR_OVERFLOW);
+        return 1.0;
+    }
+    return powerOfPowl(a, b);
+}
+
+// (double)powl(a, b), or the extended square for b == 2, without the guard.
 inline double powerOf(double a, double b)
 {
     if (b == 2.0)
-        return static_cast<double>(static_cast<long double>(a) * static_cast<long double>(a));
-    return static_cast<double>(powl(static_cast<long double>(a), static_cast<long double>(b)));
+        return squareOf(a);
+    double r;
+    if (pw::fastPow<pw::kNoGuard>(a, b, 0.0L, r) == pw::kValue)
+        return r;
+    return powerOfPowl(a, b);
+}
+
+// The guard and the power after the negative-base substitution; limit is powl(DBL_MAX, 1/b)
+// when G says the caller holds it.
+template <pw::Guard G>
+inline double powGuarded(double a, double b, long double limit, int& err)
+{
+    if (b == 2.0) {
+        if ((G == pw::kKnownLimit ? limit : squareLimit()) > a)
+            return squareOf(a);
+        raise(err, OX_ERR_OVERFLOW);
+        return 1.0;
+    }
+    double r;
+    switch (pw::fastPow<G>(a, b, limit, r)) {
+    case pw::kValue:
+        return r;
+    case pw::kOverflow:
+        raise(err, OX_ERR_OVERFLOW);
+        return 1.0;
+    case pw::kGuarded:
+        return powerOfPowl(a, b);
+    case pw::kUnknown:
+        break;
+    }
+    // A known limit has been checked already.
+    return G == pw::kKnownLimit ? powerOfPowl(a, b) : powGuardedPowl(a, b, err);
 }
 
 inline double eval_OxHoch(double a, double b, int& err)
@@ -212,13 +261,34 @@ inline double eval_OxHoch(double a, double b, int& err)
         raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
-    if (b > 1.0) {
-        if (powLimit(b) > a)
-            return powerOf(a, b);
-        raise(err, OX_ERR_OVERFLOW);
-        return 1.0;
+    return powGuarded<pw::kLogGuard>(a, b, 0.0L, err);
+}
+
+// A power with an exponent known in advance: the exponent's ceiling (for negative bases) and
+// both overflow limits are prepared once; powPlanned gives the bits of eval_OxHoch(a, b, err).
+struct PowPlan {
+    double b, bc;
+    bool integral;
+    long double limB, limBc;
+
+    explicit PowPlan(double exponent)
+        : b(exponent), bc(std::ceil(exponent)), integral(!(exponent != bc)),
+          limB(powLimit(b)), limBc(powLimit(bc))
+    {
     }
-    return powerOf(a, b);
+};
+
+inline double powPlanned(const PowPlan& p, double a, int& err)
+{
+    if (a < 0 && !p.integral) {
+        raise(err, OX_ERR_RADICAND_NEGATIVE);
+        return powGuarded<pw::kKnownLimit>(a, p.bc, p.limBc, err);
+    }
+    if (a == 0.0 && p.b < 0) {
+        raise(err, OX_ERR_DIVISION_BY_ZERO);
+        return 0.0;
+    }
+    return powGuarded<pw::kKnownLimit>(a, p.b, p.limB, err);
 }
 
 // ---------------------------------------------------------------- bitwise and shifts
