@@ -44,8 +44,8 @@ OXEL_API double oxel_expr_eval(oxel_expr* expr, double* values, int* err);
 /** Evaluates @p n rows: row r holds its values at rows[r * stride] (stride >= num_vars).
  *  results[r] and errors[r] receive what oxel_expr_eval() gives for that row, bit for bit.
  *  Returns 0, or -1 on invalid arguments. */
-OXEL_API int oxel_expr_eval_batch(oxel_expr* expr, const double* rows, int n, int stride,
-                                  double* results, int* errors);
+OXEL_API int oxel_expr_eval_batch(
+    oxel_expr* expr, const double* rows, int n, int stride, double* results, int* errors);
 /** A new expression for the partial derivative by @p var (a variable or an alias), not
  *  simplified; NULL where none can be formed. Free it with oxel_expr_free(). */
 OXEL_API oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var);

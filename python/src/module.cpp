@@ -22,7 +22,7 @@ static_assert(sizeof(int) == sizeof(std::int32_t), "error codes are returned as 
 namespace {
 
 // oxel.ParseError, created when the module loads.
-struct ParseErrorTag {};
+struct ParseErrorTag { };
 py::handle parseErrorType;
 
 // The offset of a parse failure where the library reports one; None otherwise.
@@ -32,8 +32,7 @@ auto errorOffset(E& e, int) -> decltype(static_cast<long>(e.lastErrorOffset()), 
     long offset = static_cast<long>(e.lastErrorOffset());
     return offset < 0 ? py::object(py::none()) : py::object(py::int_(offset));
 }
-template <class E>
-py::object errorOffset(E&, long)
+template <class E> py::object errorOffset(E&, long)
 {
     return py::none();
 }
@@ -43,13 +42,15 @@ py::object errorOffset(E&, long)
 struct Recipe {
     std::string text;
     std::vector<std::string> variables;
-    std::vector<std::pair<std::string, std::string>> aliases;  // alias, variable
-    std::vector<std::pair<std::string, std::string>> steps;    // operation, argument
+    std::vector<std::pair<std::string, std::string>> aliases; // alias, variable
+    std::vector<std::pair<std::string, std::string>> steps; // operation, argument
 };
 
 class PyExpression {
 public:
-    explicit PyExpression(Recipe r) : recipe_(std::move(r)), expr_(new OxelExpression)
+    explicit PyExpression(Recipe r)
+        : recipe_(std::move(r))
+        , expr_(new OxelExpression)
     {
         for (const std::string& v : recipe_.variables)
             expr_->addVar(v.c_str());
@@ -66,21 +67,22 @@ public:
         for (const auto& s : recipe_.steps) {
             std::unique_ptr<OxelExpression> next(apply(s.first, s.second));
             if (!next)
-                throw std::runtime_error("oxel: cannot rebuild '" + s.first + "' of " + recipe_.text);
+                throw std::runtime_error(
+                    "oxel: cannot rebuild '" + s.first + "' of " + recipe_.text);
             expr_ = std::move(next);
         }
     }
 
     static PyExpression* create(const std::string& text, const std::vector<std::string>& variables,
-                                const py::object& aliases)
+        const py::object& aliases)
     {
         Recipe r;
         r.text = text;
         r.variables = variables;
         if (!aliases.is_none())
             for (auto item : py::cast<py::dict>(aliases))
-                r.aliases.emplace_back(py::cast<std::string>(item.first),
-                                       py::cast<std::string>(item.second));
+                r.aliases.emplace_back(
+                    py::cast<std::string>(item.first), py::cast<std::string>(item.second));
         return new PyExpression(std::move(r));
     }
 
@@ -97,7 +99,7 @@ public:
         Recipe r = recipe_;
         r.steps.emplace_back(op, arg);
         return py::cast(new PyExpression(std::move(r), std::move(made), declared_),
-                        py::return_value_policy::take_ownership);
+            py::return_value_policy::take_ownership);
     }
 
     // The declared variables in index order: the names eval() takes.
@@ -132,19 +134,19 @@ public:
             std::string name = py::cast<std::string>(item.first);
             int i = expr_->varIndex(name.c_str());
             if (i < 0 || i >= declared_)
-                throw py::type_error("eval() got a value for '" + name +
-                                     "', which is not a variable of this expression");
+                throw py::type_error("eval() got a value for '" + name
+                    + "', which is not a variable of this expression");
             if (given[static_cast<size_t>(i)])
-                throw py::type_error("eval() got two values for variable '" +
-                                     std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
+                throw py::type_error("eval() got two values for variable '"
+                    + std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
             given[static_cast<size_t>(i)] = py::reinterpret_borrow<py::object>(item.second);
         }
         bool arrays = false;
         py::module_ np = py::module_::import("numpy");
         for (int i = 0; i < declared_; ++i) {
             if (!given[static_cast<size_t>(i)])
-                throw py::type_error("eval() is missing a value for variable '" +
-                                     std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
+                throw py::type_error("eval() is missing a value for variable '"
+                    + std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
             if (py::cast<int>(np.attr("ndim")(given[static_cast<size_t>(i)])) > 0)
                 arrays = true;
         }
@@ -156,7 +158,9 @@ public:
 
 private:
     PyExpression(Recipe r, std::unique_ptr<OxelExpression> e, int declared)
-        : recipe_(std::move(r)), expr_(std::move(e)), declared_(declared)
+        : recipe_(std::move(r))
+        , expr_(std::move(e))
+        , declared_(declared)
     {
     }
 
@@ -178,7 +182,7 @@ private:
         double r;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            values.setLength(expr_->numVars());  // internal variables start at 0
+            values.setLength(expr_->numVars()); // internal variables start at 0
             for (int i = 0; i < declared_; ++i)
                 values[i] = py::cast<double>(given[static_cast<size_t>(i)]);
             r = expr_->eval(values, err);
@@ -226,27 +230,27 @@ private:
     Recipe recipe_;
     std::unique_ptr<OxelExpression> expr_;
     int declared_ = 0;
-    std::mutex mutex_;  // one thread at a time per expression, also while the lock is released
+    std::mutex mutex_; // one thread at a time per expression, also while the lock is released
 };
 
-}  // namespace
+} // namespace
 
 PYBIND11_MODULE(_oxel, m)
 {
     m.doc() = "liboxel formulas for Python: parse once, evaluate over scalars or numpy arrays";
 
     static py::exception<ParseErrorTag> parseError(m, "ParseError", PyExc_ValueError);
-    parseError.attr("__doc__") =
-        "The formula text does not parse. args[0] is the library's message, offset the "
-        "position of the failure in the text (None where the library does not report one) "
-        "and text the formula.";
-    parseError.attr("__module__") = "oxel";  // shown as oxel.ParseError
+    parseError.attr("__doc__")
+        = "The formula text does not parse. args[0] is the library's message, offset the "
+          "position of the failure in the text (None where the library does not report one) "
+          "and text the formula.";
+    parseError.attr("__module__") = "oxel"; // shown as oxel.ParseError
     parseError.attr("offset") = py::none();
     parseError.attr("text") = py::none();
     parseErrorType = parseError;
 
     m.def("error_message", &vOxError, "code"_a,
-          "Text of an evaluation error code ('Unknown' for codes the library does not know).");
+        "Text of an evaluation error code ('Unknown' for codes the library does not know).");
 
     py::class_<PyExpression> cls(m, "Expression", R"(A formula over named variables.
 
@@ -254,26 +258,32 @@ Expression(text, variables=[...], aliases={alias: variable}) parses text; a text
 not parse raises oxel.ParseError (a ValueError). eval(**values) evaluates it: Python numbers
 give (float, int), numpy arrays (broadcast with numbers) a float64 array of values and an
 int32 array of error codes (0 where evaluation succeeded).)");
-    cls.attr("__module__") = "oxel";  // pickles refer to oxel.Expression
+    cls.attr("__module__") = "oxel"; // pickles refer to oxel.Expression
     cls.def(py::init(&PyExpression::create), "text"_a, "variables"_a = std::vector<std::string>(),
-             "aliases"_a = py::none())
+           "aliases"_a = py::none())
         .def("eval", &PyExpression::eval,
-             "eval(**values) -> (value, error_code), element-wise over numpy arrays")
-        .def("derivative", [](PyExpression& e, const std::string& var) {
-                 return e.derive("derivative", var);
-             }, "var"_a, "Partial derivative by a variable or alias (not simplified); None where none exists.")
-        .def("simplified", [](PyExpression& e) { return e.derive("simplified", ""); },
-             "One simplification pass, as a new expression.")
-        .def("simplified_fully", [](PyExpression& e) { return e.derive("simplified_fully", ""); },
-             "Simplification repeated until the printed text stops changing.")
-        .def_property_readonly("variables", &PyExpression::variables,
-                               "The declared variables, in index order.")
+            "eval(**values) -> (value, error_code), element-wise over numpy arrays")
+        .def(
+            "derivative",
+            [](PyExpression& e, const std::string& var) { return e.derive("derivative", var); },
+            "var"_a,
+            "Partial derivative by a variable or alias (not simplified); None where none exists.")
+        .def(
+            "simplified", [](PyExpression& e) { return e.derive("simplified", ""); },
+            "One simplification pass, as a new expression.")
+        .def(
+            "simplified_fully", [](PyExpression& e) { return e.derive("simplified_fully", ""); },
+            "Simplification repeated until the printed text stops changing.")
+        .def_property_readonly(
+            "variables", &PyExpression::variables, "The declared variables, in index order.")
         .def_property_readonly("aliases", &PyExpression::aliases, "{alias: variable}")
-        .def_property_readonly("text", &PyExpression::text, "The text this expression was parsed from.")
+        .def_property_readonly(
+            "text", &PyExpression::text, "The text this expression was parsed from.")
         .def("__str__", &PyExpression::print)
-        .def("__repr__", [](PyExpression& e) {
-                 return "<oxel.Expression " + py::repr(py::str(e.print())).cast<std::string>() + ">";
-             })
+        .def("__repr__",
+            [](PyExpression& e) {
+                return "<oxel.Expression " + py::repr(py::str(e.print())).cast<std::string>() + ">";
+            })
         .def(py::pickle(
             [](const PyExpression& e) {
                 Recipe r = e.state();

@@ -10,16 +10,18 @@
 
 // Holds the expression by pointer: derivative() and simplified() hand out new heap objects.
 struct oxel_expr {
-    explicit oxel_expr(OxelExpression* e) : expr(e) {}
+    explicit oxel_expr(OxelExpression* e)
+        : expr(e)
+    {
+    }
     std::unique_ptr<OxelExpression> expr;
-    KxDArray<double> scratch;  // eval() takes a KxDArray; reused so evaluation does not allocate
+    KxDArray<double> scratch; // eval() takes a KxDArray; reused so evaluation does not allocate
 };
 
 namespace {
 
 // Runs f, answering any exception with the given failure value.
-template <class R, class F>
-R guarded(R failure, F f)
+template <class R, class F> R guarded(R failure, F f)
 {
     try {
         return f();
@@ -39,7 +41,7 @@ oxel_expr* adopt(OxelExpression* made)
     return h;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -114,8 +116,8 @@ double oxel_expr_eval(oxel_expr* expr, double* values, int* err)
     });
 }
 
-int oxel_expr_eval_batch(oxel_expr* expr, const double* rows, int n, int stride, double* results,
-                         int* errors)
+int oxel_expr_eval_batch(
+    oxel_expr* expr, const double* rows, int n, int stride, double* results, int* errors)
 {
     if (!expr || n < 0)
         return -1;
@@ -159,4 +161,4 @@ const char* oxel_error_message(int code)
     return vOxError(code);
 }
 
-}  // extern "C"
+} // extern "C"

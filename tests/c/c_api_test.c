@@ -8,12 +8,12 @@
 
 static int failures = 0;
 
-#define CHECK(cond)                                                        \
-    do {                                                                   \
-        if (!(cond)) {                                                     \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                    \
-        }                                                                  \
+#define CHECK(cond)                                                                                \
+    do {                                                                                           \
+        if (!(cond)) {                                                                             \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);               \
+            ++failures;                                                                            \
+        }                                                                                          \
     } while (0)
 
 static int same_bits(double a, double b)
@@ -23,22 +23,34 @@ static int same_bits(double a, double b)
 
 /* Formulas next to the same computation written in C; arithmetic and libm calls give the same
    bits both ways. */
-static double f_trig(double x, double y) { return sin(x) * y + 1; }
-static double f_ratio(double x, double y) { return x / y - y; }
-static double f_bell(double x, double y) { return exp(-x * x / 2) * y; }
-static double f_hypot(double x, double y) { return sqrt(x * x + y * y); }
+static double f_trig(double x, double y)
+{
+    return sin(x) * y + 1;
+}
+static double f_ratio(double x, double y)
+{
+    return x / y - y;
+}
+static double f_bell(double x, double y)
+{
+    return exp(-x * x / 2) * y;
+}
+static double f_hypot(double x, double y)
+{
+    return sqrt(x * x + y * y);
+}
 
 static const struct {
     const char* text;
     double (*native)(double, double);
 } formulas[] = {
-    {"sin(x)*y + 1", f_trig},
-    {"x/y - speed", f_ratio}, /* speed is an alias of y */
-    {"exp(-x*x/2)*y", f_bell},
-    {"sqrt(x*x + y*y)", f_hypot},
+    { "sin(x)*y + 1", f_trig },
+    { "x/y - speed", f_ratio }, /* speed is an alias of y */
+    { "exp(-x*x/2)*y", f_bell },
+    { "sqrt(x*x + y*y)", f_hypot },
 };
 
-static const double points[] = {0.0, 1.0, -1.0, 0.5, 2.5, -3.25, 1e-3, 7.0};
+static const double points[] = { 0.0, 1.0, -1.0, 0.5, 2.5, -3.25, 1e-3, 7.0 };
 #define NPOINTS ((int)(sizeof points / sizeof points[0]))
 
 static oxel_expr* make(const char* text)
@@ -74,9 +86,10 @@ static void test_eval_and_batch(void)
                 rows[n * 3 + 2] = 99.0;
                 codes[n] = 0;
                 alone[n] = oxel_expr_eval(e, v, &codes[n]);
-                if (codes[n] == 0 && !same_bits(alone[n], formulas[k].native(points[i], points[j]))) {
+                if (codes[n] == 0
+                    && !same_bits(alone[n], formulas[k].native(points[i], points[j]))) {
                     fprintf(stderr, "%s at (%g, %g): %.17g\n", formulas[k].text, points[i],
-                            points[j], alone[n]);
+                        points[j], alone[n]);
                     ++failures;
                 }
             }
@@ -92,7 +105,7 @@ static void test_eval_and_batch(void)
 static void test_codes_and_assignments(void)
 {
     oxel_expr* e = make("ln(x) + y");
-    double v[3] = {0.0, 1.0, 0.0};
+    double v[3] = { 0.0, 1.0, 0.0 };
     int err = 0;
     oxel_expr_eval(e, v, &err);
     CHECK(err == 11 && strcmp(oxel_error_message(err), "Illegal log argument") == 0);

@@ -8,7 +8,7 @@ int main(void)
 {
     oxel_expr* e = oxel_expr_new();
     oxel_expr* d;
-    double v[1] = {3.0};
+    double v[1] = { 3.0 };
     double value, slope;
     int err = 0;
     char* text;
