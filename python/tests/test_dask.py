@@ -27,7 +27,7 @@ def test_two_worker_processes_match_one_process_bit_for_bit():
     with dask.config.set({"distributed.comm.timeouts.connect": "180s",
                           "distributed.comm.timeouts.tcp": "180s"}):
         with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                      dashboard_address=None, timeout=180) as cluster, \
+                                      dashboard_address=None, death_timeout=180) as cluster, \
                 distributed.Client(cluster, timeout=180) as client:
             client.wait_for_workers(2, timeout=180)
             values, errors = oxel.dask.evaluate(expr, x=da.from_array(x, chunks=(100, 125)),

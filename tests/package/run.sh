@@ -15,7 +15,12 @@ esac
 rm -rf "$work"
 mkdir -p "$work"
 flags=""
+clibs=""
 [ -n "$sanitize" ] && flags="-fsanitize=$sanitize"
+# clang links C programs without the C++ parts of the sanitizer runtime the library needs.
+case "$sanitize:$cc" in
+?*:*clang*) clibs="-fsanitize-link-c++-runtime -lstdc++" ;;
+esac
 
 step() { echo "== $*"; }
 
@@ -41,6 +46,7 @@ step "find_package consumers (C++ and C)"
 cmake -S "$src" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" \
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
+    -DCMAKE_C_STANDARD_LIBRARIES="$clibs" \
     -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/cmake-consumer.log"
 cmake --build "$work/cmake-consumer" >>"$work/cmake-consumer.log"
 "$work/cmake-consumer/consumer"
@@ -56,7 +62,7 @@ pc --exists oxel
 "$cxx" -std=c++17 $flags $(pc --cflags oxel) "$src/consumer.cpp" -o "$work/pc-consumer" $(pc --libs oxel)
 # shellcheck disable=SC2046
 "$cc" -std=c99 -Wall -Wextra -pedantic -Werror $flags $(pc --cflags oxel) "$src/consumer.c" \
-    -o "$work/pc-consumer-c" $(pc --libs oxel)
+    -o "$work/pc-consumer-c" $(pc --libs oxel) $clibs
 LD_LIBRARY_PATH=$libdir "$work/pc-consumer"
 LD_LIBRARY_PATH=$libdir "$work/pc-consumer-c"
 
