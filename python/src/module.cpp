@@ -57,7 +57,8 @@ public:
         for (const auto& a : recipe_.aliases)
             expr_->addVarAlias(a.second.c_str(), a.first.c_str());
         if (!expr_->initFromString(recipe_.text.c_str())) {
-            py::object err = parseErrorType(std::string(expr_->lastError()));
+            std::string message = expr_->lastError();
+            py::object err = parseErrorType(message.empty() ? "the formula is empty" : message);
             err.attr("offset") = errorOffset(*expr_, 0);
             err.attr("text") = recipe_.text;
             PyErr_SetObject(parseErrorType.ptr(), err.ptr());
