@@ -8,6 +8,7 @@
 #   ./build.sh test --fuzz[=S]   also run every fuzz target for S seconds (default 30)
 #   ./build.sh test --ci         all of the above, and build (not run) the benchmark: what CI runs
 #   ./build.sh bench        build and run the benchmark against muparser and fparser
+#   ./build.sh bench-python run the Python module against numexpr and numpy (10^7 elements)
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -18,14 +19,14 @@ FUZZ_SECONDS=0
 BUILD_BENCH=0
 for arg in "$@"; do
     case "$arg" in
-    demo | test | bench) MODE=$arg ;;
+    demo | test | bench | bench-python) MODE=$arg ;;
     --sanitize) SANITIZE=1 ;;
     --tsan) TSAN=1 ;;
     --fuzz) FUZZ_SECONDS=30 ;;
     --fuzz=*) FUZZ_SECONDS=${arg#--fuzz=} ;;
     --ci) SANITIZE=1 TSAN=1 FUZZ_SECONDS=30 BUILD_BENCH=1 ;;
     -h | --help)
-        sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
+        sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
         ;;
     *)
@@ -52,6 +53,12 @@ need_packages() {
 }
 
 need_packages build-essential cmake flex bison libgtest-dev pkg-config
+# The Python module and its tests (numpy, Dask, pytest), all from Debian.
+need_packages python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-dask \
+    python3-distributed
+if [ "$MODE" = bench-python ]; then
+    need_packages python3-numexpr
+fi
 if [ "$SANITIZE$TSAN" != "00" ] || [ "$FUZZ_SECONDS" != 0 ]; then
     need_packages clang libclang-rt-14-dev
 fi
@@ -81,11 +88,11 @@ build_tree() {
 
 case "$MODE" in
 demo)
-    build_tree build
+    build_tree build -DOXEL_BUILD_PYTHON=ON
     ./tools/demo.sh build/oxel
     ;;
 test)
-    build_tree build
+    build_tree build -DOXEL_BUILD_PYTHON=ON
     ctest --test-dir build --output-on-failure -j "$JOBS"
     if [ "$SANITIZE" = 1 ]; then
         build_tree build-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
@@ -112,5 +119,9 @@ test)
 bench)
     build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_BENCH=ON -DOXEL_BUILD_TESTS=OFF
     ./build-bench/bench/oxel_bench
+    ;;
+bench-python)
+    build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_TESTS=OFF -DOXEL_BUILD_PYTHON=ON
+    PYTHONPATH=build-bench/python /usr/bin/python3 bench/python/bench_numexpr.py
     ;;
 esac

@@ -6,13 +6,13 @@
 
 #include <oxel/export.h>
 
-// Text of an evaluation error code; "Unknown" for codes outside the table.
+/// Text of an evaluation error code; "Unknown" for codes outside the table.
 OXEL_API const char* vOxError(int code);
 
-// Process-wide last error for hosts that want one; the library never touches it.
+/// Process-wide last error for hosts that want one; the library never touches it.
 extern OXEL_API int OxError;
 
-// Evaluation error codes that nodes raise.
+/// Evaluation error codes that nodes raise.
 enum OxErrorCode {
     OX_ERR_DIVISION_BY_ZERO = 8,
     OX_ERR_OVERFLOW = 9,
@@ -23,7 +23,7 @@ enum OxErrorCode {
     OX_ERR_ILLEGAL_ARGUMENT = 666
 };
 
-// An expression node. The order of the virtual functions is part of the design; keep it.
+/// An expression node. The order of the virtual functions is part of the design; keep it.
 class OXEL_API Oxel {
 public:
     Oxel() {}
@@ -47,11 +47,11 @@ public:
     virtual int operator==(Oxel& other);
     virtual Oxel* doSimplify();
 
-    // Constant sub-trees fold to one number; everything else goes to doSimplify().
+    /// Constant sub-trees fold to one number; everything else goes to doSimplify().
     Oxel* simplify();
 };
 
-// Node with one owned operand (one-argument functions and logical negation).
+/// Node with one owned operand (one-argument functions and logical negation).
 class OXEL_API OxUnary : public Oxel {
 public:
     explicit OxUnary(Oxel* operand);
@@ -66,7 +66,7 @@ protected:
     Oxel* arg_;
 };
 
-// Node with two owned operands: child 0 is the left, child 1 the right operand.
+/// Node with two owned operands: child 0 is the left, child 1 the right operand.
 class OXEL_API OxBinary : public Oxel {
 public:
     OxBinary(Oxel* left, Oxel* right);
@@ -80,20 +80,20 @@ protected:
     Oxel* right_;
 };
 
-// Bounded printing: the exact text of print(), in a buffer that is sized from the tree.
+/// Bounded printing: the exact text of print(), in a buffer that is sized from the tree.
 OXEL_API std::string oxelToString(Oxel* node);
 
-// Number of nodes and nesting depth of a tree, walked without recursion.
+/// Number of nodes and nesting depth of a tree, walked without recursion.
 OXEL_API long oxelNodeCount(Oxel* node);
 OXEL_API long oxelDepth(Oxel* node);
 
-// diff() with a size budget: rules that copy a derivative (expm1, atan2) double it per level of
-// nesting, so a short text can ask for more nodes than memory holds. Returns null when the
-// tree has no derivative or the derivative would need more than about two million nodes
-// (OxelExpression::derivative and diff() in formula text use it; Oxel::diff has no bound).
+/// diff() with a size budget: rules that copy a derivative (expm1, atan2) double it per level of
+/// nesting, so a short text can ask for more nodes than memory holds. Returns null when the
+/// tree has no derivative or the derivative would need more than about two million nodes
+/// (OxelExpression::derivative and diff() in formula text use it; Oxel::diff has no bound).
 OXEL_API Oxel* oxelDerivative(Oxel* tree, const char* var);
 
-// Destroys a tree of any depth without recursion (plain delete recurses once per level).
+/// Destroys a tree of any depth without recursion (plain delete recurses once per level).
 OXEL_API void oxelDestroy(Oxel* node);
 
 #endif

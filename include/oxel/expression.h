@@ -10,6 +10,8 @@
 class OxelProgram;
 class OxelPointProgram;
 
+/// One formula with its variables: declare names (addVar, addVarAlias), parse (initFromString),
+/// then evaluate (eval, evalBatch), differentiate (derivative) or simplify (simplified).
 class OXEL_API OxelExpression {
 public:
     OxelExpression();
@@ -17,7 +19,7 @@ public:
     OxelExpression(const OxelExpression&) = delete;
     OxelExpression& operator=(const OxelExpression&) = delete;
 
-    // Variable registry.
+    /// Declares a variable; returns its index in the value vector (-1 for a null or empty name).
     int addVar(const char* name);
     void addVarAlias(const char* varName, const char* alias);
     int varIndex(const char* name);
@@ -26,46 +28,49 @@ public:
     int numInternalVars();
     int isVarNeeded(const char* name) const;
 
-    // Parsing, evaluation and lifecycle.
+    /// Parses text: 1 on success; 0 otherwise, and the expression then evaluates to 0.
     int initFromString(const char* text);
+    /// Evaluates with values[i] for variable i (numVars() slots); failures set a zero err.
     double eval(KxDArray<double>& values, int& err);
     void setDefaultExpression();
     void clear();
     void copyVarNames(OxelExpression& other);
 
-    // The current tree, owned by this expression (never null). It is for reading: eval() and
-    // evalBatch() run a program compiled from it, so a host that wants another tree builds it
-    // and hands it over with setRoot().
+    /// The current tree, owned by this expression (never null). It is for reading: eval() and
+    /// evalBatch() run a program compiled from it, so a host that wants another tree builds it
+    /// and hands it over with setRoot().
     Oxel* root() const { return root_; }
-    // Replaces the tree (taking ownership; null installs the default expression) and
-    // recompiles. The tree may use the variable slots 0 .. numVars()-1.
+    /// Replaces the tree (taking ownership; null installs the default expression) and
+    /// recompiles. The tree may use the variable slots 0 .. numVars()-1.
     void setRoot(Oxel* tree);
-    // Why the last initFromString failed; empty after a success.
+    /// Why the last initFromString failed; empty after a success.
     const char* lastError() const { return lastError_.c_str(); }
-    // Where the last initFromString stopped: the byte offset in its text (counted from the start
-    // of the whole text, across ';' statements) of the token the parse failed at, or of the end
-    // of the text; -1 after a success. initFromString reads statements of any length whole.
+    /// Where the last initFromString stopped: the byte offset in its text (counted from the start
+    /// of the whole text, across ';' statements) of the token the parse failed at, or of the end
+    /// of the text; -1 after a success. initFromString reads statements of any length whole.
     int lastErrorOffset() const { return lastErrorOffset_; }
-    // The tree as formula text that reads back to the same values (oxelToFormula).
+    /// The tree as formula text that reads back to the same values (oxelToFormula).
     KxString toFormula() const;
 
-    // Derivatives and simplification return new expressions owned by the caller.
+    /// Derivative by a variable or alias, not simplified; null where none exists. The
+    /// derivative and the simplified copies below are new expressions owned by the caller.
     OxelExpression* derivative(const char* var);
+    /// One simplification pass.
     OxelExpression* simplified() const;
-    // Repeats the simplification pass until the printed text stops changing.
+    /// Repeats the simplification pass until the printed text stops changing.
     OxelExpression* simplifiedFully() const;
 
-    // Evaluates many points at once: row r holds its variable values at rows[r * stride]
-    // (stride >= numVars()); results[r] and errors[r] receive what eval() would give for that
-    // row, bit for bit, when the rows are evaluated in order (each error code starts at 0).
-    // The tree is compiled once into a flat program and kept until the expression changes.
-    // Large batches are split across worker threads (see oxelSetBatchThreads), except for
-    // formulas with random sources or dependent variables, which run in row order.
-    // Returns 0, or -1 when stride < numVars() or an argument is null.
+    /// Evaluates many points at once: row r holds its variable values at rows[r * stride]
+    /// (stride >= numVars()); results[r] and errors[r] receive what eval() would give for that
+    /// row, bit for bit, when the rows are evaluated in order (each error code starts at 0).
+    /// The tree is compiled once into a flat program and kept until the expression changes.
+    /// Large batches are split across worker threads (see oxelSetBatchThreads), except for
+    /// formulas with random sources or dependent variables, which run in row order.
+    /// Returns 0, or -1 when stride < numVars() or an argument is null.
     int evalBatch(const double* rows, int numRows, int stride, double* results, int* errors);
-    // The same with one array per variable: columns[i][r] is variable i in row r, for every
-    // i < numVars(); a null column reads as 0.0 (handy for internal variables). Returns 0, or
-    // -1 when columns, results or errors is null or numRows < 0.
+    /// The same with one array per variable: columns[i][r] is variable i in row r, for every
+    /// i < numVars(); a null column reads as 0.0 (handy for internal variables). Returns 0, or
+    /// -1 when columns, results or errors is null or numRows < 0.
     int evalBatchColumns(const double* const* columns, int numRows, double* results,
                          int* errors);
 
@@ -88,9 +93,9 @@ private:
     std::atomic<OxelProgram*> program_;
 };
 
-// Worker threads that evalBatch and evalBatchColumns may use for one large batch, process-wide
-// (the calling thread counts as one). 0 restores the default: the number of cores, at most 8;
-// 1 keeps every batch on the calling thread. Results are the same bits whatever the count.
+/// Worker threads that evalBatch and evalBatchColumns may use for one large batch, process-wide
+/// (the calling thread counts as one). 0 restores the default: the number of cores, at most 8;
+/// 1 keeps every batch on the calling thread. Results are the same bits whatever the count.
 OXEL_API void oxelSetBatchThreads(int n);
 OXEL_API int oxelBatchThreads();
 

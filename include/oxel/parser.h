@@ -8,31 +8,31 @@
 
 class OXEL_API OxConverter {
 public:
-    // Parses text (statements separated by ';', which are NUL-ed in place while each
-    // statement is parsed); returns the owned tree or null after printing the reason to stderr.
+    /// Parses text (statements separated by ';', which are NUL-ed in place while each
+    /// statement is parsed); returns the owned tree or null after printing the reason to stderr.
     static Oxel* strToOxel(const char* text, KxDArray<KxString>& varNames,
                            KxHashTable<KxString, KxString>* aliases, int numDepVars,
                            OxDepVarnode** depVars);
     static Oxel* strToOxel(const char* text, KxDArray<KxString>& varNames, int numDepVars,
                            OxDepVarnode** depVars);
 
-    // The message of the last failed parse in this process (empty after a success).
+    /// The message of the last failed parse in this process (empty after a success).
     static KxString lastError();
 };
 
-// The names that text reads or assigns (across all its statements), in order of first
-// appearance, without any of them being declared: what a host must declare or assign before
-// the text parses. Function names are not names; text inside braces is skipped. When
-// assignedFirst is given, it receives 1 for each name whose first appearance is the target of
-// an assignment ("t = ..."), 0 otherwise. Returns the number of names. The text is not changed,
-// nothing is printed, and the state that one parse leaves for the next is kept.
+/// The names that text reads or assigns (across all its statements), in order of first
+/// appearance, without any of them being declared: what a host must declare or assign before
+/// the text parses. Function names are not names; text inside braces is skipped. When
+/// assignedFirst is given, it receives 1 for each name whose first appearance is the target of
+/// an assignment ("t = ..."), 0 otherwise. Returns the number of names. The text is not changed,
+/// nothing is printed, and the state that one parse leaves for the next is kept.
 OXEL_API int oxelFormulaNames(const char* text, KxDArray<KxString>& names,
                               KxDArray<int>* assignedFirst = nullptr);
 
-// Serialises every parse in the process; lexer and parser state is global.
+/// Serialises every parse in the process; lexer and parser state is global.
 extern OXEL_API KxMutex strToOxelMutex;
 
-// Trees deeper than this are refused by the parser, so that recursive walks stay on the stack.
+/// Trees deeper than this are refused by the parser, so that recursive walks stay on the stack.
 const long OXEL_MAX_DEPTH = 10000;
 
 #endif

@@ -11,15 +11,15 @@
 
 #include <oxel/export.h>
 
-// The framework allocator; arrays and tables take their storage from here.
+/// The framework allocator; arrays and tables take their storage from here.
 OXEL_API void* kxmalloc(size_t size);
 OXEL_API void* kxrealloc(void* ptr, size_t size);
 OXEL_API void kxfree(void* ptr);
 
-// The in-house string hash: a NUL-terminated string to an unsigned 32-bit value (FNV-1a).
+/// The in-house string hash: a NUL-terminated string to an unsigned 32-bit value (FNV-1a).
 OXEL_API unsigned int hash(const char* text);
 
-// Owned, NUL-terminated character string; never null (empty string instead).
+/// Owned, NUL-terminated character string; never null (empty string instead).
 class OXEL_API KxString {
 public:
     KxString();
@@ -42,7 +42,7 @@ private:
     int len_;
 };
 
-// Growable array of T; grows to the larger of length+1 and 1.5*length.
+/// Growable array of T; grows to the larger of length+1 and 1.5*length.
 template <class T>
 class KxDArray {
 public:
@@ -71,7 +71,7 @@ public:
     T& operator[](int i) { return data_[i]; }
     const T& operator[](int i) const { return data_[i]; }
 
-    // New elements are value-initialised; dropped elements are destroyed.
+    /// New elements are value-initialised; dropped elements are destroyed.
     void setLength(int n)
     {
         if (n < 0)
@@ -97,7 +97,7 @@ public:
         ++len_;
     }
 
-    // Inserts v before position pos (0..length), moving later elements up.
+    /// Inserts v before position pos (0..length), moving later elements up.
     void insert(int pos, const T& v)
     {
         if (pos < 0 || pos > len_)
@@ -140,7 +140,7 @@ private:
     int cap_;
 };
 
-// Mutex of the host's threading library; the flag asks for a recursive mutex.
+/// Mutex of the host's threading library; the flag asks for a recursive mutex.
 class OXEL_API KxMutex {
 public:
     explicit KxMutex(bool recursive);
@@ -158,7 +158,7 @@ private:
 template <class K, class V>
 class KxHashTableIterator;
 
-// Chained hash table with a power-of-two bucket count; the first two buckets live inline.
+/// Chained hash table with a power-of-two bucket count; the first two buckets live inline.
 template <class K, class V>
 class KxHashTable {
     friend class KxHashTableIterator<K, V>;
@@ -197,7 +197,7 @@ public:
         return add(key, defaultValue_)->value;
     }
 
-    // 1 when a new entry was added, 0 when an existing value was replaced.
+    /// 1 when a new entry was added, 0 when an existing value was replaced.
     int insert(const K& key, const V& value)
     {
         if (V* v = lookup(key)) {
@@ -230,7 +230,7 @@ public:
         }
     }
 
-    // No self-assignment guard: callers never assign a table to itself.
+    /// No self-assignment guard: callers never assign a table to itself.
     KxHashTable& operator=(const KxHashTable& other);
 
     int count() const { return count_; }
@@ -298,7 +298,7 @@ private:
     V defaultValue_;
 };
 
-// Walks all entries; after delivering the last one it resets itself to the start.
+/// Walks all entries; after delivering the last one it resets itself to the start.
 template <class K, class V>
 class KxHashTableIterator {
 public:

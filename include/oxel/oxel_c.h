@@ -1,0 +1,66 @@
+/* Plain C interface to liboxel: an opaque expression handle and functions on it. */
+#ifndef OXEL_OXEL_C_H
+#define OXEL_OXEL_C_H
+
+#include <oxel/export.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * @file oxel_c.h
+ * C99 interface to liboxel for hosts written in C or any language with a C foreign-function
+ * interface. Every function accepts a null handle and answers it with its failure value; no
+ * C++ exception ever leaves these functions. One handle must not be used from two threads at
+ * once; different handles may.
+ */
+
+/** Opaque handle of one formula with its variable names and aliases. */
+typedef struct oxel_expr oxel_expr;
+
+/** A new expression with no variables that evaluates to 0; NULL when memory runs out. */
+OXEL_API oxel_expr* oxel_expr_new(void);
+/** Destroys an expression; NULL is ignored. */
+OXEL_API void oxel_expr_free(oxel_expr* expr);
+/** Declares a variable and returns its index in the value vector (the existing index when the
+ *  name or an alias of it is already declared); -1 for a NULL or empty name. */
+OXEL_API int oxel_expr_add_var(oxel_expr* expr, const char* name);
+/** Lets formula text write @p alias for the variable @p var. Returns 0, or -1 on failure. */
+OXEL_API int oxel_expr_add_alias(oxel_expr* expr, const char* var, const char* alias);
+/** Parses formula text: 1 on success, 0 otherwise (the expression then evaluates to 0 and
+ *  oxel_expr_error() tells why). The text is not modified. */
+OXEL_API int oxel_expr_parse(oxel_expr* expr, const char* text);
+/** The message of the last failed parse; "" after a success. Owned by the expression and valid
+ *  until the next parse or oxel_expr_free(). */
+OXEL_API const char* oxel_expr_error(const oxel_expr* expr);
+/** Number of slots the value vector needs: declared variables first, then the variables that
+ *  the formula assigns. Changes with every successful parse. */
+OXEL_API int oxel_expr_num_vars(const oxel_expr* expr);
+/** Evaluates with @p values (oxel_expr_num_vars() doubles, indexed by variable index; assigned
+ *  variables receive their results there). A failure stores its code in @p *err if that is
+ *  still 0; set it to 0 first. @p err may be NULL. */
+OXEL_API double oxel_expr_eval(oxel_expr* expr, double* values, int* err);
+/** Evaluates @p n rows: row r holds its values at rows[r * stride] (stride >= num_vars).
+ *  results[r] and errors[r] receive what oxel_expr_eval() gives for that row, bit for bit.
+ *  Returns 0, or -1 on invalid arguments. */
+OXEL_API int oxel_expr_eval_batch(
+    oxel_expr* expr, const double* rows, int n, int stride, double* results, int* errors);
+/** A new expression for the partial derivative by @p var (a variable or an alias), not
+ *  simplified; NULL where none can be formed. Free it with oxel_expr_free(). */
+OXEL_API oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var);
+/** A new, simplified expression with the same variables; free it with oxel_expr_free(). */
+OXEL_API oxel_expr* oxel_expr_simplified(const oxel_expr* expr);
+/** The library's printed form of the expression's tree, a malloc()ed string to release with
+ *  oxel_free(); NULL on failure. */
+OXEL_API char* oxel_expr_print(const oxel_expr* expr);
+/** Releases memory handed out by this interface (oxel_expr_print()). */
+OXEL_API void oxel_free(void* p);
+/** Text of an evaluation error code ("Unknown" for codes the library does not know). */
+OXEL_API const char* oxel_error_message(int code);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

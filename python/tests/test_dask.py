@@ -1,0 +1,52 @@
+"""oxel over dask arrays on a LocalCluster of two worker processes, against one process."""
+import numpy as np
+import pytest
+
+import oxel
+
+da = pytest.importorskip("dask.array")
+distributed = pytest.importorskip("dask.distributed")
+import dask  # noqa: E402  (after the skip checks)
+import oxel.dask  # noqa: E402
+
+# distributed 2022.12 on this tornado warns about its own event-loop use.
+pytestmark = pytest.mark.filterwarnings("ignore::DeprecationWarning")
+
+
+def test_two_worker_processes_match_one_process_bit_for_bit():
+    # Derived expressions travel too: the worker rebuilds text, aliases and the derivative.
+    expr = oxel.Expression("ln(x)*sqrt(speed) + x/(y - 1) + exp(x)", variables=["x", "y"],
+                           aliases={"speed": "y"}).derivative("x")
+    rng = np.random.default_rng(7)
+    x = rng.uniform(-2, 800, size=(400, 250))  # negative logs, overflowing exps
+    y = np.round(rng.uniform(-3, 3, size=250), 1)  # y == 1 divides by zero
+    want_values, want_errors = expr.eval(x=x, y=y)
+    assert want_errors.any() and not want_errors.all()
+
+    # A loaded two-core machine starts worker processes slowly: generous timeouts throughout.
+    with dask.config.set({"distributed.comm.timeouts.connect": "180s",
+                          "distributed.comm.timeouts.tcp": "180s"}):
+        with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                      dashboard_address=None, death_timeout=180) as cluster, \
+                distributed.Client(cluster, timeout=180) as client:
+            client.wait_for_workers(2, timeout=180)
+            values, errors = oxel.dask.evaluate(expr, x=da.from_array(x, chunks=(100, 125)),
+                                                y=da.from_array(y, chunks=125))
+            got_values, got_errors = client.compute([values, errors], sync=False)
+            got_values, got_errors = got_values.result(timeout=600), got_errors.result(timeout=600)
+            pids = client.run(lambda: __import__("os").getpid())
+    assert len(set(pids.values())) == 2
+    assert got_values.dtype == np.float64 and got_errors.dtype == np.int32
+    assert np.array_equal(got_values.view(np.uint64), want_values.view(np.uint64))
+    assert np.array_equal(got_errors, want_errors)
+
+
+def test_scalars_and_local_scheduler():
+    expr = oxel.Expression("x*y + 1", variables=["x", "y"])
+    x = np.linspace(0, 1, 1000)
+    values, errors = oxel.dask.evaluate(expr, x=da.from_array(x, chunks=300), y=2.0)
+    got = dask.compute(values, errors, scheduler="threads")
+    want = expr.eval(x=x, y=2.0)
+    assert np.array_equal(got[0], want[0]) and np.array_equal(got[1], want[1])
+    with pytest.raises(TypeError):
+        oxel.dask.evaluate(expr, x=1.0, y=2.0)

@@ -1,0 +1,164 @@
+// The C interface: thin wrappers around OxelExpression that catch every exception.
+#include <oxel/oxel_c.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <oxel/oxel.h>
+
+// Holds the expression by pointer: derivative() and simplified() hand out new heap objects.
+struct oxel_expr {
+    explicit oxel_expr(OxelExpression* e)
+        : expr(e)
+    {
+    }
+    std::unique_ptr<OxelExpression> expr;
+    KxDArray<double> scratch; // eval() takes a KxDArray; reused so evaluation does not allocate
+};
+
+namespace {
+
+// Runs f, answering any exception with the given failure value.
+template <class R, class F> R guarded(R failure, F f)
+{
+    try {
+        return f();
+    } catch (...) {
+        return failure;
+    }
+}
+
+// Wraps an expression the library made; it is released if the handle cannot be allocated.
+oxel_expr* adopt(OxelExpression* made)
+{
+    std::unique_ptr<OxelExpression> owned(made);
+    if (!owned)
+        return nullptr;
+    oxel_expr* h = new oxel_expr(owned.get());
+    owned.release();
+    return h;
+}
+
+} // namespace
+
+extern "C" {
+
+oxel_expr* oxel_expr_new(void)
+{
+    return guarded<oxel_expr*>(nullptr, [] { return adopt(new OxelExpression); });
+}
+
+void oxel_expr_free(oxel_expr* expr)
+{
+    guarded(0, [expr] {
+        delete expr;
+        return 0;
+    });
+}
+
+int oxel_expr_add_var(oxel_expr* expr, const char* name)
+{
+    if (!expr)
+        return -1;
+    return guarded(-1, [expr, name] { return expr->expr->addVar(name); });
+}
+
+int oxel_expr_add_alias(oxel_expr* expr, const char* var, const char* alias)
+{
+    if (!expr)
+        return -1;
+    return guarded(-1, [expr, var, alias] {
+        expr->expr->addVarAlias(var, alias);
+        return 0;
+    });
+}
+
+int oxel_expr_parse(oxel_expr* expr, const char* text)
+{
+    if (!expr)
+        return 0;
+    return guarded(0, [expr, text] { return expr->expr->initFromString(text); });
+}
+
+const char* oxel_expr_error(const oxel_expr* expr)
+{
+    if (!expr)
+        return "";
+    return expr->expr->lastError();
+}
+
+int oxel_expr_num_vars(const oxel_expr* expr)
+{
+    if (!expr)
+        return 0;
+    return expr->expr->numVars();
+}
+
+double oxel_expr_eval(oxel_expr* expr, double* values, int* err)
+{
+    if (!expr)
+        return 0.0;
+    return guarded(0.0, [expr, values, err] {
+        const int n = expr->expr->numVars();
+        if (n > 0 && !values)
+            return 0.0;
+        KxDArray<double>& v = expr->scratch;
+        v.setLength(n);
+        if (n > 0)
+            std::memcpy(v.data(), values, sizeof(double) * static_cast<size_t>(n));
+        int local = 0;
+        double r = expr->expr->eval(v, err ? *err : local);
+        if (n > 0)
+            std::memcpy(values, v.data(), sizeof(double) * static_cast<size_t>(n));
+        return r;
+    });
+}
+
+int oxel_expr_eval_batch(
+    oxel_expr* expr, const double* rows, int n, int stride, double* results, int* errors)
+{
+    if (!expr || n < 0)
+        return -1;
+    return guarded(-1, [=] { return expr->expr->evalBatch(rows, n, stride, results, errors); });
+}
+
+oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var)
+{
+    if (!expr || !var)
+        return nullptr;
+    return guarded<oxel_expr*>(nullptr, [expr, var] { return adopt(expr->expr->derivative(var)); });
+}
+
+oxel_expr* oxel_expr_simplified(const oxel_expr* expr)
+{
+    if (!expr)
+        return nullptr;
+    return guarded<oxel_expr*>(nullptr, [expr] { return adopt(expr->expr->simplified()); });
+}
+
+char* oxel_expr_print(const oxel_expr* expr)
+{
+    if (!expr)
+        return nullptr;
+    return guarded<char*>(nullptr, [expr] {
+        std::string s = oxelToString(expr->expr->root());
+        char* out = static_cast<char*>(std::malloc(s.size() + 1));
+        if (out)
+            std::memcpy(out, s.c_str(), s.size() + 1);
+        return out;
+    });
+}
+
+void oxel_free(void* p)
+{
+    std::free(p);
+}
+
+const char* oxel_error_message(int code)
+{
+    return vOxError(code);
+}
+
+} // extern "C"
