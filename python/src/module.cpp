@@ -181,13 +181,10 @@ private:
         KxDArray<double> values;
         int err = 0;
         double r;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            values.setLength(expr_->numVars()); // internal variables start at 0
-            for (int i = 0; i < declared_; ++i)
-                values[i] = py::cast<double>(given[static_cast<size_t>(i)]);
-            r = expr_->eval(values, err);
-        }
+        values.setLength(expr_->numVars()); // internal variables start at 0
+        for (int i = 0; i < declared_; ++i)
+            values[i] = py::cast<double>(given[static_cast<size_t>(i)]);
+        r = expr_->eval(values, err);
         return py::make_tuple(r, err);
     }
 
@@ -210,8 +207,8 @@ private:
         int* codes = reinterpret_cast<int*>(errors.mutable_data());
         int status = 0;
         {
+            // Evaluation needs no lock: the library lets threads share an expression.
             py::gil_scoped_release released;
-            std::lock_guard<std::mutex> lock(mutex_);
             // Internal variables get null columns, which read as 0.
             std::vector<const double*> cols(static_cast<size_t>(expr_->numVars()), nullptr);
             std::fill(codes, codes + total, 0);
@@ -231,7 +228,7 @@ private:
     Recipe recipe_;
     std::unique_ptr<OxelExpression> expr_;
     int declared_ = 0;
-    std::mutex mutex_; // one thread at a time per expression, also while the lock is released
+    std::mutex mutex_; // derivatives and printing format number nodes: one thread at a time
 };
 
 } // namespace

@@ -94,39 +94,16 @@ void vecLoop(const Insn& in, const Frame& f)
     }
 }
 
+// A power with a constant exponent: its limits were prepared with the program.
 template <bool Raise>
 void powConstLoop(const Insn& in, const Frame& f)
 {
     const double* __restrict a = f.cols[in.a];
     double* __restrict r = f.cols[in.out];
     ErrSink<Raise> e{f.err};
-    const PowConst& p = in.pow;
-    for (int i = 0; i < f.n; ++i) {
-        double x = a[i];
-        double b = p.b;
-        bool above1 = p.bAbove1;
-        long double limit = p.limB;
-        if (x < 0 && !p.bIntegral) {
-            oxk::raise(e.at(i), OX_ERR_RADICAND_NEGATIVE);
-            b = p.bc;
-            above1 = p.bcAbove1;
-            limit = p.limBc;
-        } else if (x == 0.0 && b < 0) {
-            oxk::raise(e.at(i), OX_ERR_DIVISION_BY_ZERO);
-            r[i] = 0.0;
-            continue;
-        }
-        if (above1) {
-            if (limit > x) {
-                r[i] = oxk::powerOf(x, b);
-            } else {
-                oxk::raise(e.at(i), OX_ERR_OVERFLOW);
-                r[i] = 1.0;
-            }
-            continue;
-        }
-        r[i] = oxk::powerOf(x, b);
-    }
+    const oxk::PowPlan& plan = *in.plan;
+    for (int i = 0; i < f.n; ++i)
+        r[i] = oxk::powPlanned(plan, a[i], e.at(i));
 }
 
 // A constant sub-expression failed: every row fails there.
@@ -183,19 +160,6 @@ Runner selectRunner(const oxp::Step& s)
         return s.raises ? &powConstLoop<true> : &powConstLoop<false>;
     const int shape = oxk::row(s.kind).un ? 0 : (aConst ? 2 : (bConst ? 1 : 0));
     return kRunners[static_cast<size_t>(s.kind)].r[s.raises][shape];
-}
-
-PowConst powConst(double b)
-{
-    PowConst p;
-    p.b = b;
-    p.bc = std::ceil(b);
-    p.bIntegral = !(b != p.bc);
-    p.bAbove1 = b > 1.0;
-    p.bcAbove1 = p.bc > 1.0;
-    p.limB = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / p.b));
-    p.limBc = powl(static_cast<long double>(DBL_MAX), static_cast<long double>(1.0 / p.bc));
-    return p;
 }
 
 }  // namespace oxb

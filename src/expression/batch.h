@@ -3,6 +3,7 @@
 #ifndef OXEL_EXPRESSION_BATCH_H
 #define OXEL_EXPRESSION_BATCH_H
 
+#include <deque>
 #include <vector>
 
 #include "expression/program.h"
@@ -20,15 +21,6 @@ struct Frame {
 struct Insn;
 using Runner = void (*)(const Insn&, const Frame&);
 
-// OxHoch with a constant exponent: the guard limits depend only on the exponent, so they are
-// computed once, with the very expressions the kernel uses.
-struct PowConst {
-    double b, bc;            // exponent, and the exponent rounded up for negative bases
-    bool bIntegral;          // b == ceil(b)
-    bool bAbove1, bcAbove1;  // b > 1, ceil(b) > 1
-    long double limB, limBc;
-};
-
 struct Insn {
     Runner run;
     int out;  // column written
@@ -37,12 +29,11 @@ struct Insn {
     double ka;
     double kb;
     int code;  // error code of a raise
-    PowConst pow;
+    const oxk::PowPlan* plan;  // a power with the constant exponent kb
 };
 
 // The loop for a step: operands are columns or constants (not both constants).
 Runner selectRunner(const oxp::Step& s);
-PowConst powConst(double b);
 
 }  // namespace oxb
 
@@ -58,6 +49,7 @@ public:
     int resultColumn = -1;        // column holding the value, or -1 for resultConst
     double resultConst = 0.0;
     bool resultInResults = false;  // the result column is the caller's results array
+    std::deque<oxk::PowPlan> plans;  // of the powers with a constant exponent (stable addresses)
 };
 
 // Instruction selection and column allocation for a lowered tree.

@@ -51,8 +51,10 @@ void buildColumns(OxelProgram& p, const oxp::Lowered& l)
         in.b = virtualOperand(s.b);
         in.ka = s.a.k;
         in.kb = s.b.k;
-        if (s.kind == oxk::Kind::OxHoch && s.b.mode == oxp::Operand::Const)
-            in.pow = oxb::powConst(s.b.k);
+        if (s.kind == oxk::Kind::OxHoch && s.b.mode == oxp::Operand::Const) {
+            p.plans.emplace_back(s.b.k);
+            in.plan = &p.plans.back();
+        }
         if (in.a >= 0)
             lastUse[static_cast<size_t>(in.a)] = i;
         if (in.b >= 0)

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 
 #include <oxel/nodes.h>
 
@@ -64,7 +65,11 @@ const uint8_t kAcc = 3;
 #define OXP_ENUM_FUSED(P, S, A, B, C) Op_##P##S##_##A##B##C,
 
 enum Op : uint16_t {
-    OXP_HOT(OXP_ENUM) OXP_UNARY_KINDS(OXP_ENUM_UNARY) OXP_FUSED(OXP_ENUM_FUSED) OpBinary,
+    OXP_HOT(OXP_ENUM) OXP_UNARY_KINDS(OXP_ENUM_UNARY) OXP_FUSED(OXP_ENUM_FUSED) Op_Pow_R,
+    Op_Pow_V,
+    Op_Pow_K,
+    Op_Pow_A,
+    OpBinary,
     OpRaise,
     OpMove,
     OpStore,
@@ -88,6 +93,7 @@ struct Insn {
     union {
         oxk::UnFn un;
         oxk::BinFn bin;
+        const oxk::PowPlan* plan;  // a power with the constant exponent kb
     };
 };
 
@@ -130,6 +136,7 @@ inline double fetch(uint8_t mode, int32_t i, double k, double acc, const double*
 class OxelPointProgram {
 public:
     std::vector<Insn> code;
+    std::deque<oxk::PowPlan> plans;  // stable addresses for the instructions
     bool overwrites = false;
 };
 
@@ -241,10 +248,15 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         else
             in.bin = row.bin;
         const int base = hotBase(s.kind);
-        if (base < 0)
+        if (s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const) {
+            p.plans.emplace_back(s.b.k);
+            in.plan = &p.plans.back();
+            in.op = static_cast<uint16_t>(Op_Pow_R + in.ma);
+        } else if (base < 0) {
             in.op = OpBinary;
-        else
+        } else {
             in.op = static_cast<uint16_t>(row.un ? base + in.ma : base + 4 * in.ma + in.mb);
+        }
         previous = i;
         // Operands die before the result takes a register: an instruction may overwrite its
         // own operand, since it reads both before it writes.
@@ -331,7 +343,8 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 #define OXP_LABELS_UNARY(Cls, ...) OXP_UNARY_MODES(OXP_LABEL_UNARY_MODE, Cls)
 #define OXP_LABEL_FUSED(P, S, A, B, C) &&L_##P##S##_##A##B##C,
     static const void* const labels[] = {OXP_HOT(OXP_LABELS) OXP_UNARY_KINDS(OXP_LABELS_UNARY)
-                                             OXP_FUSED(OXP_LABEL_FUSED) &&L_binary,
+                                             OXP_FUSED(OXP_LABEL_FUSED) &&L_pow_R,
+                                         &&L_pow_V, &&L_pow_K, &&L_pow_A, &&L_binary,
                                          &&L_raise, &&L_move, &&L_store, &&L_return};
 #undef OXP_LABEL_FUSED
 #undef OXP_LABELS_UNARY
@@ -372,6 +385,15 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     OXP_HOT(OXP_HANDLERS)
     OXP_UNARY_KINDS(OXP_UNARY_HANDLERS)
     OXP_FUSED(OXP_FUSED_HANDLER)
+#define OXP_POW_HANDLER(A)                                       \
+    L_pow_##A : acc = oxk::powPlanned(*in->plan, OXP_##A(a), code); \
+    r[in->out] = acc;                                            \
+    OXP_NEXT;
+    OXP_POW_HANDLER(R)
+    OXP_POW_HANDLER(V)
+    OXP_POW_HANDLER(K)
+    OXP_POW_HANDLER(A)
+#undef OXP_POW_HANDLER
 L_binary:
     acc = in->bin(OXP_FETCH(ma, a), OXP_FETCH(mb, b), code);
     r[in->out] = acc;
