@@ -167,6 +167,13 @@ TEST(ExpressionBatch, ArgumentsAndNewText)
     EXPECT_EQ(-1, e.evalBatchColumns(nullptr, 2, results, errors));
     ASSERT_EQ(0, e.evalBatchColumns(cols, 2, results, errors));
     EXPECT_EQ(4.0 / 2.0, results[1]);
+    // Zeroed error codes promised: only failing rows are written (the 7 shows "not written").
+    const double zero[] = {0, 2};
+    const double* cols2[] = {zero, rows};
+    int marked[2] = {0, 7};
+    ASSERT_EQ(0, e.evalBatchColumns(cols2, 2, results, marked, true));
+    EXPECT_EQ(OX_ERR_DIVISION_BY_ZERO, marked[0]);  // b / a with a = 0: the row that fails
+    EXPECT_EQ(7, marked[1]);
 }
 
 // eval() never reads past a short vector: it reports "Illegal argument" and gives 0.

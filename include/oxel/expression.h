@@ -70,9 +70,11 @@ public:
     int evalBatch(const double* rows, int numRows, int stride, double* results, int* errors);
     /// The same with one array per variable: columns[i][r] is variable i in row r, for every
     /// i < numVars(); a null column reads as 0.0 (handy for internal variables). Returns 0, or
-    /// -1 when columns, results or errors is null or numRows < 0.
+    /// -1 when columns, results or errors is null or numRows < 0. With errorsZeroed the caller
+    /// promises that errors holds zeros already: rows without a failure are then not written,
+    /// so a freshly zero-mapped array (calloc, numpy.zeros) costs no page touches there.
     int evalBatchColumns(const double* const* columns, int numRows, double* results,
-                         int* errors);
+                         int* errors, bool errorsZeroed = false);
 
 private:
     OxelExpression* withSameNames(Oxel* tree) const;

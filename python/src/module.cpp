@@ -198,7 +198,9 @@ private:
             columns.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
         py::object shape = broadcast[0].attr("shape");
         py::array_t<double> results(py::cast<std::vector<py::ssize_t>>(shape));
-        py::array_t<std::int32_t> errors(py::cast<std::vector<py::ssize_t>>(shape));
+        // Zero-mapped by numpy.zeros: the batch writes only the rows that fail, so the pages
+        // of an error-free result are never touched.
+        py::array_t<std::int32_t> errors = np.attr("zeros")(shape, "dtype"_a = "int32");
         const py::ssize_t total = results.size();
         std::vector<const double*> base;
         for (auto& c : columns)
@@ -211,12 +213,11 @@ private:
             py::gil_scoped_release released;
             // Internal variables get null columns, which read as 0.
             std::vector<const double*> cols(static_cast<size_t>(expr_->numVars()), nullptr);
-            std::fill(codes, codes + total, 0);
             for (py::ssize_t start = 0; start < total && status == 0;) {
                 int n = static_cast<int>(std::min<py::ssize_t>(total - start, INT_MAX));
                 for (size_t i = 0; i < base.size(); ++i)
                     cols[i] = base[i] + start;
-                status = expr_->evalBatchColumns(cols.data(), n, out + start, codes + start);
+                status = expr_->evalBatchColumns(cols.data(), n, out + start, codes + start, true);
                 start += n;
             }
         }

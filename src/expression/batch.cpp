@@ -192,6 +192,7 @@ struct Source {
     const double* rows;
     int stride;
     const double* const* columns;
+    bool errorsZeroed;  // the error codes start at zero already
 };
 
 // Rows the compiler cannot lower (random sources, dependent variables) walk the tree, in row
@@ -256,7 +257,8 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
                 col[i] = base[static_cast<size_t>(i) * static_cast<size_t>(src.stride)];
         }
         int* err = errors + start;
-        std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
+        if (!src.errorsZeroed)
+            std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
         double* res = results + start;
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
@@ -309,11 +311,11 @@ void run(OxelProgram* p, const Source& src, int numRows, double* results, int* e
 void oxelProgramRun(OxelProgram* p, const double* rows, int numRows, int stride, double* results,
                     int* errors)
 {
-    run(p, Source{rows, stride, nullptr}, numRows, results, errors);
+    run(p, Source{rows, stride, nullptr, false}, numRows, results, errors);
 }
 
 void oxelProgramRunColumns(OxelProgram* p, const double* const* columns, int numRows,
-                           double* results, int* errors)
+                           double* results, int* errors, bool errorsZeroed)
 {
-    run(p, Source{nullptr, 0, columns}, numRows, results, errors);
+    run(p, Source{nullptr, 0, columns, errorsZeroed}, numRows, results, errors);
 }

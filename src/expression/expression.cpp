@@ -270,12 +270,12 @@ int OxelExpression::evalBatch(const double* rows, int numRows, int stride, doubl
 }
 
 int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
-                                     double* results, int* errors)
+                                     double* results, int* errors, bool errorsZeroed)
 {
     if (!columns || !results || !errors || numRows < 0)
         return -1;
     if (numRows > 0)
-        oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors);
+        oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors, errorsZeroed);
     return 0;
 }
 

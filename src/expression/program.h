@@ -84,8 +84,9 @@ OXEL_API void oxelProgramRelease(OxelProgram* program);
 // Same contract as OxelExpression::evalBatch.
 OXEL_API void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
                              double* results, int* errors);
-// The same over one array per variable (null: reads 0.0).
+// The same over one array per variable (null: reads 0.0); errorsZeroed: errors holds zeros
+// already and rows without a failure are not written.
 void oxelProgramRunColumns(OxelProgram* program, const double* const* columns, int numRows,
-                           double* results, int* errors);
+                           double* results, int* errors, bool errorsZeroed);
 
 #endif
