@@ -81,6 +81,7 @@ private:
     void installTree(Oxel* tree);
     void dropProgram();
     OxelProgram* batchProgram();
+    OxelPointProgram* pointProgram();
 
     Oxel* root_;
     KxDArray<KxString> names_;
@@ -88,10 +89,9 @@ private:
     int numInternal_;
     KxString lastError_;
     int lastErrorOffset_;
-    // Compiled forms of root_. The single-point program is built with the tree (null: the
-    // tree walk serves eval); the batch program on first use, by whichever thread gets there
-    // first, so that threads may share one expression.
-    OxelPointProgram* point_;
+    // Compiled forms of root_, each built on first use by whichever thread gets there first
+    // (the others discard theirs), so that threads may share one expression.
+    std::atomic<OxelPointProgram*> point_;
     std::atomic<OxelProgram*> program_;
 };
 

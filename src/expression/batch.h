@@ -3,7 +3,6 @@
 #ifndef OXEL_EXPRESSION_BATCH_H
 #define OXEL_EXPRESSION_BATCH_H
 
-#include <deque>
 #include <vector>
 
 #include "expression/program.h"
@@ -49,7 +48,7 @@ public:
     int resultColumn = -1;        // column holding the value, or -1 for resultConst
     double resultConst = 0.0;
     bool resultInResults = false;  // the result column is the caller's results array
-    std::deque<oxk::PowPlan> plans;  // of the powers with a constant exponent (stable addresses)
+    std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
 };
 
 // Instruction selection and column allocation for a lowered tree.

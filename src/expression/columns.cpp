@@ -36,6 +36,7 @@ void buildColumns(OxelProgram& p, const oxp::Lowered& l)
 
     const int numSteps = static_cast<int>(l.steps.size());
     std::vector<oxb::Insn> code(static_cast<size_t>(numSteps));
+    p.plans.reserve(l.steps.size());
     std::vector<int> lastUse(static_cast<size_t>(numSteps), -1);
     for (int i = 0; i < numSteps; ++i) {
         const oxp::Step& s = l.steps[static_cast<size_t>(i)];

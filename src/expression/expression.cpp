@@ -43,7 +43,7 @@ int OxelExpression::addVar(const char* name)
     if (i >= 0 && i < declared)
         return i;
     names_.insert(declared, KxString(name));
-    installTree(root_);  // the programs know the number of slots
+    installTree(root_);  // drops the programs: they know the number of slots
     return declared;
 }
 
@@ -137,9 +137,7 @@ double OxelExpression::eval(KxDArray<double>& values, int& err)
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
-    if (point_)
-        return oxelPointRun(*point_, root_, values.data(), err);
-    return root_->value(values.data(), err);
+    return oxelPointRun(*pointProgram(), root_, values.data(), err);
 }
 
 void OxelExpression::setDefaultExpression()
@@ -161,7 +159,6 @@ void OxelExpression::installTree(Oxel* tree)
     if (tree != root_)
         oxelDestroy(root_);
     root_ = tree;
-    point_ = oxelPointCompile(root_, numVars());
 }
 
 void OxelExpression::clear()
@@ -247,6 +244,18 @@ OxelExpression* OxelExpression::simplifiedFully() const
 
 // ---------------------------------------------------------------- batch evaluation
 
+OxelPointProgram* OxelExpression::pointProgram()
+{
+    OxelPointProgram* p = point_.load(std::memory_order_acquire);
+    if (p)
+        return p;
+    OxelPointProgram* mine = oxelPointCompile(root_, numVars());
+    if (point_.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
+        return mine;
+    oxelPointRelease(mine);  // another thread compiled it first
+    return p;
+}
+
 OxelProgram* OxelExpression::batchProgram()
 {
     OxelProgram* p = program_.load(std::memory_order_acquire);
@@ -283,8 +292,7 @@ void OxelExpression::dropProgram()
 {
     if (OxelProgram* p = program_.exchange(nullptr))
         oxelProgramRelease(p);
-    oxelPointRelease(point_);
-    point_ = nullptr;
+    oxelPointRelease(point_.exchange(nullptr));
 }
 
 void oxelSetBatchThreads(int n)

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 
 #include <oxel/nodes.h>
 
@@ -136,7 +135,8 @@ inline double fetch(uint8_t mode, int32_t i, double k, double acc, const double*
 class OxelPointProgram {
 public:
     std::vector<Insn> code;
-    std::deque<oxk::PowPlan> plans;  // stable addresses for the instructions
+    std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
+    bool walk = false;                // the tree walk serves eval
     bool overwrites = false;
 };
 
@@ -166,6 +166,10 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     int numRegs = 0;
     int previous = -1;  // the step whose result is in the accumulator
     p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);
+    p.plans.reserve(static_cast<size_t>(
+        std::count_if(l.steps.begin(), l.steps.end(), [](const oxp::Step& s) {
+            return s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const;
+        })));
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
         index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;
@@ -314,14 +318,12 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
 
 OxelPointProgram* oxelPointCompile(Oxel* root, int numVars)
 {
-    oxp::Lowered l = oxp::lower(root, numVars);
-    if (!l.ok)
-        return nullptr;
     OxelPointProgram* p = new OxelPointProgram;
+    oxp::Lowered l = oxp::lower(root, numVars);
     p->overwrites = l.overwrites;
-    if (!build(*p, l)) {
-        delete p;
-        return nullptr;
+    if (!l.ok || !build(*p, l)) {
+        p->code.clear();
+        p->walk = true;
     }
     return p;
 }
@@ -335,7 +337,7 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 {
     // A comparison may overwrite a code that was already set when eval() began; only the
     // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
-    if (err != 0 && p.overwrites)
+    if (p.walk || (err != 0 && p.overwrites))
         return root->value(vars, err);
 #define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)

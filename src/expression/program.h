@@ -57,7 +57,8 @@ Lowered lower(Oxel* root, int numVars);
 }  // namespace oxp
 
 // Single-point program: registers in a local array, operands encoded in the instructions.
-// Null when the tree needs the tree walk (random sources, callbacks, too deep or too wide).
+// Trees it cannot lower (random sources, callbacks, too deep or too wide) get a program that
+// hands every call to the tree walk.
 class OxelPointProgram;
 OxelPointProgram* oxelPointCompile(Oxel* root, int numVars);
 void oxelPointRelease(OxelPointProgram* p);
