@@ -244,28 +244,33 @@ OxelExpression* OxelExpression::simplifiedFully() const
 
 // ---------------------------------------------------------------- batch evaluation
 
-OxelPointProgram* OxelExpression::pointProgram()
+namespace {
+
+// The program in slot, compiled by whichever thread gets there first; the others discard theirs.
+template <class Program>
+Program* compiledOnce(std::atomic<Program*>& slot, Program* (*compile)(Oxel*, int),
+                      void (*release)(Program*), Oxel* root, int numVars)
 {
-    OxelPointProgram* p = point_.load(std::memory_order_acquire);
+    Program* p = slot.load(std::memory_order_acquire);
     if (p)
         return p;
-    OxelPointProgram* mine = oxelPointCompile(root_, numVars());
-    if (point_.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
+    Program* mine = compile(root, numVars);
+    if (slot.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
         return mine;
-    oxelPointRelease(mine);  // another thread compiled it first
+    release(mine);
     return p;
+}
+
+}  // namespace
+
+OxelPointProgram* OxelExpression::pointProgram()
+{
+    return compiledOnce(point_, &oxelPointCompile, &oxelPointRelease, root_, numVars());
 }
 
 OxelProgram* OxelExpression::batchProgram()
 {
-    OxelProgram* p = program_.load(std::memory_order_acquire);
-    if (p)
-        return p;
-    OxelProgram* mine = oxelProgramCompile(root_, numVars());
-    if (program_.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
-        return mine;
-    oxelProgramRelease(mine);  // another thread compiled it first
-    return p;
+    return compiledOnce(program_, &oxelProgramCompile, &oxelProgramRelease, root_, numVars());
 }
 
 int OxelExpression::evalBatch(const double* rows, int numRows, int stride, double* results,
