@@ -176,7 +176,6 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
         return p;
     buildColumns(*p, l);
     p->compiled = true;
-    p->parallel = true;
     return p;
 }
 
@@ -298,7 +297,7 @@ void run(OxelProgram* p, const Source& src, int numRows, double* results, int* e
         runTree(*p, src, numRows, results, errors);
         return;
     }
-    if (p->parallel && numRows >= kParallelRows && oxp::poolThreads() > 1) {
+    if (numRows >= kParallelRows && oxp::poolThreads() > 1) {
         Job job{p, &src, numRows, results, errors};
         oxp::poolRun((numRows + kTaskRows - 1) / kTaskRows, &runTask, &job);
         return;

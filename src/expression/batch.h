@@ -40,8 +40,8 @@ class OxelProgram {
 public:
     Oxel* root = nullptr;
     int numVars = 0;
-    bool compiled = false;        // false: the tree walks every row
-    bool parallel = false;        // rows are independent: blocks may run on several threads
+    bool compiled = false;        // false: the tree walks every row, in order; true: rows are
+                                  // independent, so blocks may run on several threads
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i
     int numColumns = 0;           // input columns, then scratch columns

@@ -15,21 +15,8 @@ using oxp::Operand;
 
 const int kMaxRegs = 64;  // wider programs keep the tree walk
 
-// Operators inlined for every combination of operand modes (register, slot, constant).
-#define OXP_HOT(X)     \
-    X(OxPlus)          \
-    X(OxMinus)         \
-    X(OxMal)           \
-    X(OxDurch)         \
-    X(OxLess)          \
-    X(OxGreater)       \
-    X(OxLessEqual)     \
-    X(OxGreaterEqual)  \
-    X(OxEqual)         \
-    X(OxAnd)           \
-    X(OxOr)            \
-    X(OxMax)           \
-    X(OxMin)
+// Operators inlined for every combination of operand modes: the kind table's cheap ones.
+#define OXP_HOT(X) OXK_CHEAP_BINARY(X)
 
 // Operand modes: the first three in the order of Operand::Mode (R register, V caller's slot,
 // K constant), then A, the previous instruction's result. Every instruction also stores its
@@ -90,8 +77,7 @@ struct Insn {
     uint8_t mc;
     double kc;
     union {
-        oxk::UnFn un;
-        oxk::BinFn bin;
+        oxk::BinFn bin;            // the generic two-operand instruction's kernel
         const oxk::PowPlan* plan;  // a power with the constant exponent kb
     };
 };
@@ -247,10 +233,7 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         const oxk::KindRow& row = oxk::row(s.kind);
         operand(s.a, in.ma, in.a, in.ka);
         operand(s.b, in.mb, in.b, in.kb);
-        if (row.un)
-            in.un = row.un;
-        else
-            in.bin = row.bin;
+        in.bin = row.bin;  // null for the one-operand kinds, which are all inlined
         const int base = hotBase(s.kind);
         if (s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const) {
             p.plans.emplace_back(s.b.k);

@@ -220,24 +220,22 @@ inline double powerOf(double a, double b)
     if (b == 2.0)
         return squareOf(a);
     double r;
-    if (pw::fastPow<pw::kNoGuard>(a, b, 0.0L, r) == pw::kValue)
+    if (pw::fastPow<pw::kNoGuard>(a, b, r) == pw::kValue)
         return r;
     return powerOfPowl(a, b);
 }
 
-// The guard and the power after the negative-base substitution; limit is powl(DBL_MAX, 1/b)
-// when G says the caller holds it.
-template <pw::Guard G>
-inline double powGuarded(double a, double b, long double limit, int& err)
+// The guard and the power after the negative-base substitution.
+inline double powGuarded(double a, double b, int& err)
 {
     if (b == 2.0) {
-        if ((G == pw::kKnownLimit ? limit : squareLimit()) > a)
+        if (squareLimit() > a)
             return squareOf(a);
         raise(err, OX_ERR_OVERFLOW);
         return 1.0;
     }
     double r;
-    switch (pw::fastPow<G>(a, b, limit, r)) {
+    switch (pw::fastPow<pw::kLogGuard>(a, b, r)) {
     case pw::kValue:
         return r;
     case pw::kOverflow:
@@ -248,8 +246,7 @@ inline double powGuarded(double a, double b, long double limit, int& err)
     case pw::kUnknown:
         break;
     }
-    // A known limit has been checked already.
-    return G == pw::kKnownLimit ? powerOfPowl(a, b) : powGuardedPowl(a, b, err);
+    return powGuardedPowl(a, b, err);
 }
 
 inline double eval_OxHoch(double a, double b, int& err)
@@ -261,7 +258,7 @@ inline double eval_OxHoch(double a, double b, int& err)
         raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
-    return powGuarded<pw::kLogGuard>(a, b, 0.0L, err);
+    return powGuarded(a, b, err);
 }
 
 // A power with an exponent known in advance: the exponent's ceiling (for negative bases) is
@@ -282,13 +279,13 @@ inline double powPlanned(const PowPlan& p, double a, int& err)
 {
     if (a < 0 && !p.integral) {
         raise(err, OX_ERR_RADICAND_NEGATIVE);
-        return powGuarded<pw::kLogGuard>(a, p.bc, 0.0L, err);
+        return powGuarded(a, p.bc, err);
     }
     if (a == 0.0 && p.b < 0) {
         raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
-    return powGuarded<pw::kLogGuard>(a, p.b, 0.0L, err);
+    return powGuarded(a, p.b, err);
 }
 
 // ---------------------------------------------------------------- bitwise and shifts

@@ -42,19 +42,18 @@ inline constexpr Shape logicShape<OxAnd> = Shape::Tolerant;
 template <>
 inline constexpr Shape logicShape<OxOr> = Shape::Tolerant;
 
-// Kernels with a two-lane form (vector_kernels.h); null for the rest.
+// The cheap two-operand kinds: each has a two-lane form (vector_kernels.h), and the
+// single-point program inlines them for every combination of operand kinds.
+#define OXK_CHEAP_BINARY(X) \
+    X(OxPlus) X(OxMinus) X(OxMal) X(OxDurch) X(OxMax) X(OxMin) OXEL_LOGIC_OPERATORS(X)
+
+// Kernels with a two-lane form; null for the rest.
 template <class C>
 inline constexpr oxv::VecKernel vectorForm = nullptr;
 #define OXK_VECTOR_FORM(Cls) \
     template <>              \
     inline constexpr oxv::VecKernel vectorForm<Cls> = &oxv::vec_##Cls;
-OXK_VECTOR_FORM(OxPlus)
-OXK_VECTOR_FORM(OxMinus)
-OXK_VECTOR_FORM(OxMal)
-OXK_VECTOR_FORM(OxDurch)
-OXK_VECTOR_FORM(OxMax)
-OXK_VECTOR_FORM(OxMin)
-OXEL_LOGIC_OPERATORS(OXK_VECTOR_FORM)
+OXK_CHEAP_BINARY(OXK_VECTOR_FORM)
 #undef OXK_VECTOR_FORM
 
 template <class C>

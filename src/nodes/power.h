@@ -249,16 +249,13 @@ enum Outcome {
 enum Guard {
     kNoGuard,     // the power alone
     kLogGuard,    // decide powl(DBL_MAX, 1/b) > a from log2 a where provable
-    kKnownLimit,  // the caller holds powl(DBL_MAX, 1/b)
 };
 
 // a^b for b != 2 after the negative-base substitution (a < 0 implies b integral, infinite or
 // NaN). With a guard, b > 1 checks the overflow limit first as the powl rule does.
 template <Guard G, bool Fma>
-inline Outcome fastPowWith(double a, double b, long double limit, double& out)
+inline Outcome fastPowWith(double a, double b, double& out)
 {
-    if (G == kKnownLimit && b > 1.0 && !(limit > a))
-        return kOverflow;
     // Zero, subnormal, infinite and NaN bases, infinite, NaN and huge exponents go to powl.
     uint64_t ia = bitsOf(a) & 0x7FFFFFFFFFFFFFFFULL;
     if (ia - 0x0010000000000000ULL >= 0x7FE0000000000000ULL || !(std::fabs(b) < 0x1p60))
@@ -309,10 +306,10 @@ inline Outcome fastPowWith(double a, double b, long double limit, double& out)
 // give the same answers: the rounding test holds for either approximation.
 #if !defined(__FP_FAST_FMA) && defined(__x86_64__) && defined(__GNUC__)
 template <Guard G>
-[[gnu::target("fma"), gnu::flatten]] Outcome fastPowFma(double a, double b, long double limit,
+[[gnu::target("fma"), gnu::flatten]] Outcome fastPowFma(double a, double b,
                                                         double& out)
 {
-    return fastPowWith<G, true>(a, b, limit, out);
+    return fastPowWith<G, true>(a, b, out);
 }
 
 inline bool haveFma()
@@ -326,14 +323,14 @@ inline bool haveFma()
 #endif
 
 template <Guard G>
-inline Outcome fastPow(double a, double b, long double limit, double& out)
+inline Outcome fastPow(double a, double b, double& out)
 {
 #if defined(__FP_FAST_FMA)
-    return fastPowWith<G, true>(a, b, limit, out);
+    return fastPowWith<G, true>(a, b, out);
 #elif defined(__x86_64__) && defined(__GNUC__)
-    return haveFma() ? fastPowFma<G>(a, b, limit, out) : fastPowWith<G, false>(a, b, limit, out);
+    return haveFma() ? fastPowFma<G>(a, b, out) : fastPowWith<G, false>(a, b, out);
 #else
-    return fastPowWith<G, false>(a, b, limit, out);
+    return fastPowWith<G, false>(a, b, out);
 #endif
 }
 
