@@ -1,5 +1,5 @@
 // Tests of the power kernel: the bits and error codes of the powl rule on random and edge inputs,
-// through the kernel, a prepared exponent, the tree walk and the batch evaluator.
+// through the kernel, a prepared exponent or base, the tree walk and the batch evaluator.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -148,20 +148,24 @@ TEST(Power, SpecialValuesAndTheOverflowLimit)
     }
 }
 
-// A prepared exponent gives eval_OxHoch's bits: integral, fractional, special exponents.
-TEST(Power, PreparedExponent)
+// A prepared exponent or base gives eval_OxHoch's bits: each constant below serves in both roles,
+// against random and special other operands.
+TEST(Power, PreparedExponentOrBase)
 {
-    const double exps[] = {3.0, -2.0, 10.0, 3.5, -0.5, 0.5, 2.0, 1.0, 0.0, -0.0, 1.7, 1e-5, 400.0,
-                           -1074.5, 1e20, INFINITY, -INFINITY, NAN, 1024.0 / 3};
+    const double consts[] = {3.0, -2.0, 10.0, 3.5, -0.5, 0.5, 2.0, 1.0, 0.0, -0.0, 1.7, 2.5, 1e-5,
+                             400.0, -1074.5, 1e20, 1e-300, DBL_MAX, DBL_MIN, 4.9e-324, -1.7,
+                             INFINITY, -INFINITY, NAN, 1024.0 / 3};
     Inputs in;
-    for (double b : exps) {
-        oxk::PowPlan plan(b);
+    for (double k : consts) {
+        oxk::PowPlan exponent(k), base(oxk::PowPlan::Base{}, k);
         for (int i = 0; i < 4000; ++i) {
             double a = i < 32 ? kSpecial[i % 32] : in.base();
-            int err = 0;
-            double got = oxk::powPlanned(plan, a, err);
-            std::string m = check(a, b, got, err);
-            ASSERT_EQ("", m);
+            double b = i < 32 ? kSpecial[i % 32] : in.exponent(k);
+            int err = 0, errBase = 0;
+            double got = oxk::powPlanned(exponent, a, err);
+            double gotBase = oxk::powPlanned(base, b, errBase);
+            ASSERT_EQ("", check(a, k, got, err));
+            ASSERT_EQ("", check(k, b, gotBase, errBase));
         }
     }
 }
@@ -172,7 +176,7 @@ TEST(Power, ThroughEvalAndBatch)
     const struct { const char* text; bool baseConst; double k; } formulas[] = {
         {"pow(x, 3)", false, 3}, {"pow(x, -2)", false, -2}, {"pow(x, 10)", false, 10},
         {"pow(x, 3.5)", false, 3.5}, {"pow(x, y)", false, NAN}, {"pow(1.7, x)", true, 1.7},
-        {"pow(x, 0.5)", false, 0.5},
+        {"pow(x, 0.5)", false, 0.5}, {"pow(-2, x)", true, -2}, {"pow(10, x)", true, 10},
     };
     Inputs in;
     const int n = 3000;

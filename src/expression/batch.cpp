@@ -94,7 +94,8 @@ void vecLoop(const Insn& in, const Frame& f)
     }
 }
 
-// A power with a constant exponent: its limits were prepared with the program.
+// A power with a constant exponent or base, prepared with the program; column a holds the
+// other operand.
 template <bool Raise>
 void powConstLoop(const Insn& in, const Frame& f)
 {
@@ -156,7 +157,7 @@ Runner selectRunner(const oxp::Step& s)
         return &raiseLoop;
     const bool aConst = s.a.mode == oxp::Operand::Const;
     const bool bConst = s.b.mode == oxp::Operand::Const;
-    if (s.kind == oxk::Kind::OxHoch && bConst)
+    if (oxp::plannedPower(s))
         return s.raises ? &powConstLoop<true> : &powConstLoop<false>;
     const int shape = oxk::row(s.kind).un ? 0 : (aConst ? 2 : (bConst ? 1 : 0));
     return kRunners[static_cast<size_t>(s.kind)].r[s.raises][shape];

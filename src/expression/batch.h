@@ -28,7 +28,7 @@ struct Insn {
     double ka;
     double kb;
     int code;  // error code of a raise
-    const oxk::PowPlan* plan;  // a power with the constant exponent kb
+    const oxk::PowPlan* plan;  // a power with a constant operand: column a holds the other
 };
 
 // The loop for a step: operands are columns or constants (not both constants).

@@ -52,9 +52,11 @@ void buildColumns(OxelProgram& p, const oxp::Lowered& l)
         in.b = virtualOperand(s.b);
         in.ka = s.a.k;
         in.kb = s.b.k;
-        if (s.kind == oxk::Kind::OxHoch && s.b.mode == oxp::Operand::Const) {
-            p.plans.emplace_back(s.b.k);
+        if (oxp::plannedPower(s)) {
+            p.plans.push_back(oxp::powerPlan(s));
             in.plan = &p.plans.back();
+            in.a = virtualOperand(oxp::plannedOperand(s));
+            in.b = kNoColumn;
         }
         if (in.a >= 0)
             lastUse[static_cast<size_t>(in.a)] = i;

@@ -78,7 +78,7 @@ struct Insn {
     double kc;
     union {
         oxk::BinFn bin;            // the generic two-operand instruction's kernel
-        const oxk::PowPlan* plan;  // a power with the constant exponent kb
+        const oxk::PowPlan* plan;  // a power with a constant operand, reading a
     };
 };
 
@@ -154,7 +154,7 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);
     p.plans.reserve(static_cast<size_t>(
         std::count_if(l.steps.begin(), l.steps.end(), [](const oxp::Step& s) {
-            return s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const;
+            return oxp::plannedPower(s);
         })));
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
@@ -235,9 +235,10 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
         operand(s.b, in.mb, in.b, in.kb);
         in.bin = row.bin;  // null for the one-operand kinds, which are all inlined
         const int base = hotBase(s.kind);
-        if (s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const) {
-            p.plans.emplace_back(s.b.k);
+        if (oxp::plannedPower(s)) {
+            p.plans.push_back(oxp::powerPlan(s));
             in.plan = &p.plans.back();
+            operand(oxp::plannedOperand(s), in.ma, in.a, in.ka);
             in.op = static_cast<uint16_t>(Op_Pow_R + in.ma);
         } else if (base < 0) {
             in.op = OpBinary;

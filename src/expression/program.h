@@ -8,6 +8,7 @@
 
 #include <oxel/core.h>
 
+#include "nodes/kernels.h"
 #include "nodes/kinds.h"
 
 namespace oxp {
@@ -28,6 +29,24 @@ struct Step {
     Operand a, b;
     int code;
 };
+
+// A power with a constant exponent or base runs from a plan prepared with the program; the
+// plan reads the other operand.
+inline bool plannedPower(const Step& s)
+{
+    return s.kind == oxk::Kind::OxHoch &&
+           (s.b.mode == Operand::Const || s.a.mode == Operand::Const);
+}
+
+inline oxk::PowPlan powerPlan(const Step& s)
+{
+    return s.b.mode == Operand::Const ? oxk::PowPlan(s.b.k) : oxk::PowPlan(oxk::PowPlan::Base{}, s.a.k);
+}
+
+inline const Operand& plannedOperand(const Step& s)
+{
+    return s.b.mode == Operand::Const ? s.a : s.b;
+}
 
 // The whole tree as steps: why this gives the tree's bits and error codes.
 // - Every step applies the same kernel that the node's value() applies, to the same operands,

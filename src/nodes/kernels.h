@@ -215,18 +215,20 @@ inline double squareOf(double a)
 }
 
 // (double)powl(a, b), or the extended square for b == 2, without the guard.
-inline double powerOf(double a, double b)
+template <bool Fma>
+inline double powerOfWith(double a, double b)
 {
     if (b == 2.0)
         return squareOf(a);
     double r;
-    if (pw::fastPow<pw::kNoGuard>(a, b, r) == pw::kValue)
+    if (pw::fastPowWith<pw::kNoGuard, Fma>(a, b, r) == pw::kValue)
         return r;
     return powerOfPowl(a, b);
 }
 
 // The guard and the power after the negative-base substitution.
-inline double powGuarded(double a, double b, int& err)
+template <bool Fma>
+inline double powGuardedWith(double a, double b, int& err)
 {
     if (b == 2.0) {
         if (squareLimit() > a)
@@ -235,7 +237,7 @@ inline double powGuarded(double a, double b, int& err)
         return 1.0;
     }
     double r;
-    switch (pw::fastPow<pw::kLogGuard>(a, b, r)) {
+    switch (pw::fastPowWith<pw::kLogGuard, Fma>(a, b, r)) {
     case pw::kValue:
         return r;
     case pw::kOverflow:
@@ -249,7 +251,8 @@ inline double powGuarded(double a, double b, int& err)
     return powGuardedPowl(a, b, err);
 }
 
-inline double eval_OxHoch(double a, double b, int& err)
+template <bool Fma>
+inline double hochWith(double a, double b, int& err)
 {
     if (a < 0 && b != std::ceil(b)) {
         raise(err, OX_ERR_RADICAND_NEGATIVE);
@@ -258,35 +261,107 @@ inline double eval_OxHoch(double a, double b, int& err)
         raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
-    return powGuarded(a, b, err);
+    return powGuardedWith<Fma>(a, b, err);
 }
 
-// A power with an exponent known in advance: the exponent's ceiling (for negative bases) is
-// taken once; powPlanned gives the bits of eval_OxHoch(a, b, err). The overflow guard is
-// decided as in eval_OxHoch: the exact limits cost two powl calls, more than the logarithmic
-// test saves, so preparing them would only slow compiling down.
-struct PowPlan {
-    double b, bc;
-    bool integral;
+// Each entry point below twice, out of line: once for any x86-64 and once compiled for fused
+// multiply-add, taken where the processor has it (both give the same bits: the rounding test
+// holds for either approximation). The kernel inside is inlined whole, so the fast path makes
+// no further call.
+#if !defined(__FP_FAST_FMA) && defined(__x86_64__) && defined(__GNUC__)
+#define OXK_POW_ENTRY(name, With, ret, params, args)                                     \
+    [[gnu::noinline]] inline ret name##Plain params { return With<false> args; }          \
+    [[gnu::noinline, gnu::target("fma"), gnu::flatten]] inline ret name##Fma params       \
+    {                                                                                     \
+        return With<true> args;                                                           \
+    }                                                                                     \
+    inline ret name params { return pw::haveFma ? name##Fma args : name##Plain args; }
+#define OXK_POW_PICK(name) (pw::haveFma ? &name##Fma : &name##Plain)
+#else
+#define OXK_POW_ENTRY(name, With, ret, params, args) \
+    inline ret name params { return With<pw::kFmaBuild> args; }
+#define OXK_POW_PICK(name) (&name)
+#endif
 
-    explicit PowPlan(double exponent)
-        : b(exponent), bc(std::ceil(exponent)), integral(!(exponent != bc))
-    {
-    }
+OXK_POW_ENTRY(eval_OxHoch, hochWith, double, (double a, double b, int& err), (a, b, err))
+OXK_POW_ENTRY(powerOf, powerOfWith, double, (double a, double b), (a, b))
+
+// A power with a constant operand, prepared once per program; powPlanned(plan, x, err) gives
+// the bits of eval_OxHoch with x as the other operand.
+//  - A constant exponent: its ceiling (for negative bases) is taken once. The overflow guard is
+//    decided as in eval_OxHoch: the exact limits cost two powl calls, more than the
+//    logarithmic test saves, so preparing them would only slow compiling down.
+//  - A constant base above 0 (2^x, 10^x, 1.5^t): its logarithm is taken once, so a power is
+//    one product and the exponential; anything unusual takes eval_OxHoch.
+// The plan holds its entry point, chosen for the processor when it is made.
+struct PowPlan;
+using PowFn = double (*)(const PowPlan&, double, int&);
+
+struct PowPlan {
+    PowFn fn;
+    double b, bc;  // the exponent and its ceiling
+    bool integral;
+    double a;     // the base
+    pw::DD lnA;   // ln a when fastBase
+    bool fastBase;
+
+    explicit PowPlan(double exponent);
+    struct Base {};
+    PowPlan(Base, double base);
 };
 
-inline double powPlanned(const PowPlan& p, double a, int& err)
+template <bool Fma>
+inline double powPlannedWith(const PowPlan& p, double a, int& err)
 {
     if (a < 0 && !p.integral) {
         raise(err, OX_ERR_RADICAND_NEGATIVE);
-        return powGuarded(a, p.bc, err);
+        return powGuardedWith<Fma>(a, p.bc, err);
     }
     if (a == 0.0 && p.b < 0) {
         raise(err, OX_ERR_DIVISION_BY_ZERO);
         return 0.0;
     }
-    return powGuarded(a, p.b, err);
+    return powGuardedWith<Fma>(a, p.b, err);
 }
+
+// For a > 0 normal and b finite, not 2, below 2^60: eval_OxHoch takes the power alone (a >= 1
+// with b > 1 passes the guard wherever |b ln a| < kLnNormal) and tries the same rounding test.
+template <bool Fma>
+inline double powBaseWith(const PowPlan& p, double b, int& err)
+{
+    if (p.fastBase && std::fabs(b) < 0x1p60 && b != 2.0) {
+        pw::DD l = pw::lnTimes<Fma>(p.lnA, b);
+        if (std::fabs(l.h) < pw::kLnNormal) {
+            double r;
+            if (pw::expRound<Fma>(l, b == std::floor(b), false, r))
+                return r;
+            return powerOfPowl(p.a, b);
+        }
+    }
+    return hochWith<Fma>(p.a, b, err);
+}
+
+OXK_POW_ENTRY(powExponent, powPlannedWith, double, (const PowPlan& p, double a, int& err),
+              (p, a, err))
+OXK_POW_ENTRY(powBase, powBaseWith, double, (const PowPlan& p, double b, int& err), (p, b, err))
+
+inline PowPlan::PowPlan(double exponent)
+    : fn(OXK_POW_PICK(powExponent)), b(exponent), bc(std::ceil(exponent)),
+      integral(!(exponent != bc)), a(0.0), lnA{0.0, 0.0}, fastBase(false)
+{
+}
+
+inline PowPlan::PowPlan(Base, double base)
+    : fn(OXK_POW_PICK(powBase)), b(0.0), bc(0.0), integral(false), a(base), lnA{0.0, 0.0},
+      fastBase(base >= DBL_MIN && base <= DBL_MAX)
+{
+    if (fastBase)
+        lnA = pw::logdd<false>(base);  // either approximation of ln a is within the bound
+}
+
+inline double powPlanned(const PowPlan& p, double x, int& err) { return p.fn(p, x, err); }
+#undef OXK_POW_ENTRY
+#undef OXK_POW_PICK
 
 // ---------------------------------------------------------------- bitwise and shifts
 

@@ -30,14 +30,19 @@ namespace pw {
 constexpr double kPowlErrFrac = 0x1p-62;  // 4 * 2^-64
 constexpr double kPowlErrInt = 0x1p-60;   // 16 * 2^-64
 
-// Relative error of the double-double approximation Y of |a|^b (derived next to each step;
-// `power_check model` measured log2 2^-72.3, the whole 2^-78.0 for ordinary results and at
-// most 0.15 of this bound anywhere):
-//   log2|a|      rel. <= 2^-70         -> P = b log2|a|: abs. <= 2^-70 |P|
-//   2^P          rel. <= 2^-78 + ln2 * (abs. error of P)
-// so |Y - |a|^b| <= (2^-76 + 2^-69 |P|) |a|^b.
-constexpr double kModelErr = 0x1p-76;
+// Relative error of the approximation Y of |a|^b through the logarithm (each step's share is
+// derived next to it; u = 2^-53 is the unit roundoff):
+//   ln|a|              rel. <= 2^-70.2      -> P = b ln|a|: abs. <= 2^-70.2 |P|
+//   e^P                rel. <= 2^-66.8 + 2^-70.5 |P| + (abs. error of P) (1 + 2^-60)
+//   the rounding test's own sums                 <= 2^-69.6 + 2^-72.5 |P|
+// in all 2^-66.5 + 2^-69.2 |P|, so |Y - |a|^b| <= (2^-65 + 2^-69 |P|) |a|^b, with room to spare (`power_check model`
+// measured at most 0.16 of it). Powers are only ever an
+// approximation decided by the test below: a wider model error only sends more inputs to powl
+// (at these sizes a few in a thousand more), never a different result.
+constexpr double kModelErr = 0x1p-65;
 constexpr double kModelErrPerP = 0x1p-69;
+// The integral powering below (2^-88.4) and reciprocal (2^-91.5), and the test's sums (2^-99).
+constexpr double kModelErrInt = 0x1p-86;
 
 // ---------------------------------------------------------------- double-double helpers
 
@@ -55,6 +60,7 @@ inline double fromBits(uint64_t u)
     return x;
 }
 
+// A value h + l; l is not always normalized (|l| may exceed ulp(h)/2), each use says how far.
 struct DD {
     double h, l;
 };
@@ -74,8 +80,8 @@ inline DD twoSum(double a, double b)
     return {s, (a - (s - bb)) + (b - bb)};
 }
 
-// p + e == a * b exactly (no overflow: every operand here is below 2^70 in magnitude). Fma
-// says the code is compiled for a processor with fused multiply-add.
+// p + e == a * b exactly (no overflow or underflow of e: the callers keep products between
+// 2^-960 and 2^960). Fma says the code is compiled for a processor with fused multiply-add.
 template <bool Fma>
 inline DD twoProd(double a, double b)
 {
@@ -93,92 +99,101 @@ inline DD twoProd(double a, double b)
     return {p, std::fma(a, b, -p)};
 }
 
-// ---------------------------------------------------------------- log2
-
-// log2(x) for a positive normal x, as hi + lo with relative error <= 2^-70.
+// a * b + c with one rounding where the processor fuses it, two otherwise; the bounds below
+// allow for two.
 template <bool Fma>
-inline DD log2dd(double x)
+inline double mulAdd(double a, double b, double c)
 {
-    const double nearOne = 1.0 / (1 << kLogBits);
-    double r, k, lch, lcl;
-    if (std::fabs(x - 1.0) < nearOne) {
-        // Near 1 the table would cancel against k: take r = x - 1 (exact by Sterbenz) so that
-        // the relative error stays that of the series below even for b up to 2^60.
-        r = x - 1.0;
-        k = 0.0;
-        lch = lcl = 0.0;
-    } else {
-        uint64_t ix = bitsOf(x);
-        k = static_cast<double>(static_cast<int>(ix >> 52) - 1023);
-        const LogEntry& t = kLog[(ix >> (52 - kLogBits)) & ((1u << kLogBits) - 1)];
-        double m = fromBits((ix & 0x000FFFFFFFFFFFFFULL) | 0x3FF0000000000000ULL);
-        // r = m * invc - 1 exactly: invc has kLogBits + 1 = 11 significant bits, so mh (42
-        // bits) * invc and ml (11 bits) * invc are exact products, mh * invc - 1 is exact by
-        // Sterbenz, and the sum r is a multiple of 2^-63 of at most 2^-10, which a double holds.
-        double mh = fromBits(bitsOf(m) & ~((1ULL << (kLogBits + 1)) - 1));
-        double ml = m - mh;
-        r = (mh * t.invc - 1.0) + ml * t.invc;
-        lch = t.logcHi;
-        lcl = t.logcLo;
-    }
-    // ln(1+r) = r - r^2/2 + r^3 c(r), |r| <= 2^-10: r^2 exact in double-double, c to r^5/8
-    // (truncation r^9/9 < 2^-83 |r|). r^3 c(r) is below 2^-21.5 |r|: its roundings (relative
-    // 6 * 2^-53 at most) cost 2^-72 |r|, the two sums below another 2^-73 |r|.
-    DD rr = twoProd<Fma>(r, r);
-    double c = (1.0 / 3 - r * (1.0 / 4)) +
-               rr.h * ((1.0 / 5 - r * (1.0 / 6)) + rr.h * (1.0 / 7 - r * (1.0 / 8)));
-    double cubic = c * (r * rr.h);
-    DD s = fastTwoSum(r, -0.5 * rr.h);  // |r| >= r^2/2
-    double lo = (s.l - 0.5 * rr.l) + cubic;
-    // ln(1+r) = s.h + lo within 2^-71 relative; times 1/ln2 in double-double (2^-102).
-    DD q = twoProd<Fma>(s.h, kInvLn2Hi);
-    q.l += s.h * kInvLn2Lo + lo * kInvLn2Hi;
-    // log2 x = k + log2(1/invc) + log2(1+r). Outside the near-1 case |log2 x| >= log2(1 + 2^-10)
-    // >= |q|, so the series' error stays below 2^-71 |log2 x|; the table (2^-106) and the sums
-    // (2^-104 |log2 x|) add little: relative error <= 2^-70.
-    DD a = fastTwoSum(k, lch);  // k is 0 or at least 1 in magnitude, |lch| <= 1
-    DD b = twoSum(a.h, q.h);
-    return fastTwoSum(b.h, ((a.l + lcl) + q.l) + b.l);
+#ifndef __FP_FAST_FMA
+    if (!Fma)
+        return a * b + c;
+#endif
+    return std::fma(a, b, c);
 }
 
-// ---------------------------------------------------------------- exp2 and the rounding test
+// ---------------------------------------------------------------- ln
 
-// 2^(p.h + p.l) = y * 2^e with y in [0.99, 2.01] within 2^-78 + ln2 * (error of p), relative;
-// |p.h| < 2^40.
+// ln x for a positive normal x as h + l, |l| <= 2^-20.5 |h|, relative error <= 2^-70.2.
 template <bool Fma>
-inline DD exp2dd(DD p, int& e)
+inline DD logdd(double x)
 {
-    // p = k/128 + t, |t| <= 2^-8 (+ 2^-43 from p.l). kd is p.h*128 rounded to an integer; the
-    // subtraction is exact as both are multiples of ulp(p.h) and the difference is small.
+    uint64_t ix = bitsOf(x);
+    double k = static_cast<double>(static_cast<int>(ix >> 52) - 1023);
+    const LogEntry& t = kLog[(ix >> (52 - kLogBits)) & ((1u << kLogBits) - 1)];
+    double m = fromBits((ix & 0x000FFFFFFFFFFFFFULL) | 0x3FF0000000000000ULL);
+    // r = m * invc - 1 exactly: invc has kLogBits + 1 = 11 significant bits, so r is a multiple
+    // of 2^-63 of at most 2^-10, which a double holds; fma computes it in one step.
+    double r;
+    if (Fma) {
+        r = std::fma(m, t.invc, -1.0);
+    } else {
+        // Without fma: mh (42 bits) * invc and ml (11 bits) * invc are exact products and
+        // mh * invc - 1 is exact by Sterbenz; their sum is r, exact as said.
+        double mh = fromBits(bitsOf(m) & ~((1ULL << (kLogBits + 1)) - 1));
+        r = (mh * t.invc - 1.0) + (m - mh) * t.invc;
+    }
+    // k kLn2Hi and logcHi are multiples of 2^-42 below 2^10: t1 is exact. lo1 holds the rest of
+    // k ln 2 - ln invc within 2^-84 (|k| <= 1023 times 2^-96, two roundings at 2^-33 and below).
+    // From 1 - 2^-11 to 1 + 2^-10 the table takes c = 1 (invc 1, or 1/2 against k = -1): t1 and
+    // lo1 are 0, r is x - 1, and the relative error is that of the series below even for b up
+    // to 2^60. Elsewhere |ln x| >= 2^-11 and |r| <= 2 |ln x|.
+    double t1 = k * kLn2Hi + t.logcHi;
+    double lo1 = k * kLn2Lo + t.logcLo;
+    // ln(1+r) = r - r^2/2 + r^3 c(r), |r| <= 2^-10, c to r^4/7: truncation r^8/8 <= 2^-73 |r|.
+    // r^3 c(r) is below 2^-21.5 |r| and computed within 5.5u of itself: 2^-72.1 |r|.
+    DD s = fastTwoSum(t1, r);  // t1 == 0 or |t1| >= |r|: the table generator checks it
+    DD rr = twoProd<Fma>(r, r);
+    DD h = fastTwoSum(s.h, -0.5 * rr.h);  // s.h = r, or |s.h| >= |ln x| - 2^-21 > r^2/2
+    double c = (1.0 / 3 - r * (1.0 / 4)) + rr.h * ((1.0 / 5 - r * (1.0 / 6)) + rr.h * (1.0 / 7));
+    double cubic = (r * rr.h) * c;
+    // The low terms are below 2^-20.5 |ln x| (lo1 <= (|k| + 1) 2^-43 against |ln x| >= 2^-11
+    // and >= (|k| - 1) ln 2): the sums cost 2^-73.5 |ln x|. The absolute 2^-84 of lo1 is at most
+    // 2^-73 |ln x|, the series' errors 2^-72.1 + 2^-73 of |r| <= 2 |ln x|: 2^-70.2 |ln x| in all.
+    double lo = ((s.l + h.l) + (lo1 - 0.5 * rr.l)) + cubic;
+    return {h.h, lo};
+}
+
+// ---------------------------------------------------------------- exp and the rounding test
+
+// e^(p.h + p.l) = (y.h + y.l) 2^e with y in [0.99, 2.01], |y.l| <= 2^-16.6 + 2^-19.5 |P|, within
+// 2^-66.8 + 2^-70.5 |P| relative plus the error of p; |p.h| < 710, |p.l| <= 2^-20.5 |P|.
+template <bool Fma>
+inline DD expdd(DD p, int& e)
+{
+    // p = kd ln2/128 + t: kd is p.h 128/ln2 rounded to an integer (|kd| < 2^17, |t| <= 2^-8.53);
+    // kd kLn2NHi is exact (36 bits), and so is t: for |p.h| < 2^-9 kd is 0 and t is p.h,
+    // otherwise both terms are multiples of 2^-61 and |t| < 2^-8. The rest, tl, is within
+    // 2^-81 + u |p.l| <= 2^-81 + 2^-73.5 |P|.
     const double shift = 0x1.8p52;
-    double kd = (p.h * 128.0 + shift) - shift;
+    double kd = (p.h * kInvLn2N + shift) - shift;
     int64_t ki = static_cast<int64_t>(kd);
-    DD t = twoSum(p.h - kd * (1.0 / 128), p.l);
-    // u = t ln2, |u| <= 2^-8.5, relative error <= 2^-102.
-    DD u = twoProd<Fma>(t.h, kLn2Hi);
-    u.l += t.h * kLn2Lo + t.l * kLn2Hi;
-    // e^u = 1 + u + u^2/2 + u^3 * q(u); q to u^5/8! (truncation u^9/9! < 2^-95). The cubic
-    // part is below 2^-28: its double rounding costs at most 2^-79.
-    DD uu = twoProd<Fma>(u.h, u.h);
-    uu.l += 2.0 * u.h * u.l;
-    double cubic = (1.0 / 6 + u.h * (1.0 / 24)) +
-                   uu.h * ((1.0 / 120 + u.h * (1.0 / 720)) + uu.h * (1.0 / 5040 + u.h * (1.0 / 40320)));
-    cubic *= u.h * uu.h;
-    DD e1 = fastTwoSum(1.0, u.h);
-    DD e2 = fastTwoSum(e1.h, 0.5 * uu.h);
-    double elo = ((u.l + 0.5 * uu.l) + (e1.l + e2.l)) + cubic;  // below 2^-27: <= 2^-80
-    // e^u = e2.h + elo within 2^-78 relative; times 2^(j/128) (table 2^-106, product 2^-104).
+    double t = p.h - kd * kLn2NHi;
+    double tl = p.l - kd * kLn2NLo;
+    // e^(t + tl) = 1 + t + E, E = tl + v^2 (1/2 + v/6 + ... + v^4/720) with v = t + tl
+    // rounded (|v| <= 2^-8.33, off by 2^-61.3, which moves E by 2^-69.6); truncation v^7/5040
+    // <= 2^-70.6; the square, the polynomial and the product within 3.01u of the square part:
+    // 2^-69.1; the sum with tl 2^-70.6 + 2^-73.5 |P|. E is within 2^-67.8 + 2^-72.5 |P|.
+    double v = t + tl;
+    double vv = v * v;
+    double poly = (0.5 + v * ((1.0 / 6) + v * (1.0 / 24))) +
+                  (vv * v) * ((1.0 / 120) + v * (1.0 / 720));
+    double E = mulAdd<Fma>(vv, poly, tl);
+    // y = T (1 + t + E), T = 2^(j/128) as Thi + Tlo (2^-106). Thi t and Thi + (Thi t) exactly;
+    // the low sums at 2^-52 and below cost 2^-104; Thi E and Tlo t at most three roundings of
+    // 2^-69.6 + 2^-72.5 |P|, the dropped Tlo E 2^-70.6: with tl's and E's own errors, the exp
+    // is within 2^-66.8 + 2^-70.5 |P| of y.
     const ExpEntry& tj = kExp2[ki & 127];
-    DD y = twoProd<Fma>(tj.hi, e2.h);
-    y.l += tj.hi * elo + tj.lo * e2.h;
+    DD q = twoProd<Fma>(tj.hi, t);
+    DD s = fastTwoSum(tj.hi, q.h);  // |Thi| >= 1 > |q.h|
+    double yl = mulAdd<Fma>(tj.lo, t, mulAdd<Fma>(tj.hi, E, tj.lo + (s.l + q.l)));
     e = static_cast<int>(ki >> 7);
-    return y;
+    return {s.h, yl};
 }
 
 // sign * y rounded to double in out when every value within relErr of y (relative) rounds
 // alike, y normal and far from overflow. Rounding is monotone, so it suffices that both ends of
-// [y - eps, y + eps] round to the same double; eps covers relErr with room for the rounding of
-// y.l -/+ eps itself (below 2^-100 relative).
+// [y - eps, y + eps] round to the same double. The sums y.l -/+ eps round by at most u |y.l|,
+// which relErr covers (the callers' model errors include it).
 inline bool roundDD(DD y, double relErr, bool negative, double& out)
 {
     double eps = std::fabs(y.h) * relErr;
@@ -190,51 +205,70 @@ inline bool roundDD(DD y, double relErr, bool negative, double& out)
     return true;
 }
 
-// sign * 2^(p.h + p.l) rounded to double in out when the rounding is provably that of every
-// value within relErr of the true power; -1020 < p.h < 1022 so the result is normal. False when
-// the approximation is too close to a midpoint between two doubles.
-template <bool Fma>
-inline bool exp2Round(DD p, double relErr, bool negative, double& out)
-{
-    int e;
-    DD y = exp2dd<Fma>(p, e);
-    // y lies in [0.99, 2.01]: round it there, then scale.
-    if (!roundDD(y, relErr, negative, out))
-        return false;
-    out *= fromBits(static_cast<uint64_t>(e + 1023) << 52);  // exact: the result is normal
-    return true;
-}
-
 // ---------------------------------------------------------------- small integral exponents
 
-// x^n for 1 <= n <= 64 by left-to-right binary powering in double-double. Each square or
-// product is exact but for the low-part terms (2^-102 relative); a relative error e in the
-// running power becomes 2e on squaring, so the result is within (n + 12) 2^-102 < 2^-95.
+// x^n for 1 <= n <= 64 by left-to-right binary powering, h + l kept unnormalized: squaring
+// doubles the relative gap l/h (so |l| <= 2^-46 |h| after six squarings); each step's new low
+// part is within two roundings of at most 2^-46 |h| u, 2^-98 in all, and a relative error e of
+// the running power becomes 2e on squaring: within 12 * 64 * 2^-98 < 2^-88.4.
 template <bool Fma>
 inline DD powIntDD(double x, unsigned n)
 {
     DD r = {x, 0.0};
     for (int i = 30 - __builtin_clz(n); i >= 0; --i) {
         DD sq = twoProd<Fma>(r.h, r.h);
-        sq.l += 2.0 * r.h * r.l;
-        r = fastTwoSum(sq.h, sq.l);
+        r = {sq.h, mulAdd<Fma>(2.0 * r.h, r.l, sq.l)};
         if ((n >> i) & 1) {
             DD p = twoProd<Fma>(r.h, x);
-            p.l += r.l * x;
-            r = fastTwoSum(p.h, p.l);
+            r = {p.h, mulAdd<Fma>(r.l, x, p.l)};
         }
     }
     return r;
 }
 
-// 1/d in double-double: q = 1/d.h, one Newton step on the exact residual (2^-100 relative).
+// 1/d in double-double, |d.l| <= 2^-46 |d.h|: q = 1/d.h, one Newton step on the residual e
+// (|e| <= 2^-45.9, the dropped e^2 and the roundings 2^-91.5 relative).
 template <bool Fma>
 inline DD reciprocalDD(DD d)
 {
     double q = 1.0 / d.h;
     DD p = twoProd<Fma>(q, d.h);
     double e = ((1.0 - p.h) - p.l) - q * d.l;  // 1 - p.h is exact: p.h is within 2^-52 of 1
-    return fastTwoSum(q, q * e);
+    return {q, q * e};
+}
+
+// ---------------------------------------------------------------- b ln|a| and its power
+
+// P = b ln|a| from l = ln|a|: b l.h exactly as two parts, b l.l within u 2^-20.5 |P|, the sum as
+// much.
+template <bool Fma>
+inline DD lnTimes(DD l, double b)
+{
+    DD p = twoProd<Fma>(b, l.h);
+    p.l = mulAdd<Fma>(b, l.l, p.l);
+    return p;
+}
+
+// |P| below this: 2^e with -1021 <= e <= 1020 times y in [0.99, 2.01] is normal and finite, and
+// the overflow limit is above a (b ln a < 1020 ln 2 + 2^-11 while b ln of the limit is above
+// 1024 ln 2 - 2^-43 - b 2^-60 > 1023 ln 2 for b < 2^60, see fastPowWith).
+constexpr double kLnNormal = 1020.0 * kLn2Hi;
+
+// sign * e^P rounded to double in out when the rounding test proves it that of powl; |P| <
+// kLnNormal. integral selects powl's error bound for integral exponents.
+template <bool Fma>
+inline bool expRound(DD p, bool integral, bool negative, double& out)
+{
+    const double scale = 1.0 + 0x1p-20;  // room for the error of the bound's own arithmetic
+    double relErr = std::fabs(p.h) * (kModelErrPerP * scale) +
+                    (integral ? (kPowlErrInt + kModelErr) * scale : (kPowlErrFrac + kModelErr) * scale);
+    int e;
+    DD y = expdd<Fma>(p, e);
+    // y lies in [0.99, 2.01]: round it there, then scale (exact: the result is normal).
+    if (!roundDD(y, relErr, negative, out))
+        return false;
+    out *= fromBits(static_cast<uint64_t>(e + 1023) << 52);
+    return true;
 }
 
 // ---------------------------------------------------------------- the fast path
@@ -248,8 +282,11 @@ enum Outcome {
 
 enum Guard {
     kNoGuard,     // the power alone
-    kLogGuard,    // decide powl(DBL_MAX, 1/b) > a from log2 a where provable
+    kLogGuard,    // decide powl(DBL_MAX, 1/b) > a from ln a where provable
 };
+
+// 1024 ln 2 within 2^-44: ln DBL_MAX is 2^-53 below it.
+constexpr double kLnOverflow = 1024.0 * (kLn2Hi + kLn2Lo);
 
 // a^b for b != 2 after the negative-base substitution (a < 0 implies b integral, infinite or
 // NaN). With a guard, b > 1 checks the overflow limit first as the powl rule does.
@@ -258,13 +295,14 @@ inline Outcome fastPowWith(double a, double b, double& out)
 {
     // Zero, subnormal, infinite and NaN bases, infinite, NaN and huge exponents go to powl.
     uint64_t ia = bitsOf(a) & 0x7FFFFFFFFFFFFFFFULL;
-    if (ia - 0x0010000000000000ULL >= 0x7FE0000000000000ULL || !(std::fabs(b) < 0x1p60))
+    double ab = std::fabs(b);
+    if (ia - 0x0010000000000000ULL >= 0x7FE0000000000000ULL || !(ab < 0x1p60))
         return kUnknown;
+    bool integral = b == std::floor(b);
     // Integral exponents up to 64 with a result between 2^-960 and 2^960 (every intermediate
     // power too, so no low part underflows): binary powering, no log. The overflow limit is
     // then far above a: a^b < 2^960 while powl(DBL_MAX, 1/b) > 2^(1023.9/b) > 2 a for b <= 64.
-    double ab = std::fabs(b);
-    if (ab >= 1.0 && ab <= 64.0 && ab == std::floor(ab)) {
+    if (integral && ab <= 64.0 && ab >= 1.0) {
         unsigned n = static_cast<unsigned>(ab);
         int e = static_cast<int>(ia >> 52) - 1023;
         if (static_cast<int>(n) * (e < 0 ? 1 - e : e + 1) <= 960) {
@@ -272,67 +310,53 @@ inline Outcome fastPowWith(double a, double b, double& out)
             if (b < 0)
                 y = reciprocalDD<Fma>(y);
             bool negative = a < 0 && (n & 1);
-            return roundDD(y, (kPowlErrInt + 0x1p-90) * (1.0 + 0x1p-20), negative, out) ? kValue
-                                                                                        : kGuarded;
+            return roundDD(y, (kPowlErrInt + kModelErrInt) * (1.0 + 0x1p-20), negative, out)
+                       ? kValue
+                       : kGuarded;
         }
     }
-    DD l = log2dd<Fma>(fromBits(ia));
-    // P = b log2|a|: abs. error <= 2^-70 |P| (log) + 2^-104 |P| (product).
-    DD p = twoProd<Fma>(b, l.h);
-    p = fastTwoSum(p.h, p.l + b * l.l);
-    if (G == kLogGuard && b > 1.0 && a >= 1.0) {
-        // powl(DBL_MAX, r), r = 1/b rounded, has log2 = r log2(DBL_MAX) + d with |d| <= 2^-60
-        // (measured 1.2 * 2^-64 relative). b r = 1 +- 2^-53 and log2(DBL_MAX) = 1024 - 2^-52.5,
-        // p.h = b log2 a (1 +- 2^-52): so p.h < 1024 - 2^-38 - b 2^-60 proves the limit above a,
-        // p.h > 1024 + the same proves it at most a; the margin below is wider still.
-        double margin = 0x1p-36 + b * 0x1p-56;
-        if (p.h > 1024.0 + margin)
-            return kOverflow;
-        if (!(p.h < 1024.0 - margin))
-            return kUnknown;
+    bool negative = false;
+    if (a < 0) {
+        if (!integral)
+            return kGuarded;  // powl's NaN (only the powl rule without substitution gets here)
+        negative = ab < 0x1p53 && (static_cast<int64_t>(b) & 1);
     }
-    if (!(p.h > -1020.0 && p.h < 1022.0))
-        return kGuarded;  // subnormal, overflowing or nearly overflowing result
-    bool integral = b == std::floor(b);
-    if (a < 0 && !integral)
-        return kGuarded;  // powl's NaN (only the powl rule without substitution gets here)
-    bool negative = a < 0 && std::fabs(b) < 0x1p53 && (static_cast<int64_t>(b) & 1);
-    double relErr = ((integral ? kPowlErrInt : kPowlErrFrac) + kModelErr +
-                     kModelErrPerP * std::fabs(p.h)) * (1.0 + 0x1p-20);
-    return exp2Round<Fma>(p, relErr, negative, out) ? kValue : kGuarded;
+    DD p = lnTimes<Fma>(logdd<Fma>(fromBits(ia)), b);
+    if (!(std::fabs(p.h) < kLnNormal)) {
+        if (G == kLogGuard && b > 1.0 && a >= 1.0) {
+            // powl(DBL_MAX, r), r = 1/b rounded, has ln = r ln(DBL_MAX) + d with |d| <= 2^-60
+            // (measured 1.2 * 2^-64 relative). b r = 1 +- 2^-53 and ln(DBL_MAX) = 1024 ln 2 -
+            // 2^-53, pg = b ln a within 2^-52 |P|: so pg below 1024 ln 2 - 2^-41 - b 2^-60
+            // proves the limit above a, above 1024 ln 2 + the same proves it at most a; the
+            // margin below is wider.
+            double pg = p.h + p.l;  // p.l may be up to 2^-20.5 |P|: the guard needs the sum
+            double margin = 0x1p-36 + b * 0x1p-56;
+            if (pg > kLnOverflow + margin)
+                return kOverflow;
+            if (!(pg < kLnOverflow - margin))
+                return kUnknown;
+        }
+        return kGuarded;  // subnormal, overflowing or nearly overflowing results
+    }
+    return expRound<Fma>(p, integral, negative, out) ? kValue : kGuarded;
 }
 
-// The same compiled for fused multiply-add, chosen at run time where the processor has it. Both
-// give the same answers: the rounding test holds for either approximation.
-#if !defined(__FP_FAST_FMA) && defined(__x86_64__) && defined(__GNUC__)
-template <Guard G>
-[[gnu::target("fma"), gnu::flatten]] Outcome fastPowFma(double a, double b,
-                                                        double& out)
-{
-    return fastPowWith<G, true>(a, b, out);
-}
-
-inline bool haveFma()
-{
-    static const bool yes = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("fma") != 0;
-    }();
-    return yes;
-}
-#endif
-
-template <Guard G>
-inline Outcome fastPow(double a, double b, double& out)
-{
+// Whether the processor fuses multiply-add; the callers compile the kernel both ways and pick
+// by this flag. Read before it is set (by another static initializer) it is false, which only
+// takes the slower of two paths that give the same bits.
 #if defined(__FP_FAST_FMA)
-    return fastPowWith<G, true>(a, b, out);
-#elif defined(__x86_64__) && defined(__GNUC__)
-    return haveFma() ? fastPowFma<G>(a, b, out) : fastPowWith<G, false>(a, b, out);
+constexpr bool kFmaBuild = true;
 #else
-    return fastPowWith<G, false>(a, b, out);
+constexpr bool kFmaBuild = false;
 #endif
+#if !defined(__FP_FAST_FMA) && defined(__x86_64__) && defined(__GNUC__)
+inline bool detectFma()
+{
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("fma") != 0;
 }
+inline const bool haveFma = detectFma();
+#endif
 
 }  // namespace pw
 }  // namespace oxk
