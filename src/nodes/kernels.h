@@ -301,6 +301,7 @@ struct PowPlan {
     PowFn fn;
     double b, bc;  // the exponent and its ceiling
     bool integral;
+    bool square;  // the exponent 2: the extended square, inlined by powPlanned
     double a;     // the base
     pw::DD lnA;   // ln a when fastBase
     bool fastBase;
@@ -347,19 +348,25 @@ OXK_POW_ENTRY(powBase, powBaseWith, double, (const PowPlan& p, double b, int& er
 
 inline PowPlan::PowPlan(double exponent)
     : fn(OXK_POW_PICK(powExponent)), b(exponent), bc(std::ceil(exponent)),
-      integral(!(exponent != bc)), a(0.0), lnA{0.0, 0.0}, fastBase(false)
+      integral(!(exponent != bc)), square(exponent == 2.0), a(0.0), lnA{0.0, 0.0},
+      fastBase(false)
 {
 }
 
 inline PowPlan::PowPlan(Base, double base)
-    : fn(OXK_POW_PICK(powBase)), b(0.0), bc(0.0), integral(false), a(base), lnA{0.0, 0.0},
-      fastBase(base >= DBL_MIN && base <= DBL_MAX)
+    : fn(OXK_POW_PICK(powBase)), b(0.0), bc(0.0), integral(false), square(false), a(base),
+      lnA{0.0, 0.0}, fastBase(base >= DBL_MIN && base <= DBL_MAX)
 {
     if (fastBase)
         lnA = pw::logdd<false>(base);  // either approximation of ln a is within the bound
 }
 
-inline double powPlanned(const PowPlan& p, double x, int& err) { return p.fn(p, x, err); }
+inline double powPlanned(const PowPlan& p, double x, int& err)
+{
+    if (p.square)  // x^2 costs less than the call
+        return powGuardedWith<false>(x, 2.0, err);
+    return p.fn(p, x, err);
+}
 #undef OXK_POW_ENTRY
 #undef OXK_POW_PICK
 
