@@ -1,10 +1,10 @@
 // Long-run checks of the fast power kernel: differential against the powl rule, and the errors
-// of powl and of the kernel's double-double approximation against MPFR.
+// of powl and of the kernel's approximation against MPFR.
 //   power_check diff N [seed]   N random inputs: bits and error code of eval_OxHoch (and on
-//                               every eighth powerOf and powPlanned) against the rule
+//                               every eighth powerOf and both kinds of powPlanned) against the rule
 //                               written out with powl; the path without fused multiply-add too
 //   power_check powl N          powl's worst relative error per input class
-//   power_check model N         the double-double approximation's worst relative error
+//   power_check model N         the approximation's worst relative error
 // Built with -DOXEL_BUILD_POWER_CHECK=ON (needs MPFR); see docs/performance.md.
 #include <mpfr.h>
 
@@ -137,11 +137,14 @@ int diff(long long n)
         bool ok = doubleBits(want) == doubleBits(got) && e0 == e1;
         // A prepared exponent and the bare power on every eighth input: they cost three more
         // powl calls each.
-        double planned = want, bare = 0.0;
+        double planned = want, bare = 0.0, based = want;
         if (i % 8 == 0) {
+            int e3 = 0;
             planned = oxk::powPlanned(oxk::PowPlan(b), a, e2);
+            based = oxk::powPlanned(oxk::PowPlan(oxk::PowPlan::Base{}, a), b, e3);
             bare = oxk::powerOf(a, b);
             ok = ok && doubleBits(want) == doubleBits(planned) && e0 == e2 &&
+                 doubleBits(want) == doubleBits(based) && e0 == e3 &&
                  doubleBits(bare) == doubleBits(powlOnly(a, b));
         }
         if ((i + 1) % 100000000 == 0) {
@@ -149,8 +152,8 @@ int diff(long long n)
             std::fflush(stdout);
         }
         if (!ok && ++bad <= 20)
-            std::printf("MISMATCH a=%a b=%a: rule %a (%d), eval %a (%d), planned %a (%d), bare %a\n",
-                        a, b, want, e0, got, e1, planned, e2, bare);
+            std::printf("MISMATCH a=%a b=%a: rule %a (%d), eval %a (%d), planned %a (%d), "
+                        "based %a, bare %a\n", a, b, want, e0, got, e1, planned, e2, based, bare);
         // Which way the fast path went (the substituted exponent as eval_OxHoch uses it), and
         // the path without fused multiply-add, which processors without it take.
         double bs = a < 0 && b != std::ceil(b) ? std::ceil(b) : b;
