@@ -152,10 +152,8 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     int numRegs = 0;
     int previous = -1;  // the step whose result is in the accumulator
     p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);
-    p.plans.reserve(static_cast<size_t>(
-        std::count_if(l.steps.begin(), l.steps.end(), [](const oxp::Step& s) {
-            return oxp::plannedPower(s);
-        })));
+    p.plans.reserve(
+        static_cast<size_t>(std::count_if(l.steps.begin(), l.steps.end(), &oxp::plannedPower)));
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
         index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;

@@ -226,16 +226,21 @@ inline double powerOfWith(double a, double b)
     return powerOfPowl(a, b);
 }
 
+// a^2 with its guard: the whole rule for the exponent 2, whatever the base.
+inline double squareGuarded(double a, int& err)
+{
+    if (squareLimit() > a)
+        return squareOf(a);
+    raise(err, OX_ERR_OVERFLOW);
+    return 1.0;
+}
+
 // The guard and the power after the negative-base substitution.
 template <bool Fma>
 inline double powGuardedWith(double a, double b, int& err)
 {
-    if (b == 2.0) {
-        if (squareLimit() > a)
-            return squareOf(a);
-        raise(err, OX_ERR_OVERFLOW);
-        return 1.0;
-    }
+    if (b == 2.0)
+        return squareGuarded(a, err);
     double r;
     switch (pw::fastPowWith<pw::kLogGuard, Fma>(a, b, r)) {
     case pw::kValue:
@@ -364,7 +369,7 @@ inline PowPlan::PowPlan(Base, double base)
 inline double powPlanned(const PowPlan& p, double x, int& err)
 {
     if (p.square)  // x^2 costs less than the call
-        return powGuardedWith<false>(x, 2.0, err);
+        return squareGuarded(x, err);
     return p.fn(p, x, err);
 }
 #undef OXK_POW_ENTRY

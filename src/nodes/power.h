@@ -72,14 +72,6 @@ inline DD fastTwoSum(double a, double b)
     return {s, b - (s - a)};
 }
 
-// s + e == a + b exactly.
-inline DD twoSum(double a, double b)
-{
-    double s = a + b;
-    double bb = s - a;
-    return {s, (a - (s - bb)) + (b - bb)};
-}
-
 // p + e == a * b exactly (no overflow or underflow of e: the callers keep products between
 // 2^-960 and 2^960). Fma says the code is compiled for a processor with fused multiply-add.
 template <bool Fma>
@@ -160,10 +152,10 @@ inline DD logdd(double x)
 template <bool Fma>
 inline DD expdd(DD p, int& e)
 {
-    // p = kd ln2/128 + t: kd is p.h 128/ln2 rounded to an integer (|kd| < 2^17, |t| <= 2^-8.53);
-    // kd kLn2NHi is exact (36 bits), and so is t: for |p.h| < 2^-9 kd is 0 and t is p.h,
-    // otherwise both terms are multiples of 2^-61 and |t| < 2^-8. The rest, tl, is within
-    // 2^-81 + u |p.l| <= 2^-81 + 2^-73.5 |P|.
+    // p = kd ln2/128 + t, 128 = 2^kExpBits: kd is p.h 128/ln2 rounded to an integer (|kd| <
+    // 2^17, |t| <= 2^-8.53); kd kLn2NHi is exact (36 bits), and so is t: for |p.h| < 2^-9 kd
+    // is 0 and t is p.h, otherwise both terms are multiples of 2^-61 and |t| < 2^-8. The rest,
+    // tl, is within 2^-81 + u |p.l| <= 2^-81 + 2^-73.5 |P|.
     const double shift = 0x1.8p52;
     double kd = (p.h * kInvLn2N + shift) - shift;
     int64_t ki = static_cast<int64_t>(kd);
@@ -182,11 +174,11 @@ inline DD expdd(DD p, int& e)
     // the low sums at 2^-52 and below cost 2^-104; Thi E and Tlo t at most three roundings of
     // 2^-69.6 + 2^-72.5 |P|, the dropped Tlo E 2^-70.6: with tl's and E's own errors, the exp
     // is within 2^-66.8 + 2^-70.5 |P| of y.
-    const ExpEntry& tj = kExp2[ki & 127];
+    const ExpEntry& tj = kExp2[ki & ((1 << kExpBits) - 1)];
     DD q = twoProd<Fma>(tj.hi, t);
     DD s = fastTwoSum(tj.hi, q.h);  // |Thi| >= 1 > |q.h|
     double yl = mulAdd<Fma>(tj.lo, t, mulAdd<Fma>(tj.hi, E, tj.lo + (s.l + q.l)));
-    e = static_cast<int>(ki >> 7);
+    e = static_cast<int>(ki >> kExpBits);
     return {s.h, yl};
 }
 
