@@ -195,6 +195,21 @@ TEST(ExpressionEval, ShortVectorAndReplacedTree)
     err = 0;
     EXPECT_EQ(7.0, e.eval(v, err));
     EXPECT_EQ(6.0, v[1]);  // the assignment leaves its value in its slot
+    // The pointer form: the same checks on the count, the same write-back.
+    double raw[2] = {5, 0};
+    const OxelExpression& ce = e;
+    for (int count : {1, -1}) {
+        err = 0;
+        EXPECT_EQ(0.0, ce.eval(raw, count, err));
+        EXPECT_EQ(OX_ERR_ILLEGAL_ARGUMENT, err);
+    }
+    err = 0;
+    EXPECT_EQ(0.0, ce.eval(nullptr, 2, err));
+    EXPECT_EQ(OX_ERR_ILLEGAL_ARGUMENT, err);
+    err = 0;
+    EXPECT_EQ(11.0, ce.eval(raw, 2, err));
+    EXPECT_EQ(0, err);
+    EXPECT_EQ(10.0, raw[1]);
     e.setRoot(nullptr);    // the default expression
     EXPECT_EQ(0.0, e.eval(v, err));
     e.setRoot(new OxLn(new OxVar(0, "x")));

@@ -22,16 +22,19 @@ public:
     /// Declares a variable; returns its index in the value vector (-1 for a null or empty name).
     int addVar(const char* name);
     void addVarAlias(const char* varName, const char* alias);
-    int varIndex(const char* name);
+    int varIndex(const char* name) const;
     const char* varName(unsigned int index) const;
-    int numVars();
-    int numInternalVars();
+    int numVars() const;
+    int numInternalVars() const;
     int isVarNeeded(const char* name) const;
 
     /// Parses text: 1 on success; 0 otherwise, and the expression then evaluates to 0.
     int initFromString(const char* text);
     /// Evaluates with values[i] for variable i (numVars() slots); failures set a zero err.
-    double eval(KxDArray<double>& values, int& err);
+    double eval(KxDArray<double>& values, int& err) const;
+    /// The same over count values (count >= numVars(); a shorter or null array sets
+    /// OX_ERR_ILLEGAL_ARGUMENT and gives 0). Assignments write back into values.
+    double eval(double* values, int count, int& err) const;
     void setDefaultExpression();
     void clear();
     void copyVarNames(OxelExpression& other);
@@ -54,7 +57,7 @@ public:
 
     /// Derivative by a variable or alias, not simplified; null where none exists. The
     /// derivative and the simplified copies below are new expressions owned by the caller.
-    OxelExpression* derivative(const char* var);
+    OxelExpression* derivative(const char* var) const;
     /// One simplification pass.
     OxelExpression* simplified() const;
     /// Repeats the simplification pass until the printed text stops changing.
@@ -67,21 +70,22 @@ public:
     /// Large batches are split across worker threads (see oxelSetBatchThreads), except for
     /// formulas with random sources or dependent variables, which run in row order.
     /// Returns 0, or -1 when stride < numVars() or an argument is null.
-    int evalBatch(const double* rows, int numRows, int stride, double* results, int* errors);
+    int evalBatch(const double* rows, int numRows, int stride, double* results,
+                  int* errors) const;
     /// The same with one array per variable: columns[i][r] is variable i in row r, for every
     /// i < numVars(); a null column reads as 0.0 (handy for internal variables). Returns 0, or
     /// -1 when columns, results or errors is null or numRows < 0. With errorsZeroed the caller
     /// promises that errors holds zeros already: rows without a failure are then not written,
     /// so a freshly zero-mapped array (calloc, numpy.zeros) costs no page touches there.
     int evalBatchColumns(const double* const* columns, int numRows, double* results,
-                         int* errors, bool errorsZeroed = false);
+                         int* errors, bool errorsZeroed = false) const;
 
 private:
     OxelExpression* withSameNames(Oxel* tree) const;
     void installTree(Oxel* tree);
     void dropProgram();
-    OxelProgram* batchProgram();
-    OxelPointProgram* pointProgram();
+    OxelProgram* batchProgram() const;
+    OxelPointProgram* pointProgram() const;
 
     Oxel* root_;
     KxDArray<KxString> names_;
@@ -91,8 +95,8 @@ private:
     int lastErrorOffset_;
     // Compiled forms of root_, each built on first use by whichever thread gets there first
     // (the others discard theirs), so that threads may share one expression.
-    std::atomic<OxelPointProgram*> point_;
-    std::atomic<OxelProgram*> program_;
+    mutable std::atomic<OxelPointProgram*> point_;
+    mutable std::atomic<OxelProgram*> program_;
 };
 
 /// Worker threads that evalBatch and evalBatchColumns may use for one large batch, process-wide

@@ -52,7 +52,7 @@ void OxelExpression::addVarAlias(const char* varName, const char* alias)
     aliases_.insert(KxString(alias ? alias : ""), KxString(varName ? varName : ""));
 }
 
-int OxelExpression::varIndex(const char* name)
+int OxelExpression::varIndex(const char* name) const
 {
     if (!name || !*name)
         return -1;
@@ -74,12 +74,12 @@ const char* OxelExpression::varName(unsigned int index) const
     return names_[static_cast<int>(index)].c_str();
 }
 
-int OxelExpression::numVars()
+int OxelExpression::numVars() const
 {
     return names_.length();
 }
 
-int OxelExpression::numInternalVars()
+int OxelExpression::numInternalVars() const
 {
     return numInternal_;
 }
@@ -128,16 +128,23 @@ int OxelExpression::initFromString(const char* text)
     return 0;
 }
 
-double OxelExpression::eval(KxDArray<double>& values, int& err)
+double OxelExpression::eval(KxDArray<double>& values, int& err) const
+{
+    return eval(values.data(), values.length(), err);
+}
+
+double OxelExpression::eval(double* values, int count, int& err) const
 {
     if (!root_)
         return 0.0;
     // A short vector would be read (and written) past its end.
-    if (values.length() < names_.length()) {
+    if (!values && names_.length() > 0)
+        count = -1;
+    if (count < names_.length()) {
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
-    return oxelPointRun(*pointProgram(), root_, values.data(), err);
+    return oxelPointRun(*pointProgram(), root_, values, err);
 }
 
 void OxelExpression::setDefaultExpression()
@@ -204,7 +211,7 @@ OxelExpression* OxelExpression::withSameNames(Oxel* tree) const
     }
 }
 
-OxelExpression* OxelExpression::derivative(const char* var)
+OxelExpression* OxelExpression::derivative(const char* var) const
 {
     if (!root_)
         return nullptr;
@@ -263,18 +270,18 @@ Program* compiledOnce(std::atomic<Program*>& slot, Program* (*compile)(Oxel*, in
 
 }  // namespace
 
-OxelPointProgram* OxelExpression::pointProgram()
+OxelPointProgram* OxelExpression::pointProgram() const
 {
     return compiledOnce(point_, &oxelPointCompile, &oxelPointRelease, root_, numVars());
 }
 
-OxelProgram* OxelExpression::batchProgram()
+OxelProgram* OxelExpression::batchProgram() const
 {
     return compiledOnce(program_, &oxelProgramCompile, &oxelProgramRelease, root_, numVars());
 }
 
 int OxelExpression::evalBatch(const double* rows, int numRows, int stride, double* results,
-                              int* errors)
+                              int* errors) const
 {
     if (!rows || !results || !errors || numRows < 0 || stride < numVars())
         return -1;
@@ -284,7 +291,7 @@ int OxelExpression::evalBatch(const double* rows, int numRows, int stride, doubl
 }
 
 int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
-                                     double* results, int* errors, bool errorsZeroed)
+                                     double* results, int* errors, bool errorsZeroed) const
 {
     if (!columns || !results || !errors || numRows < 0)
         return -1;
