@@ -15,7 +15,7 @@
 
 #include <oxel/oxel.h>
 
-#include "expression/program.h"
+#include "program/program.h"
 
 namespace {
 
@@ -150,6 +150,10 @@ const char* const kFormulas[] = {
     "a = b = x; a + b", "sin(a = y) + a", "x; y", "x / 0; y", "ln(x); sqrt(y)", "a = ln(x); a",
     "a = x / 0; b = a + 1; ln(b)", "x = y + 1; x * 2", "y = x; x = y * 2; x + y",
     "a = sqrt(x); a < 0",
+    // repeated subtrees, computed once; the divisor's ln(y) fails before the shared sqrt(x)
+    "sqrt(x * x + y * y) / (1 + sqrt(x * x + y * y))", "ln(x) * ln(x) - ln(x) / ln(x)",
+    "sqrt(x) / ln(y) * sqrt(x)", "a = x * y; x * y + a * (x * y)", "x * y + (x = 2) * (x * y)",
+    "pow(x, y) + pow(x, y) * pow(x, 2) + pow(x, 2)", "-0 * x + 0 * x",
     // long mixed formula
     "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2) - atan2(y, x) * ln(abs(z) + 1)",
     "max(min(x, y), z) + (x > 0 && y > 0) * hypot(x, y) - (x << 2 | y & 7)",
@@ -160,7 +164,8 @@ const char* const kFormulas[] = {
 // Random formulas of the whole language (every operator and function, assignments, several
 // statements) and the seed corpus of the expression fuzz target, at ordinary and special
 // points: the program and the batch must give the tree walk's bits, codes and slots.
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned)
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
+                          const std::string* shared = nullptr)
 {
     static const char* const unary[] = {"sin", "cos", "tan", "sqrt", "ln", "atan", "asin", "acos",
                                         "exp", "erf", "erfc", "abs", "acosh", "asinh", "atanh",
@@ -174,19 +179,21 @@ std::string randomFormula(std::mt19937& rng, int depth, bool assigned)
     static const char* const leaves[] = {"x", "y", "z", "0", "1", "2.5", "1e308", "1e-300",
                                          "0.5", "710", "3", "a"};
     auto pick = [&](auto& table) { return table[rng() % (sizeof table / sizeof table[0])]; };
+    if (shared && rng() % 3 == 0)  // a subtree that occurs again and again
+        return "(" + *shared + ")";
     if (depth == 0 || rng() % 5 == 0)  // "a" is read only once it has been assigned
         return leaves[rng() % (sizeof leaves / sizeof leaves[0] - (assigned ? 0 : 1))];
     switch (rng() % 5) {
     case 0:
-        return std::string(pick(unary)) + "(" + randomFormula(rng, depth - 1, assigned) + ")";
+        return std::string(pick(unary)) + "(" + randomFormula(rng, depth - 1, assigned, shared) + ")";
     case 1:
-        return std::string(pick(binary)) + "(" + randomFormula(rng, depth - 1, assigned) + ", " +
-               randomFormula(rng, depth - 1, assigned) + ")";
+        return std::string(pick(binary)) + "(" + randomFormula(rng, depth - 1, assigned, shared) + ", " +
+               randomFormula(rng, depth - 1, assigned, shared) + ")";
     case 2:
-        return "(a = " + randomFormula(rng, depth - 1, assigned) + ")";
+        return "(a = " + randomFormula(rng, depth - 1, assigned, shared) + ")";
     default: {
-        std::string l = randomFormula(rng, depth - 1, assigned);
-        std::string r = randomFormula(rng, depth - 1, assigned);
+        std::string l = randomFormula(rng, depth - 1, assigned, shared);
+        std::string r = randomFormula(rng, depth - 1, assigned, shared);
         return "(" + l + " " + pick(infix) + " " + r + ")";
     }
     }
@@ -198,6 +205,11 @@ TEST(BatchEval, RandomFormulasAndFuzzCorpus)
     std::mt19937 rng(2024);
     for (int i = 0; i < 400; ++i)
         texts.push_back("a = " + randomFormula(rng, 2, false) + "; " + randomFormula(rng, 4, true));
+    for (int i = 0; i < 200; ++i) {  // repeated subtrees, also across an assignment of "a"
+        const std::string shared = randomFormula(rng, 2, i % 2 == 1);
+        texts.push_back("a = " + randomFormula(rng, 2, false, &shared) + "; " +
+                        randomFormula(rng, 4, true, &shared));
+    }
     const std::string here = __FILE__;
     const std::string corpus =
         here.substr(0, here.find_last_of('/') + 1) + "../fuzz/corpus/expression_fuzz/";
@@ -210,7 +222,7 @@ TEST(BatchEval, RandomFormulasAndFuzzCorpus)
     }
     if (dir)
         closedir(dir);
-    ASSERT_GT(texts.size(), 600u) << "no corpus under " << corpus;
+    ASSERT_GT(texts.size(), 800u) << "no corpus under " << corpus;
     int compared = 0;
     for (const std::string& text : texts) {
         // Skipped: Bessel orders cost time in proportion, random draws need reseeding (their
@@ -230,7 +242,7 @@ TEST(BatchEval, RandomFormulasAndFuzzCorpus)
         EXPECT_EQ(exprMismatch(e, rows, stride), "") << text;
         ++compared;
     }
-    EXPECT_GT(compared, 500);
+    EXPECT_GT(compared, 700);
 }
 
 // Every combination of kPoints for x, y and z; internal variables get a value from the row, and
@@ -274,6 +286,35 @@ TEST(BatchEval, KnownErrorCodesPerRow)
     }
 }
 
+// Shared subexpressions: computed once, and the first failure in the tree's order still wins.
+TEST(BatchEval, SharedSubexpressions)
+{
+    const struct {
+        const char* text;
+        int steps;  // after sharing
+    } programs[] = {
+        {"sqrt(x * x + y * y) / (1 + sqrt(x * x + y * y))", 6},  // x*x y*y + sqrt 1+ /
+        {"ln(x) * ln(x) + ln(x)", 3},
+        {"a = x + 1; x = 2 * a; x + 1 + (a = x + 1)", 4},  // the new x: another x + 1, once
+        {"rand() + rand()", 3},  // draws are never shared
+    };
+    for (const auto& p : programs) {
+        OxelExpression e;
+        ASSERT_EQ(parse(e, p.text, 2), 1) << p.text;
+        EXPECT_EQ(oxelProgramSteps(e.root(), e.numVars()), p.steps) << p.text;
+    }
+    // sqrt(x) is first written before ln(y) but evaluated after it (the divisor comes first):
+    // with both failing, ln's code is the one reported.
+    OxelExpression e;
+    ASSERT_EQ(parse(e, "sqrt(x) / ln(y) * sqrt(x)", 2), 1);
+    double v[] = {-1, -1}, res;
+    int err = 0, batchErr;
+    e.eval(v, 2, err);
+    EXPECT_EQ(OX_ERR_ILLEGAL_LOG, err);
+    ASSERT_EQ(0, e.evalBatch(v, 1, 2, &res, &batchErr));
+    EXPECT_EQ(OX_ERR_ILLEGAL_LOG, batchErr);
+}
+
 // Row counts around the block size, and a stride wider than the variables.
 TEST(BatchEval, RowCountsAndStride)
 {
@@ -309,7 +350,8 @@ TEST(BatchEval, RowCountsAndStride)
 // pending, as they come in pairs.
 TEST(BatchEval, RandomSourcesDrawInRowOrder)
 {
-    for (const char* formula : {"x + rand()", "gauss() * x", "a = rand(); a * a + gauss()"}) {
+    for (const char* formula : {"x + rand()", "gauss() * x", "a = rand(); a * a + gauss()",
+                                "sin(rand()) - sin(rand()) + gauss() * gauss()"}) {
         OxelExpression e;
         ASSERT_EQ(parse(e, formula, 1), 1) << formula;
         const int nv = e.numVars();
@@ -324,8 +366,11 @@ TEST(BatchEval, RandomSourcesDrawInRowOrder)
     }
 }
 
+int depvarCalls = 0;
+
 double depvarCallback(const void*, int component, int nDiff, const int*, const double* args)
 {
+    ++depvarCalls;
     return args[0] * 10.0 + component + nDiff;
 }
 
@@ -335,6 +380,9 @@ TEST(BatchEval, HandBuiltTrees)
     OxDepVarnode node("d", depvarCallback, nullptr);
     node.setUp(1, 2, 1, nullptr, nullptr);
     Oxel* args[] = {new OxSqroot(new OxVar(1, "y"))};
+    // The same call twice, its argument also read outside: sqrt(y) once, two callbacks.
+    Oxel* twice[] = {new OxSqroot(new OxVar(1, "y"))};
+    Oxel* again[] = {new OxSqroot(new OxVar(1, "y"))};
     Oxel* chain = new OxVar(0, "x");
     for (int i = 0; i < 6000; ++i)  // deeper than the compiler goes: the tree walks each row
         chain = new OxPlus(chain, new OxZahl(i % 3 ? 1e-3 : -2.0));
@@ -344,6 +392,10 @@ TEST(BatchEval, HandBuiltTrees)
         {new OxEqual(new OxVar(0, "x"), nullptr), 1},  // a missing side counts as 0
         {new OxNot(nullptr), 1},  // 1
         {new OxPlus(new OxVar(0, "x"), new OxDepVar(&node, 1, 0, nullptr, args)), 2},  // callback
+        {new OxMal(new OxDepVar(&node, 1, 0, nullptr, twice),
+                   new OxPlus(new OxSqroot(new OxVar(1, "y")),
+                              new OxDepVar(&node, 1, 0, nullptr, again))),
+         2},
         {chain, 1},
     };
     for (const auto& t : trees) {
@@ -354,5 +406,22 @@ TEST(BatchEval, HandBuiltTrees)
         parse(e, "0", t.second);
         e.setRoot(t.first);
         EXPECT_EQ(exprMismatch(e, rows, t.second), "") << oxelToString(t.first);
+        // Callbacks come as often from eval() and evalBatch() as from the tree walk.
+        const int numRows = static_cast<int>(rows.size()) / t.second;
+        int calls[3];
+        std::vector<double> res(static_cast<size_t>(numRows)), slots(rows);
+        std::vector<int> err(static_cast<size_t>(numRows), 0);
+        for (int pass = 0; pass < 3; ++pass) {
+            depvarCalls = 0;
+            for (int r = 0; r < numRows && pass < 2; ++r) {
+                double* row = &slots[static_cast<size_t>(r * t.second)];
+                pass == 0 ? e.root()->value(row, err[0]) : e.eval(row, t.second, err[0]);
+            }
+            if (pass == 2)
+                e.evalBatch(rows.data(), numRows, t.second, res.data(), err.data());
+            calls[pass] = depvarCalls;
+        }
+        EXPECT_EQ(calls[1], calls[0]) << oxelToString(t.first);
+        EXPECT_EQ(calls[2], calls[0]) << oxelToString(t.first);
     }
 }

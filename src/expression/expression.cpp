@@ -8,7 +8,7 @@
 #include <oxel/formula.h>
 #include <oxel/nodes.h>
 
-#include "expression/program.h"
+#include "program/program.h"
 #include "nodes/kernels.h"
 #include "parser/converter.h"
 

@@ -47,12 +47,18 @@ inline constexpr Shape logicShape<OxOr> = Shape::Tolerant;
 #define OXK_CHEAP_BINARY(X) \
     X(OxPlus) X(OxMinus) X(OxMal) X(OxDurch) X(OxMax) X(OxMin) OXEL_LOGIC_OPERATORS(X)
 
-// Kernels with a two-lane form; null for the rest.
+// Kernels with a two-lane form; null for the rest. The flag beside it lets compile-time code
+// choose without comparing function pointers, which not every compiler folds (GCC does not
+// with -fsanitize=undefined).
 template <class C>
 inline constexpr oxv::VecKernel vectorForm = nullptr;
-#define OXK_VECTOR_FORM(Cls) \
-    template <>              \
-    inline constexpr oxv::VecKernel vectorForm<Cls> = &oxv::vec_##Cls;
+template <class C>
+inline constexpr bool hasVectorForm = false;
+#define OXK_VECTOR_FORM(Cls)                                           \
+    template <>                                                        \
+    inline constexpr oxv::VecKernel vectorForm<Cls> = &oxv::vec_##Cls; \
+    template <>                                                        \
+    inline constexpr bool hasVectorForm<Cls> = true;
 OXK_CHEAP_BINARY(OXK_VECTOR_FORM)
 #undef OXK_VECTOR_FORM
 
@@ -80,6 +86,8 @@ struct KindRow {
     Oxel* (*make1)(Oxel*);   // builds the class from its operand(s)
     Oxel* (*make2)(Oxel*, Oxel*);
     oxv::VecKernel vec;      // two-lane form, or null
+    int arity;               // operands of the kernel: 0 for leaves and sequences
+    bool vectorized;         // vec is set
 };
 
 // Every class, leaves first; each family comes from its table in nodes.h, so a class added
@@ -107,7 +115,7 @@ enum class Kind : uint8_t {
 #undef OXK_ENUM_OP
 
 #define OXK_ROW_LEAF(Cls, shape) \
-    KindRow{#Cls, Shape::shape, false, nullptr, nullptr, nullptr, nullptr, nullptr},
+    KindRow{#Cls, Shape::shape, false, nullptr, nullptr, nullptr, nullptr, nullptr, 0, false},
 #define OXK_ROW_UNARY(Cls, ...)                                                              \
     KindRow{#Cls,                                                                            \
             std::is_same<Cls, OxNot>::value ? Shape::Not : Shape::Unary,                     \
@@ -116,17 +124,21 @@ enum class Kind : uint8_t {
             nullptr,                                                                         \
             &make1<Cls>,                                                                     \
             nullptr,                                                                         \
-            nullptr},
+            nullptr,                                                                         \
+            1,                                                                               \
+            false},
 #define OXK_ROW_BINARY(Cls, ...)                                                              \
     KindRow{#Cls,       binaryShape<Cls>, Kernel<decltype(&eval_##Cls)>::raises, nullptr,     \
-            &call<&eval_##Cls>, nullptr,  &make2<Cls>,                           vectorForm<Cls>},
+            &call<&eval_##Cls>, nullptr,  &make2<Cls>,                           vectorForm<Cls>,  \
+            2,                  hasVectorForm<Cls>},
 #define OXK_ROW_LOGIC(Cls)                                                                    \
     KindRow{#Cls,       logicShape<Cls>, Kernel<decltype(&eval_##Cls)>::raises, nullptr,      \
-            &call<&eval_##Cls>, nullptr, &make2<Cls>,                           vectorForm<Cls>},
+            &call<&eval_##Cls>, nullptr, &make2<Cls>,                           vectorForm<Cls>,   \
+            2,                  hasVectorForm<Cls>},
 
 inline constexpr KindRow kKinds[] = {
     OXK_KINDS(OXK_ROW_LEAF, OXK_ROW_UNARY, OXK_ROW_BINARY, OXK_ROW_LOGIC)
-    KindRow{"unknown", Shape::Opaque, false, nullptr, nullptr, nullptr, nullptr, nullptr}};
+    KindRow{"unknown", Shape::Opaque, false, nullptr, nullptr, nullptr, nullptr, nullptr, 0, false}};
 
 #undef OXK_ROW_LEAF
 #undef OXK_ROW_UNARY

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "expression/program.h"
+#include "program/program.h"
 
 namespace oxb {
 
@@ -40,8 +40,10 @@ class OxelProgram {
 public:
     Oxel* root = nullptr;
     int numVars = 0;
-    bool compiled = false;        // false: the tree walks every row, in order; true: rows are
-                                  // independent, so blocks may run on several threads
+    bool compiled = false;        // true: rows are independent, so blocks may run on several
+                                  // threads; false: rows run in order, through rowProgram
+    OxelPointProgram* rowProgram = nullptr;  // random draws and callbacks keep their row order
+    ~OxelProgram() { oxelPointRelease(rowProgram); }
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i
     int numColumns = 0;           // input columns, then scratch columns
@@ -51,7 +53,7 @@ public:
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
 };
 
-// Instruction selection and column allocation for a lowered tree.
-void buildColumns(OxelProgram& p, const oxp::Lowered& l);
+// Instruction selection and columns for a program without calls.
+void buildColumns(OxelProgram& p, const oxp::Program& l);
 
 #endif

@@ -2,7 +2,7 @@
 // operands (register, caller's slot, constant, or the previous instruction's result, which
 // stays in a machine register) are encoded in the instruction itself, run by a threaded
 // interpreter with the hot operators inlined per operand combination.
-#include "expression/program.h"
+#include "program/program.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -56,6 +56,7 @@ enum Op : uint16_t {
     Op_Pow_K,
     Op_Pow_A,
     OpBinary,
+    OpCall,
     OpRaise,
     OpMove,
     OpStore,
@@ -116,11 +117,20 @@ inline double fetch(uint8_t mode, int32_t i, double k, double acc, const double*
     }
 }
 
+// Where a call's argument is read from (never the accumulator).
+struct CallArg {
+    uint8_t mode;
+    int32_t index;
+    double k;
+};
+
 }  // namespace
 
 class OxelPointProgram {
 public:
     std::vector<Insn> code;
+    std::vector<oxp::Call> calls;
+    std::vector<CallArg> args;
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
     bool walk = false;                // the tree walk serves eval
     bool overwrites = false;
@@ -128,60 +138,55 @@ public:
 
 namespace {
 
-// Registers for step values, reused once a value is dead; false when more than kMaxRegs
-// values are alive at once.
-bool build(OxelPointProgram& p, const oxp::Lowered& l)
+// A random draw or a dependent variable's callback, its arguments gathered from registers,
+// slots and constants.
+double call(const OxelPointProgram& p, int index, const double* r, const double* vars, int& code)
+{
+    const oxp::Call& c = p.calls[static_cast<size_t>(index)];
+    double inlineArgs[OxDepVar::kInlineArgs];
+    std::vector<double> heapArgs;
+    double* args = inlineArgs;
+    if (c.count > OxDepVar::kInlineArgs) {
+        heapArgs.resize(static_cast<size_t>(c.count));
+        args = heapArgs.data();
+    }
+    for (int i = 0; i < c.count; ++i) {
+        const CallArg& a = p.args[static_cast<size_t>(c.first + i)];
+        args[i] = fetch(a.mode, a.index, a.k, 0.0, r, vars);
+    }
+    return oxp::runCall(c, args, code);
+}
+
+// Registers are the program's slots; write-backs that need a stable copy get registers after
+// them. False when the program needs more than kMaxRegs.
+bool build(OxelPointProgram& p, const oxp::Program& l)
 {
     const int numSteps = static_cast<int>(l.steps.size());
-    const int kForever = numSteps + 1;
-    std::vector<int> lastUse(static_cast<size_t>(numSteps), -1);
-    auto use = [&](const Operand& o, int at) {
-        if (o.mode == Operand::Reg)
-            lastUse[static_cast<size_t>(o.index)] = std::max(lastUse[static_cast<size_t>(o.index)], at);
-    };
-    for (int i = 0; i < numSteps; ++i) {
-        use(l.steps[static_cast<size_t>(i)].a, i);
-        use(l.steps[static_cast<size_t>(i)].b, i);
-    }
-    use(l.result, kForever);
-    for (const auto& as : l.assigned)
-        use(as.second, kForever);
-
-    std::vector<int> regOf(static_cast<size_t>(numSteps), -1);
-    std::vector<int> freeRegs;
-    int numRegs = 0;
+    int numRegs = l.numSlots;
     int previous = -1;  // the step whose result is in the accumulator
     p.code.reserve(l.steps.size() + 2 * l.assigned.size() + 2);
     p.plans.reserve(
         static_cast<size_t>(std::count_if(l.steps.begin(), l.steps.end(), &oxp::plannedPower)));
+    p.calls = l.calls;
     auto operand = [&](const Operand& o, uint8_t& mode, int32_t& index, double& k) {
         mode = o.mode;
-        index = o.mode == Operand::Reg ? regOf[static_cast<size_t>(o.index)] : o.index;
+        index = o.mode == Operand::Reg ? l.slot[static_cast<size_t>(o.index)] : o.index;
         k = o.k;
         if (o.mode == Operand::Reg && o.index == previous)
             mode = kAcc;
     };
-    auto release = [&](const Operand& o, int at) {
-        if (o.mode == Operand::Reg && lastUse[static_cast<size_t>(o.index)] == at &&
-            regOf[static_cast<size_t>(o.index)] >= 0) {
-            freeRegs.push_back(regOf[static_cast<size_t>(o.index)]);
-            regOf[static_cast<size_t>(o.index)] = -1;
-        }
-    };
-    auto newReg = [&]() {
-        if (!freeRegs.empty()) {
-            int r = freeRegs.back();
-            freeRegs.pop_back();
-            return r;
-        }
-        return numRegs++;
-    };
+    for (const Operand& o : l.args) {
+        CallArg arg{};
+        operand(o, arg.mode, arg.index, arg.k);
+        arg.mode = o.mode;  // arguments are gathered from memory, never the accumulator
+        p.args.push_back(arg);
+    }
 
     // Step i, a product read only by step i + 1, a sum or difference: the operand of step i + 1
     // that is not the product, and whether the product is its left operand; null otherwise.
     auto fusable = [&](int i, bool& left) -> const Operand* {
         if (i + 1 >= numSteps || l.steps[static_cast<size_t>(i)].kind != oxk::Kind::OxMal ||
-            lastUse[static_cast<size_t>(i)] != i + 1)
+            l.lastUse[static_cast<size_t>(i)] != i + 1)
             return nullptr;
         const oxp::Step& t = l.steps[static_cast<size_t>(i) + 1];
         if (t.kind != oxk::Kind::OxPlus && t.kind != oxk::Kind::OxMinus)
@@ -203,6 +208,14 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
             p.code.push_back(in);
             continue;
         }
+        if (oxp::isCall(s)) {
+            in.op = OpCall;
+            in.a = s.call;
+            in.out = l.slot[static_cast<size_t>(i)];
+            previous = i;
+            p.code.push_back(in);
+            continue;
+        }
         bool left = false;
         if (const Operand* other = fusable(i, left)) {
             const bool plus = l.steps[static_cast<size_t>(i) + 1].kind == oxk::Kind::OxPlus;
@@ -212,18 +225,8 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
             const int variant = (plus ? 0 : 2) + (left ? 0 : 1);
             in.op = static_cast<uint16_t>(Op_OxPlusL_RRR + (variant * 4 + in.mc) * 16 + 4 * in.ma +
                                           in.mb);
-            release(s.a, i);
-            if (!(s.b.mode == Operand::Reg && s.a.mode == Operand::Reg && s.b.index == s.a.index))
-                release(s.b, i);
-            release(*other, i + 1);
-            ++i;  // the sum's step is done too
-            const int r = newReg();
-            regOf[static_cast<size_t>(i)] = r;
-            in.out = r;
-            if (lastUse[static_cast<size_t>(i)] < 0) {
-                freeRegs.push_back(r);
-                regOf[static_cast<size_t>(i)] = -1;
-            }
+            ++i;  // the sum's step is done too; the product's slot stays unwritten
+            in.out = l.slot[static_cast<size_t>(i)];
             previous = i;
             p.code.push_back(in);
             continue;
@@ -244,18 +247,7 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
             in.op = static_cast<uint16_t>(row.un ? base + in.ma : base + 4 * in.ma + in.mb);
         }
         previous = i;
-        // Operands die before the result takes a register: an instruction may overwrite its
-        // own operand, since it reads both before it writes.
-        release(s.a, i);
-        if (!(s.b.mode == Operand::Reg && s.a.mode == Operand::Reg && s.b.index == s.a.index))
-            release(s.b, i);
-        const int r = newReg();
-        regOf[static_cast<size_t>(i)] = r;
-        in.out = r;
-        if (lastUse[static_cast<size_t>(i)] < 0) {  // a value nobody reads
-            freeRegs.push_back(r);
-            regOf[static_cast<size_t>(i)] = -1;
-        }
+        in.out = l.slot[static_cast<size_t>(i)];
         p.code.push_back(in);
     }
 
@@ -265,49 +257,63 @@ bool build(OxelPointProgram& p, const oxp::Lowered& l)
     std::vector<bool> written(l.inputRead.size(), false);
     for (const auto& as : l.assigned)
         written[static_cast<size_t>(as.first)] = true;
-    auto stable = [&](Operand o) {
-        previous = -1;  // moves and stores leave the accumulator alone
+    struct Value {
+        uint8_t mode;
+        int32_t index;
+        double k;
+    };
+    auto stable = [&](const Operand& o) {
+        Value v{};
+        operand(o, v.mode, v.index, v.k);
         if (o.mode != Operand::Input || !written[static_cast<size_t>(o.index)])
-            return o;
+            return v;
         Insn mv{};
         mv.op = OpMove;
-        operand(o, mv.ma, mv.a, mv.ka);
+        mv.ma = v.mode;
+        mv.a = v.index;
         mv.out = numRegs++;
         p.code.push_back(mv);
-        regOf.push_back(mv.out);
-        return Operand{Operand::Reg, 0.0, static_cast<int>(regOf.size()) - 1};
+        return Value{Operand::Reg, mv.out, 0.0};
     };
-    previous = -1;
-    Operand result = stable(l.result);
-    std::vector<Operand> values;
+    previous = -1;  // every instruction also wrote its register: no need for the accumulator
+    Value result = stable(l.result);
+    std::vector<Value> values;
     for (const auto& as : l.assigned)
         values.push_back(stable(as.second));
     for (size_t i = 0; i < l.assigned.size(); ++i) {
         Insn st{};
         st.op = OpStore;
         st.out = l.assigned[i].first;
-        operand(values[i], st.ma, st.a, st.ka);
+        st.ma = values[i].mode;
+        st.a = values[i].index;
+        st.ka = values[i].k;
         p.code.push_back(st);
     }
     Insn ret{};
     ret.op = OpReturn;
-    operand(result, ret.ma, ret.a, ret.ka);
+    ret.ma = result.mode;
+    ret.a = result.index;
+    ret.ka = result.k;
     p.code.push_back(ret);
     return numRegs <= kMaxRegs;
 }
 
 }  // namespace
 
-OxelPointProgram* oxelPointCompile(Oxel* root, int numVars)
+OxelPointProgram* oxelPointBuild(const oxp::Program& ir)
 {
     OxelPointProgram* p = new OxelPointProgram;
-    oxp::Lowered l = oxp::lower(root, numVars);
-    p->overwrites = l.overwrites;
-    if (!l.ok || !build(*p, l)) {
+    p->overwrites = ir.overwrites;
+    if (!ir.ok || !build(*p, ir)) {
         p->code.clear();
         p->walk = true;
     }
     return p;
+}
+
+OxelPointProgram* oxelPointCompile(Oxel* root, int numVars)
+{
+    return oxelPointBuild(oxp::lower(root, numVars));
 }
 
 void oxelPointRelease(OxelPointProgram* p)
@@ -329,7 +335,7 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     static const void* const labels[] = {OXP_HOT(OXP_LABELS) OXP_UNARY_KINDS(OXP_LABELS_UNARY)
                                              OXP_FUSED(OXP_LABEL_FUSED) &&L_pow_R,
                                          &&L_pow_V, &&L_pow_K, &&L_pow_A, &&L_binary,
-                                         &&L_raise, &&L_move, &&L_store, &&L_return};
+                                         &&L_call, &&L_raise, &&L_move, &&L_store, &&L_return};
 #undef OXP_LABEL_FUSED
 #undef OXP_LABELS_UNARY
 #undef OXP_LABEL_UNARY_MODE
@@ -380,6 +386,10 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 #undef OXP_POW_HANDLER
 L_binary:
     acc = in->bin(OXP_FETCH(ma, a), OXP_FETCH(mb, b), code);
+    r[in->out] = acc;
+    OXP_NEXT;
+L_call:
+    acc = call(p, in->a, r, vars, code);
     r[in->out] = acc;
     OXP_NEXT;
 L_raise:

@@ -1,6 +1,6 @@
 // Worker threads for large batches: started on first use, one job at a time, the calling
 // thread working beside them.
-#include "expression/program.h"
+#include "program/program.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,5 +1,5 @@
 // Running the column program: the loops of every kind, blocks of rows, worker threads.
-#include "expression/batch.h"
+#include "program/batch.h"
 
 #include <algorithm>
 #include <array>
@@ -123,15 +123,15 @@ template <oxk::Kind K>
 constexpr Runners runnersOf()
 {
     constexpr const oxk::KindRow& row = oxk::row(K);
-    if constexpr (row.vec != nullptr) {
+    if constexpr (row.vectorized) {
         return Runners{{{&vecLoop<K, false, false, false>, &vecLoop<K, false, false, true>,
                          &vecLoop<K, false, true, false>},
                         {&vecLoop<K, true, false, false>, &vecLoop<K, true, false, true>,
                          &vecLoop<K, true, true, false>}}};
-    } else if constexpr (row.bin != nullptr) {
+    } else if constexpr (row.arity == 2) {
         return Runners{{{&BinLoops<K, false>::cc, &BinLoops<K, false>::ck, &BinLoops<K, false>::kc},
                         {&BinLoops<K, true>::cc, &BinLoops<K, true>::ck, &BinLoops<K, true>::kc}}};
-    } else if constexpr (row.un != nullptr) {
+    } else if constexpr (row.arity == 1) {
         return Runners{{{&unLoop<K, false>, nullptr, nullptr}, {&unLoop<K, true>, nullptr, nullptr}}};
     } else {
         return Runners{};
@@ -172,12 +172,20 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     OxelProgram* p = new OxelProgram;
     p->root = root;
     p->numVars = numVars > 0 ? numVars : 0;
-    oxp::Lowered l = oxp::lower(root, p->numVars);
-    if (!l.ok)
+    const oxp::Program ir = oxp::lower(root, p->numVars);
+    if (!ir.ok || ir.hasCalls()) {
+        p->rowProgram = oxelPointBuild(ir);
         return p;
-    buildColumns(*p, l);
+    }
+    buildColumns(*p, ir);
     p->compiled = true;
     return p;
+}
+
+int oxelProgramSteps(Oxel* root, int numVars)
+{
+    const oxp::Program ir = oxp::lower(root, numVars);
+    return ir.ok ? static_cast<int>(ir.steps.size()) : -1;
 }
 
 void oxelProgramRelease(OxelProgram* program)
@@ -195,9 +203,9 @@ struct Source {
     bool errorsZeroed;  // the error codes start at zero already
 };
 
-// Rows the compiler cannot lower (random sources, dependent variables) walk the tree, in row
-// order on the calling thread.
-void runTree(OxelProgram& p, const Source& src, int numRows, double* results, int* errors)
+// Programs with random draws or callbacks run row after row on the calling thread, so that
+// draws and calls come in the order of evaluating the rows one by one.
+void runRows(OxelProgram& p, const Source& src, int numRows, double* results, int* errors)
 {
     std::vector<double> slots(static_cast<size_t>(p.numVars > 0 ? p.numVars : 1));
     for (int r = 0; r < numRows; ++r) {
@@ -209,7 +217,7 @@ void runTree(OxelProgram& p, const Source& src, int numRows, double* results, in
                                        static_cast<size_t>(v)];
         }
         errors[r] = 0;
-        results[r] = p.root->value(slots.data(), errors[r]);
+        results[r] = oxelPointRun(*p.rowProgram, p.root, slots.data(), errors[r]);
     }
 }
 
@@ -295,7 +303,7 @@ void run(OxelProgram* p, const Source& src, int numRows, double* results, int* e
     if (numRows <= 0)
         return;
     if (!p->compiled) {
-        runTree(*p, src, numRows, results, errors);
+        runRows(*p, src, numRows, results, errors);
         return;
     }
     if (numRows >= kParallelRows && oxp::poolThreads() > 1) {

@@ -1,0 +1,64 @@
+// Building the column program: instruction selection, then the program's slots as scratch
+// columns after the input columns; the result's step writes the caller's results.
+#include "program/batch.h"
+
+namespace {
+
+const int kNoColumn = -1;
+
+}  // namespace
+
+void buildColumns(OxelProgram& p, const oxp::Program& l)
+{
+    const int numVars = static_cast<int>(l.inputRead.size());
+    std::vector<int> inputCol(static_cast<size_t>(numVars), kNoColumn);
+    for (int v = 0; v < numVars; ++v) {
+        if (l.inputRead[static_cast<size_t>(v)]) {
+            inputCol[static_cast<size_t>(v)] = static_cast<int>(p.inputVars.size());
+            p.inputVars.push_back(v);
+        }
+    }
+    const int numInputs = static_cast<int>(p.inputVars.size());
+    p.numColumns = numInputs + l.numSlots;
+    const int resultStep = l.result.mode == oxp::Operand::Reg ? l.result.index : -1;
+    auto column = [&](const oxp::Operand& o) {
+        switch (o.mode) {
+        case oxp::Operand::Reg:
+            return o.index == resultStep ? p.numColumns
+                                         : numInputs + l.slot[static_cast<size_t>(o.index)];
+        case oxp::Operand::Input:
+            return inputCol[static_cast<size_t>(o.index)];
+        case oxp::Operand::Const:
+            break;
+        }
+        return kNoColumn;
+    };
+
+    const int numSteps = static_cast<int>(l.steps.size());
+    p.code.resize(static_cast<size_t>(numSteps));
+    p.plans.reserve(l.steps.size());
+    for (int i = 0; i < numSteps; ++i) {
+        const oxp::Step& s = l.steps[static_cast<size_t>(i)];
+        oxb::Insn& in = p.code[static_cast<size_t>(i)];
+        in.run = oxb::selectRunner(s);
+        in.code = s.code;
+        if (s.kind == oxk::Kind::Unknown) {  // a raise: no operands, no value
+            in.out = in.a = in.b = kNoColumn;
+            continue;
+        }
+        in.out = column(oxp::Operand{oxp::Operand::Reg, 0.0, i});
+        in.a = column(s.a);
+        in.b = column(s.b);
+        in.ka = s.a.k;
+        in.kb = s.b.k;
+        if (oxp::plannedPower(s)) {
+            p.plans.push_back(oxp::powerPlan(s));
+            in.plan = &p.plans.back();
+            in.a = column(oxp::plannedOperand(s));
+            in.b = kNoColumn;
+        }
+    }
+    p.resultInResults = resultStep >= 0;
+    p.resultColumn = l.result.mode == oxp::Operand::Const ? kNoColumn : column(l.result);
+    p.resultConst = l.result.k;
+}

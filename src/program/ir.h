@@ -1,0 +1,144 @@
+// The intermediate program: a tree lowered once into a flat list of steps with shared
+// subexpressions, its liveness and its slot allocation, from which every back end is built.
+#ifndef OXEL_PROGRAM_IR_H
+#define OXEL_PROGRAM_IR_H
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include <oxel/core.h>
+
+#include "nodes/kernels.h"
+#include "nodes/kinds.h"
+
+namespace oxp {
+
+// Where an operand comes from: a constant folded at compile time, the caller's slot of a
+// variable (not assigned before this point), or the value of an earlier step.
+struct Operand {
+    enum Mode : uint8_t { Reg = 0, Input = 1, Const = 2 };
+    Mode mode;
+    double k;   // Const
+    int index;  // Input: variable slot; Reg: the step that computed it
+};
+
+// A call out of the program: a random source (no arguments) or a dependent variable, whose
+// argument values are args[first .. first + count) of the program.
+struct Call {
+    oxk::Kind kind;
+    const Oxel* node;
+    int first;
+    int count;
+};
+
+// One operation of the tree in evaluation order. Kind Unknown is a raise of `code`; the
+// opaque kinds (random sources, dependent variables) are calls[call].
+struct Step {
+    oxk::Kind kind;
+    bool raises;  // the kernel can raise and no earlier step raises unconditionally
+    Operand a, b;
+    int code;
+    int call;
+};
+
+inline bool isCall(const Step& s)
+{
+    return oxk::row(s.kind).shape == oxk::Shape::Opaque && s.kind != oxk::Kind::Unknown;
+}
+
+// A power with a constant exponent or base runs from a plan prepared with the program; the
+// plan reads the other operand.
+inline bool plannedPower(const Step& s)
+{
+    return s.kind == oxk::Kind::OxHoch &&
+           (s.b.mode == Operand::Const || s.a.mode == Operand::Const);
+}
+
+inline oxk::PowPlan powerPlan(const Step& s)
+{
+    return s.b.mode == Operand::Const ? oxk::PowPlan(s.b.k) : oxk::PowPlan(oxk::PowPlan::Base{}, s.a.k);
+}
+
+inline const Operand& plannedOperand(const Step& s)
+{
+    return s.b.mode == Operand::Const ? s.a : s.b;
+}
+
+// The whole tree as steps: why this gives the tree's bits and error codes.
+// - Every step applies the same kernel that the node's value() applies, to the same operands,
+//   in the same evaluation order (a divisor before its dividend, statements left to right).
+//   Random sources and dependent variables are calls at their place in that order, so draws
+//   and callbacks come exactly as often and in the same order as in the tree walk.
+// - Error codes: a node shares its caller's code with at most one child (the one it evaluates
+//   first); all other children get a fresh local code that is merged only into a still-zero
+//   code. The ordering comparisons end such a chain (their children get locals), so when the
+//   caller's code starts at 0 they are always the first node to write their code, which is
+//   therefore still zero: their "overwrite" cannot be observed. With the code starting at 0,
+//   the code the tree ends with is simply the first failure in evaluation order.
+// - Assignments rename: later readers of an assigned slot use the assigned value directly,
+//   which is what the tree's slot write achieves; the final value of each assigned slot is
+//   written back to the caller's vector, as the tree leaves it.
+// - Constant operands fold at compile time through the same kernels; a folded failure
+//   becomes a raise step at its place in the order.
+// - Shared subexpressions: a step with the same kind and the same operands (the same earlier
+//   steps, the same unassigned slots, constants of the same bits) as an earlier step is that
+//   step. Operands name values, not places: after an assignment a slot is another value, so
+//   nothing read before it can be mistaken for what is read after it, and a call's value is
+//   its own step, never equal to another call's. The kernels are pure, so the value is the
+//   same; and the language evaluates every operand unconditionally, so the earlier step has
+//   always run, and its failure (if any) was already the first at that place in the order:
+//   the repeated evaluation could not have been the first failure.
+struct Program {
+    bool ok = false;  // false: a node only the tree walk can run (unknown classes, depth)
+    std::vector<Step> steps;
+    std::vector<Call> calls;
+    std::vector<Operand> args;  // argument values of the calls
+    Operand result{Operand::Const, 0.0, -1};
+    std::vector<std::pair<int, Operand>> assigned;  // slot and its final value
+    std::vector<bool> inputRead;                    // slots read before any assignment
+    bool overwrites = false;  // has an ordering comparison (matters when err starts nonzero)
+    int merged = 0;           // steps saved by sharing
+
+    // Liveness and slot allocation, the same for every back end. lastUse[i] is the last step
+    // that reads step i (kLive: the result or an assigned value; -1: nobody). slot[i] is the
+    // slot that holds step i's value (-1: a raise, which has none); a slot is reused once its
+    // value is dead, but never for the output of the step that reads it last, so no step's
+    // output aliases one of its operands.
+    static const int kLive = 1 << 30;
+    std::vector<int> lastUse;
+    std::vector<int> slot;
+    int numSlots = 0;
+    bool hasCalls() const { return !calls.empty(); }
+};
+
+// Lowers the tree (which must outlive the program) for value vectors of numVars slots, then
+// computes liveness and slots.
+Program lower(Oxel* root, int numVars);
+
+// The liveness and slot passes over the steps (lower() runs them).
+void allocate(Program& p);
+
+// Calls fn(operand) for every value a step reads, in order.
+template <class Fn>
+void forEachOperand(const Program& p, const Step& s, Fn fn)
+{
+    if (isCall(s)) {
+        const Call& c = p.calls[static_cast<size_t>(s.call)];
+        for (int i = 0; i < c.count; ++i)
+            fn(p.args[static_cast<size_t>(c.first + i)]);
+        return;
+    }
+    if (s.kind == oxk::Kind::Unknown)
+        return;
+    fn(s.a);
+    if (!oxk::row(s.kind).un)
+        fn(s.b);
+}
+
+// A call's value for the given argument values: what the node's value() gives.
+double runCall(const Call& c, const double* args, int& err);
+
+}  // namespace oxp
+
+#endif

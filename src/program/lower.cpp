@@ -1,0 +1,277 @@
+// Lowering: a tree into the intermediate program, with constants folded and repeated
+// subexpressions computed once (why that keeps the tree's bits and codes: ir.h).
+#include "program/ir.h"
+
+#include <cstring>
+
+#include <oxel/nodes.h>
+
+namespace oxp {
+namespace {
+
+const int kMaxLowerDepth = 4000;  // lowering recurses; deeper trees keep the tree walk
+
+bool sameOperand(const Operand& x, const Operand& y)
+{
+    if (x.mode != y.mode)
+        return false;
+    if (x.mode == Operand::Const)
+        return std::memcmp(&x.k, &y.k, sizeof x.k) == 0;  // -0 is not 0, NaNs by payload
+    return x.index == y.index;
+}
+
+uint64_t operandHash(const Operand& o)
+{
+    uint64_t bits = static_cast<uint64_t>(o.index);
+    if (o.mode == Operand::Const)
+        std::memcpy(&bits, &o.k, sizeof bits);
+    return (bits * 0x9E3779B97F4A7C15ull) ^ (static_cast<uint64_t>(o.mode) << 61);
+}
+
+// Open-addressed set of step numbers keyed by (kind, a, b): the earlier step that computes
+// the same value.
+class StepTable {
+public:
+    explicit StepTable(const std::vector<Step>& steps) : steps_(steps), cells_(64, -1) {}
+
+    // The earlier equal step, or -1 after remembering candidate (the next step's number).
+    int findOrAdd(const Step& s, int candidate)
+    {
+        if (2 * (count_ + 1) > static_cast<int>(cells_.size()))
+            grow();
+        size_t i = hash(s) & (cells_.size() - 1);
+        for (; cells_[i] >= 0; i = (i + 1) & (cells_.size() - 1)) {
+            const Step& t = steps_[static_cast<size_t>(cells_[i])];
+            if (t.kind == s.kind && sameOperand(t.a, s.a) && sameOperand(t.b, s.b))
+                return cells_[i];
+        }
+        cells_[i] = candidate;
+        ++count_;
+        return -1;
+    }
+
+private:
+    static size_t hash(const Step& s)
+    {
+        uint64_t h = operandHash(s.a) * 31 + operandHash(s.b) + static_cast<uint64_t>(s.kind);
+        return static_cast<size_t>(h ^ (h >> 29));
+    }
+
+    void grow()
+    {
+        std::vector<int> old;
+        old.swap(cells_);
+        cells_.assign(old.size() * 2, -1);
+        for (int step : old) {
+            if (step < 0)
+                continue;
+            size_t i = hash(steps_[static_cast<size_t>(step)]) & (cells_.size() - 1);
+            while (cells_[i] >= 0)
+                i = (i + 1) & (cells_.size() - 1);
+            cells_[i] = step;
+        }
+    }
+
+    const std::vector<Step>& steps_;
+    std::vector<int> cells_;
+    int count_ = 0;
+};
+
+struct Lowerer {
+    Lowerer(int n, Program& program)
+        : numVars(n), out(program), slot(static_cast<size_t>(n), constant(0.0)),
+          slotSet(static_cast<size_t>(n), false)
+    {
+    }
+
+    int numVars;
+    Program& out;
+    StepTable shared{out.steps};
+    std::vector<Operand> slot;  // current value of each variable slot (renaming)
+    std::vector<bool> slotSet;
+    bool errorCertain = false;  // an unconditional raise happened: later codes cannot win
+    int depth = 0;
+
+    static Operand constant(double v) { return Operand{Operand::Const, v, -1}; }
+
+    static Operand reg(int step) { return Operand{Operand::Reg, 0.0, step}; }
+
+    Operand fail()
+    {
+        out.ok = false;
+        return constant(0.0);
+    }
+
+    void raise(int code)
+    {
+        if (code == 0 || errorCertain)
+            return;
+        out.steps.push_back(
+            Step{oxk::Kind::Unknown, false, constant(0.0), constant(0.0), code, -1});
+        errorCertain = true;
+    }
+
+    Operand readVar(int index)
+    {
+        if (index < 0 || index >= numVars)
+            return fail();
+        if (slotSet[static_cast<size_t>(index)])
+            return slot[static_cast<size_t>(index)];
+        out.inputRead[static_cast<size_t>(index)] = true;
+        return Operand{Operand::Input, 0.0, index};
+    }
+
+    Operand emit(oxk::Kind kind, const Operand& a, const Operand& b)
+    {
+        Step s{kind, oxk::row(kind).raises && !errorCertain, a, b, 0, -1};
+        const int next = static_cast<int>(out.steps.size());
+        const int earlier = shared.findOrAdd(s, next);
+        if (earlier >= 0) {
+            ++out.merged;
+            return reg(earlier);
+        }
+        out.steps.push_back(s);
+        return reg(next);
+    }
+
+    Operand unary(oxk::Kind kind, const Operand& v)
+    {
+        if (v.mode == Operand::Const) {
+            int e = 0;
+            double r = oxk::row(kind).un(v.k, e);
+            raise(e);
+            return constant(r);
+        }
+        return emit(kind, v, constant(0.0));
+    }
+
+    Operand binary(oxk::Kind kind, const Operand& a, const Operand& b)
+    {
+        if (a.mode == Operand::Const && b.mode == Operand::Const) {
+            int e = 0;
+            double r = oxk::row(kind).bin(a.k, b.k, e);
+            raise(e);
+            return constant(r);
+        }
+        return emit(kind, a, b);
+    }
+
+    // A random source or a dependent variable: its arguments in order, then the call, which
+    // is never shared.
+    Operand call(oxk::Kind kind, Oxel* node)
+    {
+        const int n = node->getNumChildren();
+        std::vector<Operand> values;
+        values.reserve(static_cast<size_t>(n > 0 ? n : 0));
+        for (int i = 0; i < n; ++i) {
+            Oxel* arg = node->getChild(i);
+            values.push_back(arg ? lower(arg) : fail());
+        }
+        const int first = static_cast<int>(out.args.size());
+        out.args.insert(out.args.end(), values.begin(), values.end());
+        out.calls.push_back(Call{kind, node, first, n > 0 ? n : 0});
+        out.steps.push_back(Step{kind, false, constant(0.0), constant(0.0), 0,
+                                 static_cast<int>(out.calls.size()) - 1});
+        return reg(static_cast<int>(out.steps.size()) - 1);
+    }
+
+    Operand child(Oxel* node, int i) { return lower(node->getChild(i)); }
+
+    struct Level {
+        int& d;
+        explicit Level(int& depth) : d(depth) { ++d; }
+        ~Level() { --d; }
+    };
+
+    Operand lower(Oxel* node)
+    {
+        Level level(depth);
+        if (!out.ok || !node || depth > kMaxLowerDepth)
+            return fail();
+        const oxk::Kind kind = oxk::kindOf(node);
+        switch (oxk::row(kind).shape) {
+        case oxk::Shape::Number:
+            return constant(static_cast<OxZahl*>(node)->number());
+        case oxk::Shape::Variable: {
+            OxVar* v = static_cast<OxVar*>(node);
+            if (!v->bound())
+                return readVar(v->index());
+            Operand o = lower(v->bound());
+            int index = v->index();
+            if (index < 0 || index >= numVars)
+                return fail();
+            slot[static_cast<size_t>(index)] = o;
+            slotSet[static_cast<size_t>(index)] = true;
+            return o;
+        }
+        case oxk::Shape::Sequence: {
+            Operand result = constant(0.0);
+            if (Oxel* first = node->getChild(0))
+                result = lower(first);
+            if (Oxel* second = node->getChild(1))
+                result = lower(second);
+            return result;
+        }
+        case oxk::Shape::Opaque:
+            return kind == oxk::Kind::Unknown ? fail() : call(kind, node);
+        case oxk::Shape::Unary:
+            return unary(kind, child(node, 0));
+        case oxk::Shape::Not:
+            if (!node->getChild(0))
+                return constant(1.0);
+            return unary(kind, child(node, 0));
+        case oxk::Shape::Ordering:
+            out.overwrites = true;
+            [[fallthrough]];
+        case oxk::Shape::Binary: {
+            Operand a = child(node, 0);
+            Operand b = child(node, 1);
+            return binary(kind, a, b);
+        }
+        case oxk::Shape::DivisorFirst: {
+            Operand b = child(node, 1);
+            Operand a = child(node, 0);
+            return binary(kind, a, b);
+        }
+        case oxk::Shape::Tolerant: {
+            Oxel* l = node->getChild(0);
+            Oxel* r = node->getChild(1);
+            Operand a = l ? lower(l) : constant(0.0);
+            Operand b = r ? lower(r) : constant(0.0);
+            return binary(kind, a, b);
+        }
+        }
+        return fail();
+    }
+};
+
+}  // namespace
+
+Program lower(Oxel* root, int numVars)
+{
+    Program out;
+    numVars = numVars > 0 ? numVars : 0;
+    out.inputRead.assign(static_cast<size_t>(numVars), false);
+    if (!root)
+        return out;
+    out.ok = true;
+    out.steps.reserve(32);
+    Lowerer l(numVars, out);
+    out.result = l.lower(root);
+    for (int i = 0; i < numVars; ++i)
+        if (l.slotSet[static_cast<size_t>(i)])
+            out.assigned.emplace_back(i, l.slot[static_cast<size_t>(i)]);
+    if (out.ok)
+        allocate(out);
+    return out;
+}
+
+double runCall(const Call& c, const double* args, int& err)
+{
+    if (c.kind != oxk::Kind::OxDepVar)
+        return c.node->value(nullptr, err);  // a random source reads no slot
+    const OxDepVar* d = static_cast<const OxDepVar*>(c.node);
+    return d->node()->value(d->component(), d->nDiff(), d->diffDims(), args);
+}
+
+}  // namespace oxp

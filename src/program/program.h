@@ -1,0 +1,46 @@
+// The back ends of the intermediate program: the single-point program behind eval(), the
+// column program behind evalBatch() and the worker threads that share large batches.
+#ifndef OXEL_PROGRAM_PROGRAM_H
+#define OXEL_PROGRAM_PROGRAM_H
+
+#include "program/ir.h"
+
+// Single-point program: registers in a local array, operands encoded in the instructions.
+// Trees that cannot be lowered (too deep, classes from outside the library) or whose programs
+// are too wide get a program that hands every call to the tree walk.
+class OxelPointProgram;
+OxelPointProgram* oxelPointCompile(Oxel* root, int numVars);
+// The same from a program lowered already (ir.ok).
+OxelPointProgram* oxelPointBuild(const oxp::Program& ir);
+void oxelPointRelease(OxelPointProgram* p);
+// What eval() gives for one value vector: Oxel::value's value, code and slot writes.
+double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err);
+
+namespace oxp {
+
+// Process-wide worker threads for large batches.
+int poolThreads();
+void poolSetThreads(int n);
+// Runs task(i) for i in [0, numTasks) on the workers and the calling thread; returns when
+// all are done. Falls back to the calling thread alone when the pool is busy or disabled.
+void poolRun(int numTasks, void (*task)(void* ctx, int i), void* ctx);
+
+}  // namespace oxp
+
+class OxelProgram;
+
+// Exported (though not part of the public headers) so that tests can run hand-built trees.
+// Lowers the tree (which must outlive the program) for value vectors of numVars slots.
+OXEL_API OxelProgram* oxelProgramCompile(Oxel* root, int numVars);
+OXEL_API void oxelProgramRelease(OxelProgram* program);
+// Steps of the tree's intermediate program (after sharing), or -1 where it cannot be lowered.
+OXEL_API int oxelProgramSteps(Oxel* root, int numVars);
+// Same contract as OxelExpression::evalBatch.
+OXEL_API void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
+                             double* results, int* errors);
+// The same over one array per variable (null: reads 0.0); errorsZeroed: errors holds zeros
+// already and rows without a failure are not written.
+void oxelProgramRunColumns(OxelProgram* program, const double* const* columns, int numRows,
+                           double* results, int* errors, bool errorsZeroed);
+
+#endif
