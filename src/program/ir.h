@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <oxel/core.h>
+#include <oxel/nodes.h>
 
 #include "nodes/kernels.h"
 #include "nodes/kinds.h"
@@ -137,7 +138,13 @@ void forEachOperand(const Program& p, const Step& s, Fn fn)
 }
 
 // A call's value for the given argument values: what the node's value() gives.
-double runCall(const Call& c, const double* args, int& err);
+inline double runCall(const Call& c, const double* args, int& err)
+{
+    if (c.kind != oxk::Kind::OxDepVar)
+        return c.node->value(nullptr, err);  // a random source reads no slot
+    const OxDepVar* d = static_cast<const OxDepVar*>(c.node);
+    return d->node()->value(d->component(), d->nDiff(), d->diffDims(), args);
+}
 
 }  // namespace oxp
 

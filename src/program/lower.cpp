@@ -266,12 +266,4 @@ Program lower(Oxel* root, int numVars)
     return out;
 }
 
-double runCall(const Call& c, const double* args, int& err)
-{
-    if (c.kind != oxk::Kind::OxDepVar)
-        return c.node->value(nullptr, err);  // a random source reads no slot
-    const OxDepVar* d = static_cast<const OxDepVar*>(c.node);
-    return d->node()->value(d->component(), d->nDiff(), d->diffDims(), args);
-}
-
 }  // namespace oxp

@@ -138,23 +138,35 @@ public:
 
 namespace {
 
-// A random draw or a dependent variable's callback, its arguments gathered from registers,
-// slots and constants.
-double call(const OxelPointProgram& p, int index, const double* r, const double* vars, int& code)
+// A dependent variable's callback, its arguments gathered from registers, slots and
+// constants; long argument lists (rare) take the heap.
+double callWithArgs(const OxelPointProgram& p, const oxp::Call& c, double* args, const double* r,
+                    const double* vars, int& code)
 {
-    const oxp::Call& c = p.calls[static_cast<size_t>(index)];
-    double inlineArgs[OxDepVar::kInlineArgs];
-    std::vector<double> heapArgs;
-    double* args = inlineArgs;
-    if (c.count > OxDepVar::kInlineArgs) {
-        heapArgs.resize(static_cast<size_t>(c.count));
-        args = heapArgs.data();
-    }
     for (int i = 0; i < c.count; ++i) {
         const CallArg& a = p.args[static_cast<size_t>(c.first + i)];
         args[i] = fetch(a.mode, a.index, a.k, 0.0, r, vars);
     }
     return oxp::runCall(c, args, code);
+}
+
+__attribute__((noinline)) double callLong(const OxelPointProgram& p, const oxp::Call& c,
+                                          const double* r, const double* vars, int& code)
+{
+    std::vector<double> args(static_cast<size_t>(c.count));
+    return callWithArgs(p, c, args.data(), r, vars, code);
+}
+
+inline double call(const OxelPointProgram& p, int index, const double* r, const double* vars,
+                   int& code)
+{
+    const oxp::Call& c = p.calls[static_cast<size_t>(index)];
+    double args[OxDepVar::kInlineArgs];
+    if (c.count == 0)
+        return oxp::runCall(c, args, code);
+    if (c.count > OxDepVar::kInlineArgs)
+        return callLong(p, c, r, vars, code);
+    return callWithArgs(p, c, args, r, vars, code);
 }
 
 // Registers are the program's slots; write-backs that need a stable copy get registers after
