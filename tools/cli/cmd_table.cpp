@@ -363,6 +363,9 @@ int runTable(const Args& a)
             header.assign(line, length);
         if (!header.empty() && header.back() == '\r')
             header.pop_back();
+        // The byte-order mark that some editors write first belongs to no name; it is dropped.
+        if (header.compare(0, 3, "\xEF\xBB\xBF") == 0)
+            header.erase(0, 3);
         if (trim(header).empty())
             usage("--csv expects a header line naming the variables on standard input");
         std::vector<std::string> names = splitFields(header, ',');

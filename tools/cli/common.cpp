@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -204,6 +205,60 @@ void showWhere(const std::string& text, int offset)
         caret += text[i] == '\t' ? '\t' : ' ';
     std::fprintf(stderr, "%s%s%s%s\n%s^\n", lead.c_str(), before.c_str(),
                  text.substr(from, to - from).c_str(), after.c_str(), caret.c_str());
+}
+
+int unknownCall(const std::string& formula, std::string& name)
+{
+    KxDArray<KxString> names;
+    if (oxelFormulaNames(formula.c_str(), names) == 0)
+        return -1;
+    auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
+    auto isWord = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; };
+    // The lexer's hexadecimal digits (upper case A and F only).
+    auto isHex = [](char c) { return c != '\0' && std::strchr("0123456789abcdefAF_", c) != nullptr; };
+    const std::string& t = formula;
+    const size_t n = t.size();
+    // Numbers and {...} texts are passed over as the lexer reads them, so that neither the 'e'
+    // of an exponent nor a word inside braces counts as a name.
+    for (size_t i = 0; i < n;) {
+        if (t[i] == '{') {
+            int depth = 1;
+            for (++i; i < n && depth > 0; ++i)
+                depth += t[i] == '{' ? 1 : t[i] == '}' ? -1 : 0;
+        } else if (t.compare(i, 2, "0x") == 0 && i + 2 < n && isHex(t[i + 2])) {
+            for (i += 2; i < n && isHex(t[i]); ++i) {
+            }
+        } else if (isDigit(t[i]) || (t[i] == '.' && i + 1 < n && isDigit(t[i + 1]))) {
+            while (i < n && isDigit(t[i]))
+                ++i;
+            if (i < n && t[i] == '.')
+                ++i;
+            while (i < n && isDigit(t[i]))
+                ++i;
+            size_t e = i + 1;
+            if (e < n && (t[e] == '+' || t[e] == '-'))
+                ++e;
+            if (i < n && (t[i] == 'e' || t[i] == 'E') && e < n && isDigit(t[e]))
+                for (i = e; i < n && isDigit(t[i]); ++i) {
+                }
+        } else if (std::isalpha(static_cast<unsigned char>(t[i])) || t[i] == '_') {
+            size_t start = i;
+            while (i < n && isWord(t[i]))
+                ++i;
+            size_t next = t.find_first_not_of(" \t\r\n", i);
+            if (next == std::string::npos || t[next] != '(')
+                continue;
+            std::string word = t.substr(start, i - start);
+            for (int k = 0; k < names.length(); ++k)
+                if (word == names[k].c_str()) {
+                    name = word;
+                    return static_cast<int>(start);
+                }
+        } else {
+            ++i;
+        }
+    }
+    return -1;
 }
 
 Formula formulaOf(const Args& a)

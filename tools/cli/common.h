@@ -50,6 +50,11 @@ std::pair<std::string, std::string> splitAssignment(const std::string& arg, cons
                                                     const char* form = "name=value");
 Args parseArgs(int argc, char** argv);
 
+// The offset of the first name of the formula written like a function call, name(...), and
+// that name; -1 when there is none. The language's functions are words of their own, and no
+// variable may stand before '(', so such a name is a function that the language lacks.
+int unknownCall(const std::string& formula, std::string& name);
+
 // The formula and where to show a parse failure in it: the line around the offset, and a
 // caret under the offset.
 void showWhere(const std::string& text, int offset);

@@ -64,6 +64,10 @@ public:
     // So does every name the formula reads before assigning it.
     void requireValuesFor(const std::string& formula)
     {
+        // A name called like a function is not a variable; parse() says so.
+        std::string called;
+        if (unknownCall(formula, called) >= 0)
+            return;
         KxDArray<KxString> names;
         KxDArray<int> assigned;
         oxelFormulaNames(formula.c_str(), names, &assigned);
@@ -85,6 +89,13 @@ public:
     // (already written by the message handler) and returns false.
     bool parse(const std::string& formula)
     {
+        std::string called;
+        int at = unknownCall(formula, called);
+        if (at >= 0) {
+            showWhere(formula, at);
+            std::fprintf(stderr, "oxel: unknown function '%s'\n", called.c_str());
+            return false;
+        }
         if (expr_.initFromString(formula.c_str()))
             return true;
         showWhere(formula, expr_.lastErrorOffset());
