@@ -15,7 +15,6 @@ struct oxel_expr {
     {
     }
     std::unique_ptr<OxelExpression> expr;
-    KxDArray<double> scratch; // eval() takes a KxDArray; reused so evaluation does not allocate
 };
 
 namespace {
@@ -102,17 +101,11 @@ double oxel_expr_eval(oxel_expr* expr, double* values, int* err)
         return 0.0;
     return guarded(0.0, [expr, values, err] {
         const int n = expr->expr->numVars();
+        // A missing array is answered with 0 and no error code, as the C interface always did.
         if (n > 0 && !values)
             return 0.0;
-        KxDArray<double>& v = expr->scratch;
-        v.setLength(n);
-        if (n > 0)
-            std::memcpy(v.data(), values, sizeof(double) * static_cast<size_t>(n));
         int local = 0;
-        double r = expr->expr->eval(v, err ? *err : local);
-        if (n > 0)
-            std::memcpy(values, v.data(), sizeof(double) * static_cast<size_t>(n));
-        return r;
+        return expr->expr->eval(values, n, err ? *err : local);
     });
 }
 

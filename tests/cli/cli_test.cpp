@@ -87,6 +87,10 @@ const Case kCases[] = {
     {{"eval", "x + sin 1", "x=1"}, 2, "", "near >1<\n  x + sin 1\n          ^\noxel"},
     {{"eval", "x +", "x=1"}, 2, "", "near ><\n  x +\n     ^\noxel"},  // the end of the text
     {{"eval", "x + y", "x=1"}, 1, "", "no value for variable 'y'"},
+    // A name before '(' is an unknown function, not a variable without a value; the 'e' of an
+    // exponent is no name.
+    {{"eval", "x + foo(1)", "x=1"}, 2, "", "  x + foo(1)\n      ^\noxel: unknown function 'foo'\n"},
+    {{"eval", "2e3 (1)"}, 2, "", "unexpected '('"},
     {{"table", "x @+ 1", "x=0:1"}, 0, "x,value,error\n0,1,0\n1,2,0\n", "oxel: warning: ignored character '@' at offset 2\n"},
     {{"diff", "x < 1", "x"}, 0, "x < 1\n", "oxel: warning: diff: Not yet implemented in OXEL.\n"},
     {{"names", "a = x*2; a + sinx + sin(x) + b"}, 0, "a\nx\nsinx\nb\n", ""},
@@ -112,6 +116,7 @@ const Case kCases[] = {
     {{"table", "x+y", "--csv"}, 1, "1,2,3,0\n", "CSV line 3 has 1 fields, the header has 2", "x,y\n1,2\n3\n"},
     {{"table", "x+y", "--csv"}, 1, "x,y,value,error\n", "CSV line 2: 'abc' is not a number", "x,y\n1,abc\n"},
     {{"table", "x+y", "--csv"}, 1, "", "expects a header line"},
+    {{"table", "x+y", "--csv"}, 0, "x,y,value,error\n1,2,3,0\n", "", "\xEF\xBB\xBFx,y\n1,2\n"},  // byte-order mark
     {{"table", "x+y", "--csv"}, 1, "", "'1y' in 'x,1y' is not a variable name", "x,1y\n1,2\n"},
     {{"table", "x+y", "--csv"}, 1, "", "names variable 'x' twice", "x,x\n1,2\n"},
     {{"table", "x+y", "--csv", "y=3"}, 1, "", "'y' is both a CSV column and an argument", "x,y\n1,2\n"},

@@ -1,0 +1,33 @@
+// The benchmark's formula suite: liboxel text, the other libraries' syntax, hand-written C++.
+#ifndef OXEL_BENCH_SUITE_H
+#define OXEL_BENCH_SUITE_H
+
+#include <vector>
+
+namespace oxbench {
+
+const int kPoints = 10000;  // points per timed iteration (one batch)
+const int kStride = 10;     // eight declared variables and room for two assigned ones
+const char* const kVarNames[] = {"x", "y", "z", "w", "u", "v", "s", "t"};
+const int kDeclared = 8;
+
+using Native = void (*)(const double* rows, int n, int stride, double* res, int* err);
+
+struct Formula {
+    const char* family;
+    const char* oxel;
+    const char* mu;  // muparser syntax, null when it has no equivalent
+    const char* fp;  // fparser syntax, null when it has no equivalent
+    Native native;
+    Native libm = nullptr;  // the C library alone (powers), null elsewhere
+};
+
+extern const Formula kSuite[];
+extern const int kNumFormulas;
+
+// kPoints rows of kStride values each, the same for every run.
+const std::vector<double>& rows();
+
+}  // namespace oxbench
+
+#endif

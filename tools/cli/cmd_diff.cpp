@@ -1,0 +1,38 @@
+// oxel diff: the derivative of a formula as a formula.
+#include "common.h"
+
+#include <cstdio>
+#include <memory>
+
+#include "session.h"
+
+namespace oxcli {
+
+int runDiff(const Args& a)
+{
+    rejectOptions(a, kSimplify | kTree);
+    Formula f = formulaOf(a);
+    if (a.positional.size() < f.firstArg + 1)
+        usage("diff needs the variable to differentiate by");
+    const std::string& var = checkedName(a.positional[f.firstArg], a.positional[f.firstArg]);
+    Session s(a);
+    s.declare(var);
+    declareArguments(s, a.positional, f.firstArg + 1, true);
+    s.declareNamesOf(f.text);
+    if (!s.parse(f.text))
+        return kParse;
+    std::unique_ptr<OxelExpression> d(s.expression().derivative(var.c_str()));
+    if (!d) {
+        std::fprintf(stderr, "oxel: no derivative with respect to %s can be formed\n", var.c_str());
+        return kNoDerivative;
+    }
+    if (a.simplify) {
+        std::unique_ptr<OxelExpression> simple(d->simplifiedFully());
+        if (simple)
+            d = std::move(simple);
+    }
+    printResult(d->root(), a.tree);
+    return kOk;
+}
+
+}  // namespace oxcli

@@ -1,0 +1,89 @@
+// Shared pieces of the oxel program: exit codes, usage errors, names, numbers, options.
+#ifndef OXEL_CLI_COMMON_H
+#define OXEL_CLI_COMMON_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <oxel/oxel.h>
+
+namespace oxcli {
+
+enum ExitCode { kOk = 0, kUsage = 1, kParse = 2, kEval = 3, kNoDerivative = 4 };
+
+// A usage error: the message goes to standard error with a pointer to --help.
+struct UsageError {
+    std::string message;
+};
+
+[[noreturn]] void usage(const std::string& message);
+
+// Fewest significant digits that read back to the same double (number_text.h).
+std::string formatNumber(double v);
+
+bool isName(const std::string& s);
+std::string checkedName(const std::string& name, const std::string& arg);
+
+enum NumberStatus { kNumber, kNotANumber, kTooLarge };
+
+// Whole-string number; strtod alone would accept "2abc".
+NumberStatus parseNumber(const std::string& text, double& out);
+std::string numberProblem(NumberStatus status);
+double checkedNumber(const std::string& text, const std::string& arg);
+
+std::string trim(const std::string& s);
+std::vector<std::string> splitFields(const std::string& line, char sep);
+
+// Command line split into its parts; which parts a command accepts is checked later.
+struct Args {
+    std::string command;
+    std::vector<std::string> positional;
+    std::vector<std::pair<std::string, std::string>> aliases;  // alias, variable
+    std::vector<std::string> vars;                             // from --var
+    std::string file;                                          // from --file
+    bool hasFile = false;
+    bool simplify = false, once = false, csv = false, tree = false, value = false;
+};
+
+std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
+                                                    const char* form = "name=value");
+Args parseArgs(int argc, char** argv);
+
+// The offset of the first name of the formula written like a function call, name(...), and
+// that name; -1 when there is none. The language's functions are words of their own, and no
+// variable may stand before '(', so such a name is a function that the language lacks.
+int unknownCall(const std::string& formula, std::string& name);
+
+// The formula and where to show a parse failure in it: the line around the offset, and a
+// caret under the offset.
+void showWhere(const std::string& text, int offset);
+
+// The formula, from the command line or from --file, and where the arguments behind it start.
+struct Formula {
+    std::string text;
+    size_t firstArg;
+};
+
+Formula formulaOf(const Args& a);
+
+// Which options a command accepts besides --alias, --var and --file.
+enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16 };
+
+void rejectOptions(const Args& a, int accepted);
+
+// A result tree as a formula that reads back, or as the library prints it.
+void printResult(Oxel* tree, bool asTree);
+
+// The commands, one source file each.
+int runEval(const Args& a);
+int runDiff(const Args& a);
+int runSimplify(const Args& a);
+int runPrint(const Args& a);
+int runNames(const Args& a);
+int runTable(const Args& a);
+int showVersion();
+
+}  // namespace oxcli
+
+#endif

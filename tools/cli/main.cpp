@@ -1,0 +1,151 @@
+// oxel: command-line front end of liboxel (evaluate, differentiate, simplify, print, tabulate).
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include <oxel/oxel.h>
+
+#include "common.h"
+
+namespace oxcli {
+namespace {
+
+const char kHelp[] =
+    "usage: oxel COMMAND FORMULA [ARGUMENTS] [OPTIONS]\n"
+    "       oxel COMMAND --file FILE [ARGUMENTS] [OPTIONS]\n"
+    "       oxel --help | --version\n"
+    "\n"
+    "Commands:\n"
+    "  eval FORMULA name=value...\n"
+    "      Evaluate FORMULA and print its value. Every variable that the formula\n"
+    "      reads must be given a value (names it assigns first need none).\n"
+    "  diff FORMULA VAR [name | name=value]...\n"
+    "      Print the derivative of FORMULA with respect to VAR as a formula that\n"
+    "      reads back (--tree: as the library prints its tree). The formula's\n"
+    "      names are declared by themselves; values are accepted and ignored.\n"
+    "      The derivative is printed unsimplified unless --simplify is given.\n"
+    "  simplify FORMULA [name | name=value]...\n"
+    "      Print FORMULA simplified, as a formula that reads back (--tree: as the\n"
+    "      library prints its tree): the simplification pass is repeated until\n"
+    "      the text stops changing (--once: a single pass).\n"
+    "  print FORMULA [name | name=value]...\n"
+    "      Print the formula as the library prints its tree.\n"
+    "  names FORMULA\n"
+    "      Print the names that FORMULA reads or assigns, one a line, in order\n"
+    "      of first appearance.\n"
+    "  table FORMULA name=start:stop[:step]... [name=value]...\n"
+    "      Evaluate FORMULA on a grid and write CSV: one column per range, then\n"
+    "      'value' and 'error' (the error code, 0 when none). The step defaults\n"
+    "      to 1; several ranges are nested loops, the first one outermost.\n"
+    "      At most 10000000 points.\n"
+    "  table FORMULA --csv [name=value]...\n"
+    "      Read variable values from CSV on standard input: the header line\n"
+    "      names the variables, every further line holds one row of values.\n"
+    "      Each line is written back as it came, followed by 'value' and\n"
+    "      'error'; blank lines are skipped.\n"
+    "\n"
+    "Options:\n"
+    "  --file FILE         read the formula from FILE instead of the command line\n"
+    "  --alias ALIAS=NAME  ALIAS may be written for the variable NAME (which is\n"
+    "                      declared by this)\n"
+    "  --var NAME          declare a variable without a value (diff, simplify,\n"
+    "                      print)\n"
+    "  --simplify          diff: simplify the derivative until its text stops\n"
+    "                      changing\n"
+    "  --once              simplify: one simplification pass only\n"
+    "  --tree              diff, simplify, print: the library's own print of the\n"
+    "                      tree instead of a formula\n"
+    "  --value             eval: print the value even when evaluation fails\n"
+    "  --csv               table: read the rows from standard input\n"
+    "  --                  end of options\n"
+    "  -h, --help          show this help\n"
+    "  -V, --version       show the version and the library's build record\n"
+    "\n"
+    "Formula language: + - * / and % (remainder, binds like +), comparisons\n"
+    "< > <= >= == !=, logic && || !, bitwise | & ^ << >> (they bind tighter than\n"
+    "*; ^ is exclusive or, not a power: write powers as pow(a, b)), unary minus,\n"
+    "functions such as sin cos tan exp ln sqrt abs atan2 hypot min max, assignments\n"
+    "(t = x*2; t + 1) and statements separated by ';', whose value is that of\n"
+    "the last one. diff(exp, VAR) differentiates inside a formula.\n"
+    "\n"
+    "Numbers are printed with the fewest digits that read back to the same\n"
+    "double. Evaluation errors: eval prints the code and its message on\n"
+    "standard error (and the substitute value only with --value); table reports\n"
+    "them per row in the error column and still exits with 0. When the formula\n"
+    "does not parse, the parser's message is followed by the formula with a\n"
+    "caret under the place where it stopped.\n"
+    "\n"
+    "Exit status:\n"
+    "  0  success\n"
+    "  1  usage error (unknown option, malformed argument, bad range or CSV)\n"
+    "  2  the formula does not parse\n"
+    "  3  evaluation error (eval)\n"
+    "  4  no derivative can be formed (diff)\n";
+
+int run(int argc, char** argv)
+{
+    if (argc < 2)
+        usage("no command given");
+    std::string first = argv[1];
+    if (first == "-h" || first == "--help" || first == "help") {
+        std::fputs(kHelp, stdout);
+        return kOk;
+    }
+    if (first == "-V" || first == "--version" || first == "version")
+        return showVersion();
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--") == 0)
+            break;
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::fputs(kHelp, stdout);
+            return kOk;
+        }
+    }
+    Args a = parseArgs(argc, argv);
+    if (a.command == "eval")
+        return runEval(a);
+    if (a.command == "diff")
+        return runDiff(a);
+    if (a.command == "simplify")
+        return runSimplify(a);
+    if (a.command == "print")
+        return runPrint(a);
+    if (a.command == "table")
+        return runTable(a);
+    if (a.command == "names")
+        return runNames(a);
+    usage("unknown command '" + a.command + "'");
+}
+
+}  // namespace
+}  // namespace oxcli
+
+// The library's messages become lines on standard error; its ignored characters must not end
+// up in front of a table on standard output.
+void onMessage(int kind, const char* text, void*)
+{
+    if (kind == OXEL_MESSAGE_PARSE_ERROR)
+        std::fprintf(stderr, "Parsing OxError: %s\n", text);
+    else
+        std::fprintf(stderr, "oxel: warning: %s\n", text);
+}
+
+int main(int argc, char** argv)
+{
+    oxelSetMessageHandler(onMessage, nullptr);
+    int status;
+    try {
+        status = oxcli::run(argc, argv);
+    } catch (const oxcli::UsageError& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "oxel: %s\n(try 'oxel --help')\n", e.message.c_str());
+        status = oxcli::kUsage;
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "oxel: %s\n", e.what());
+        status = oxcli::kEval;
+    }
+    std::fflush(stdout);
+    return status;
+}
