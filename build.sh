@@ -3,7 +3,7 @@
 #
 #   ./build.sh              install what is missing, build, run the oxel program on examples
 #   ./build.sh test         install what is missing, build, run the whole test suite
-#   ./build.sh test --sanitize   also build and run the suite under ASan + UBSan
+#   ./build.sh test --sanitize   also build and run the suite under ASan + UBSan (clang and GCC)
 #   ./build.sh test --tsan       also build and run the thread tests under TSan
 #   ./build.sh test --fuzz[=S]   also run every fuzz target for S seconds (default 30)
 #   ./build.sh test --ci         all of the above, and build (not run) the benchmark: what CI runs
@@ -99,6 +99,11 @@ test)
             -DOXEL_SANITIZE=address,undefined
         ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
             ctest --test-dir build-asan --output-on-failure -j "$JOBS"
+        # GCC too: it is most users' compiler, and it rejects and lays out code differently.
+        build_tree build-asan-gcc -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ \
+            -DOXEL_SANITIZE=address,undefined
+        ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+            ctest --test-dir build-asan-gcc --output-on-failure -j "$JOBS" -E '^Package'
     fi
     if [ "$TSAN" = 1 ]; then
         build_tree build-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \

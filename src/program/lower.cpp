@@ -111,7 +111,7 @@ struct Lowerer {
         errorCertain = true;
     }
 
-    Operand readVar(int index)
+    __attribute__((noinline)) Operand readVar(int index)
     {
         if (index < 0 || index >= numVars)
             return fail();
@@ -121,7 +121,9 @@ struct Lowerer {
         return Operand{Operand::Input, 0.0, index};
     }
 
-    Operand emit(oxk::Kind kind, const Operand& a, const Operand& b)
+    // Out of line, as are the other helpers of lower(): its frame is paid once per level of
+    // nesting, so it must stay small.
+    __attribute__((noinline)) Operand emit(oxk::Kind kind, const Operand& a, const Operand& b)
     {
         Step s{kind, oxk::row(kind).raises && !errorCertain, a, b, 0, -1};
         const int next = static_cast<int>(out.steps.size());
@@ -134,7 +136,7 @@ struct Lowerer {
         return reg(next);
     }
 
-    Operand unary(oxk::Kind kind, const Operand& v)
+    __attribute__((noinline)) Operand unary(oxk::Kind kind, const Operand& v)
     {
         if (v.mode == Operand::Const) {
             int e = 0;
@@ -145,7 +147,7 @@ struct Lowerer {
         return emit(kind, v, constant(0.0));
     }
 
-    Operand binary(oxk::Kind kind, const Operand& a, const Operand& b)
+    __attribute__((noinline)) Operand binary(oxk::Kind kind, const Operand& a, const Operand& b)
     {
         if (a.mode == Operand::Const && b.mode == Operand::Const) {
             int e = 0;
@@ -158,7 +160,7 @@ struct Lowerer {
 
     // A random source or a dependent variable: its arguments in order, then the call, which
     // is never shared.
-    Operand call(oxk::Kind kind, Oxel* node)
+    __attribute__((noinline)) Operand call(oxk::Kind kind, Oxel* node)
     {
         const int n = node->getNumChildren();
         std::vector<Operand> values;
