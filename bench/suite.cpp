@@ -141,6 +141,18 @@ const Formula kSuite[] = {
      NATIVE(double a = eval_OxPlus(eval_OxMal(x, 2.0 / 3.0, e), eval_OxMal(y, 1.0 / 7.0, e), e);
             a = eval_OxMinus(a, eval_OxMal(std::sqrt(2.0), z, e), e);
             return eval_OxPlus(a, 1.0, e);)},
+    // Repeated subexpressions: the program computes each once, as a compiler would.
+    {"shared root", "sqrt(x * x + y * y) / (1 + sqrt(x * x + y * y))",
+     "sqrt(x * x + y * y) / (1 + sqrt(x * x + y * y))", "sqrt(x*x+y*y)/(1+sqrt(x*x+y*y))",
+     NATIVE(double r = eval_OxSqroot(eval_OxPlus(eval_OxMal(x, x, e), eval_OxMal(y, y, e), e), e);
+            return eval_OxDurch(r, eval_OxPlus(1, r, e), e);)},
+    {"shared wave", "exp(-x * x) * sin(x * y) + exp(-x * x) * cos(x * y)",
+     "exp(-x * x) * sin(x * y) + exp(-x * x) * cos(x * y)",
+     "exp(-x*x)*sin(x*y)+exp(-x*x)*cos(x*y)",
+     NATIVE(double g = eval_OxExp(eval_OxMal(eval_OxMal(-1.0, x, e), x, e), e);
+            double xy = eval_OxMal(x, y, e);
+            return eval_OxPlus(eval_OxMal(g, eval_OxSinus(xy), e), eval_OxMal(g, eval_OxCosinus(xy), e),
+                               e);)},
     {"long", "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + pow(u, 2) - v * s / (t + 1)",
      "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2 * w) - atan(y / x) * ln(abs(z) + 1) + u^2 - v * s / (t + 1)",
      "sin(x)*cos(y)+exp(-z*z/2)/sqrt(2*w)-atan(y/x)*log(abs(z)+1)+u^2-v*s/(t+1)",

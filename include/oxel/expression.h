@@ -81,6 +81,7 @@ public:
                          int* errors, bool errorsZeroed = false) const;
 
 private:
+    double evalAt(double* values, int count, int& err) const;
     OxelExpression* withSameNames(Oxel* tree) const;
     void installTree(Oxel* tree);
     void dropProgram();

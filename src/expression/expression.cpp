@@ -128,23 +128,30 @@ int OxelExpression::initFromString(const char* text)
     return 0;
 }
 
-double OxelExpression::eval(KxDArray<double>& values, int& err) const
-{
-    return eval(values.data(), values.length(), err);
-}
-
-double OxelExpression::eval(double* values, int count, int& err) const
+// Both forms of eval() inline this: a call from one exported function to another would go
+// through the symbol table.
+inline double OxelExpression::evalAt(double* values, int count, int& err) const
 {
     if (!root_)
         return 0.0;
-    // A short vector would be read (and written) past its end.
-    if (!values && names_.length() > 0)
-        count = -1;
-    if (count < names_.length()) {
+    // A short vector would be read (and written) past its end; without variables, a null
+    // vector is never touched.
+    if (__builtin_expect(count < names_.length() || !values, 0) &&
+        (count < names_.length() || names_.length() > 0)) {
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
     return oxelPointRun(*pointProgram(), root_, values, err);
+}
+
+double OxelExpression::eval(KxDArray<double>& values, int& err) const
+{
+    return evalAt(values.data(), values.length(), err);
+}
+
+double OxelExpression::eval(double* values, int count, int& err) const
+{
+    return evalAt(values, count, err);
 }
 
 void OxelExpression::setDefaultExpression()
@@ -255,17 +262,27 @@ namespace {
 
 // The program in slot, compiled by whichever thread gets there first; the others discard theirs.
 template <class Program>
-Program* compiledOnce(std::atomic<Program*>& slot, Program* (*compile)(Oxel*, int),
-                      void (*release)(Program*), Oxel* root, int numVars)
+__attribute__((noinline)) Program* compileInto(std::atomic<Program*>& slot,
+                                               Program* (*compile)(Oxel*, int),
+                                               void (*release)(Program*), Oxel* root, int numVars)
 {
-    Program* p = slot.load(std::memory_order_acquire);
-    if (p)
-        return p;
+    Program* p = nullptr;
     Program* mine = compile(root, numVars);
     if (slot.compare_exchange_strong(p, mine, std::memory_order_acq_rel))
         return mine;
     release(mine);
     return p;
+}
+
+// The compiled case stays a load and a test in the caller.
+template <class Program>
+inline Program* compiledOnce(std::atomic<Program*>& slot, Program* (*compile)(Oxel*, int),
+                             void (*release)(Program*), Oxel* root, int numVars)
+{
+    Program* p = slot.load(std::memory_order_acquire);
+    if (__builtin_expect(p != nullptr, 1))
+        return p;
+    return compileInto(slot, compile, release, root, numVars);
 }
 
 }  // namespace
