@@ -2,13 +2,20 @@
 # Writes the seed inputs of the fuzz targets into fuzz/corpus/<target>/ (rerun after editing).
 import os
 import random
+import re
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
-UNARY = ["abs", "ln", "sqrt", "sin", "cos", "tan", "acos", "asin", "atan", "exp", "erf",
-         "erfc", "acosh", "asinh", "atanh", "cbrt", "ceil", "cosh", "expm1", "floor", "j0",
-         "j1", "log10", "rint", "sinh", "tanh", "trunc", "y0", "y1", "sgn"]
-BINARY = ["pow", "atan2", "copysign", "drem", "fmod", "hypot", "jn", "yn", "max", "min"]
+
+def functions(table):
+    """The spelled names of one function table of include/oxel/nodes.h, in row order."""
+    with open(os.path.join(HERE, "..", "include", "oxel", "nodes.h")) as fh:
+        text = fh.read()
+    block = re.search(r"#define %s\(X\)(.*?)\n\n" % table, text, re.S).group(1)
+    return re.findall(r'X\(\w+, \d+, \d+, "[^"]*", "([^"]*)", \w+\)', block)
+
+UNARY = functions("OXEL_UNARY_FUNCTIONS")
+BINARY = ["pow"] + functions("OXEL_BINARY_FUNCTIONS")
 NO_RULE = ["gamma", "log1p", "logb", "log"]
 INFIX = ["+", "-", "*", "/", "%", "<", ">", "<=", ">=", "==", "!=", "&&", "||", "|", "&", "^",
          "<<", ">>", "+=", "-=", "*=", "/=", "++", "--"]

@@ -18,6 +18,8 @@
 
 #include <oxel/oxel.h>
 
+#include "node_probe.h"
+
 namespace {
 
 using Expr = std::unique_ptr<OxelExpression>;
@@ -274,12 +276,13 @@ private:
                                              "1e308", "1e-310", "1e999", "31", "2147483648", "0.1"};
         static const char* const infix[] = {"+", "-", "*", "/", "%", "<", ">", "<=", ">=", "==",
                                             "!=", "&&", "||", "|", "&", "^", "<<", ">>"};
-        static const char* const calls1[] = {
-            "sin", "cos", "tan", "sqrt", "ln", "atan", "asin", "acos", "exp", "erf", "erfc",
-            "abs", "acosh", "asinh", "atanh", "cbrt", "ceil", "cosh", "expm1", "floor", "j0",
-            "j1", "log10", "rint", "sinh", "tanh", "trunc", "y0", "y1", "sgn"};
-        static const char* const calls2[] = {"pow", "atan2", "copysign", "drem", "fmod",
-                                             "hypot", "max", "min"};
+        static const std::vector<std::string> calls1 = functionNames(1);
+        static const std::vector<std::string> calls2 = [] {  // Bessel orders would cost time
+            std::vector<std::string> names{"pow"};
+            for (const std::string& f : functionNames(2, {"jn", "yn"}))
+                names.push_back(f);
+            return names;
+        }();
         if (depth == 0 || pick(5) == 0) {
             if (withT && pick(4) == 0)
                 return "t";
@@ -293,10 +296,10 @@ private:
         case 2:
             return std::string(pick(2) ? "(-" : "(!") + exp(depth - 1, withT) + ")";
         case 3:
-            return std::string(calls1[pick(sizeof calls1 / sizeof *calls1)]) + "(" +
+            return calls1[static_cast<size_t>(pick(static_cast<int>(calls1.size())))] + "(" +
                    exp(depth - 1, withT) + ")";
         case 4:
-            return std::string(calls2[pick(sizeof calls2 / sizeof *calls2)]) + "(" +
+            return calls2[static_cast<size_t>(pick(static_cast<int>(calls2.size())))] + "(" +
                    exp(depth - 1, withT) + ", " + exp(depth - 1, withT) + ")";
         case 5:  // Bessel orders kept small: their cost grows with the order
             return std::string(pick(2) ? "jn(" : "yn(") + exp(depth - 1, withT) + " & 7, " +

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include <oxel/oxel.h>
 
@@ -27,6 +30,16 @@ template <class Cls> Oxel* op1(Oxel* a) { return new Cls(a); }
 template <class Cls> Oxel* op2(Oxel* a, Oxel* b) { return new Cls(a, b); }
 inline Oxel* N(double v) { return new OxZahl(v); }
 inline Oxel* V(const char* name, int index = 0) { return new OxVar(index, name); }
+
+// The library's functions of arity arguments in table order, without those in except.
+inline std::vector<std::string> functionNames(int arity, std::vector<std::string> except = {})
+{
+    std::vector<std::string> names;
+    for (const char* const* f = oxelFunctionNames(arity); *f; ++f)
+        if (std::find(except.begin(), except.end(), *f) == except.end())
+            names.push_back(*f);
+    return names;
+}
 
 // Evaluates and destroys a tree; the error code starts at `err`.
 inline double evalTree(Oxel* tree, int& err, double* vars = nullptr)

@@ -201,7 +201,7 @@ private:
 };
 
 // ---------------------------------------------------------------- node tables
-// One row per class: class name, identify code, priority, symbol.
+// One row per class: class name, identify code, priority, symbol (functions add more).
 
 // Arithmetic operators (guards in the evaluation kernels).
 #define OXEL_ARITHMETIC_OPERATORS(X) \
@@ -230,50 +230,57 @@ private:
     X(OxAnd)                    \
     X(OxOr)
 
+// The functions of the language. Each row: class, identify code, priority, symbol (what
+// symbol() and print() write), the name the formula language spells it with (also what
+// oxelToFormula writes), and its grammar token. The tokens of the functions that exist today
+// are fixed; a function added later takes KW_FUNCTION1 or KW_FUNCTION2 by its argument count.
+// Beside its row a function needs only its kernel oxk::eval_<Class> (src/nodes/kernels.h) and
+// its derivative rule <Class>::diff (src/algebra/derivatives_functions.cpp).
+
 // One-argument functions (priority 3).
-#define OXEL_UNARY_FUNCTIONS(X)      \
-    X(OxSinus, 34054, 3, "sin")      \
-    X(OxCosinus, 34055, 3, "cos")    \
-    X(OxTangens, 34056, 3, "tan")    \
-    X(OxSqroot, 34057, 3, "sqr")     \
-    X(OxLn, 34058, 3, "OxLn")        \
-    X(OxArctan, 34061, 3, "atan")    \
-    X(OxArcsin, 34062, 3, "asin")    \
-    X(OxArccos, 34063, 3, "acos")    \
-    X(OxExp, 34064, 3, "exp")        \
-    X(OxErf, 34065, 3, "erf")        \
-    X(OxErfc, 34066, 3, "erfc")      \
-    X(OxBetrag, 0, 3, "abs")         \
-    X(OxArccosh, 34085, 3, "acosh")  \
-    X(OxArcsinh, 34086, 3, "asinh")  \
-    X(OxArctanh, 34088, 3, "atanh")  \
-    X(OxCbroot, 34089, 3, "cbrt")    \
-    X(OxCeil, 34090, 3, "ceil")      \
-    X(OxCosh, 34092, 3, "cosh")      \
-    X(OxExpm1, 34094, 3, "expm1")    \
-    X(OxFloor, 34095, 3, "floor")    \
-    X(OxJ0, 34099, 3, "j0")          \
-    X(OxJ1, 34100, 3, "j1")          \
-    X(OxLog10, 34102, 3, "log10")    \
-    X(OxRint, 34105, 3, "rint")      \
-    X(OxSinh, 34106, 3, "sinh")      \
-    X(OxTanh, 34107, 3, "tanh")      \
-    X(OxTrunc, 34108, 3, "trunc")    \
-    X(OxY0, 34109, 3, "y0")          \
-    X(OxY1, 34110, 3, "y1")          \
-    X(OxSgn, 34114, 3, "sgn")
+#define OXEL_UNARY_FUNCTIONS(X)                                 \
+    X(OxSinus, 34054, 3, "sin", "sin", KW_SIN)                  \
+    X(OxCosinus, 34055, 3, "cos", "cos", KW_COS)                \
+    X(OxTangens, 34056, 3, "tan", "tan", KW_TAN)                \
+    X(OxSqroot, 34057, 3, "sqr", "sqrt", KW_SQR)                \
+    X(OxLn, 34058, 3, "OxLn", "ln", KW_LN)                      \
+    X(OxArctan, 34061, 3, "atan", "atan", KW_ATAN)              \
+    X(OxArcsin, 34062, 3, "asin", "asin", KW_ASIN)              \
+    X(OxArccos, 34063, 3, "acos", "acos", KW_ACOS)              \
+    X(OxExp, 34064, 3, "exp", "exp", KW_EXP)                    \
+    X(OxErf, 34065, 3, "erf", "erf", KW_ERF)                    \
+    X(OxErfc, 34066, 3, "erfc", "erfc", KW_ERFC)                \
+    X(OxBetrag, 0, 3, "abs", "abs", KW_ABS)                     \
+    X(OxArccosh, 34085, 3, "acosh", "acosh", KW_ACOSH)          \
+    X(OxArcsinh, 34086, 3, "asinh", "asinh", KW_ASINH)          \
+    X(OxArctanh, 34088, 3, "atanh", "atanh", KW_ATANH)          \
+    X(OxCbroot, 34089, 3, "cbrt", "cbrt", KW_CBRT)              \
+    X(OxCeil, 34090, 3, "ceil", "ceil", KW_CEIL)                \
+    X(OxCosh, 34092, 3, "cosh", "cosh", KW_COSH)                \
+    X(OxExpm1, 34094, 3, "expm1", "expm1", KW_EXPM1)            \
+    X(OxFloor, 34095, 3, "floor", "floor", KW_FLOOR)            \
+    X(OxJ0, 34099, 3, "j0", "j0", KW_J0)                        \
+    X(OxJ1, 34100, 3, "j1", "j1", KW_J1)                        \
+    X(OxLog10, 34102, 3, "log10", "log10", KW_LOG10)            \
+    X(OxRint, 34105, 3, "rint", "rint", KW_RINT)                \
+    X(OxSinh, 34106, 3, "sinh", "sinh", KW_SINH)                \
+    X(OxTanh, 34107, 3, "tanh", "tanh", KW_TANH)                \
+    X(OxTrunc, 34108, 3, "trunc", "trunc", KW_TRUNC)            \
+    X(OxY0, 34109, 3, "y0", "y0", KW_Y0)                        \
+    X(OxY1, 34110, 3, "y1", "y1", KW_Y1)                        \
+    X(OxSgn, 34114, 3, "sgn", "sgn", KW_SGN)
 
 // Two-argument functions (priority 3; printed infix by the generic print).
-#define OXEL_BINARY_FUNCTIONS(X)        \
-    X(OxArctan2, 34087, 3, "atan2")     \
-    X(OxCopysign, 34091, 3, "copysign") \
-    X(OxDrem, 34093, 3, "drem")         \
-    X(OxFmod, 34096, 3, "fmod")         \
-    X(OxHypot, 34098, 3, "hypot")       \
-    X(OxJn, 34101, 3, "jn")             \
-    X(OxYn, 34111, 3, "yn")             \
-    X(OxMax, 34112, 3, "max")           \
-    X(OxMin, 34113, 3, "min")
+#define OXEL_BINARY_FUNCTIONS(X)                                \
+    X(OxArctan2, 34087, 3, "atan2", "atan2", KW_ATAN2)          \
+    X(OxCopysign, 34091, 3, "copysign", "copysign", KW_CPSIGN)  \
+    X(OxDrem, 34093, 3, "drem", "drem", KW_DREM)                \
+    X(OxFmod, 34096, 3, "fmod", "fmod", KW_FMOD)                \
+    X(OxHypot, 34098, 3, "hypot", "hypot", KW_HYPOT)            \
+    X(OxJn, 34101, 3, "jn", "jn", KW_JN)                        \
+    X(OxYn, 34111, 3, "yn", "yn", KW_YN)                        \
+    X(OxMax, 34112, 3, "max", "max", KW_MAX)                    \
+    X(OxMin, 34113, 3, "min", "min", KW_MIN)
 
 // The slots each table-driven class overrides, in the order of the node interface.
 #define OXEL_NODE_SLOTS(Cls, code, prio)                    \
@@ -286,15 +293,20 @@ public:                                                     \
     int identify() override { return code; }                \
     const char* symbol() override;
 
-#define OXEL_DECLARE_BINARY(Cls, code, prio, sym)           \
-    class OXEL_API Cls : public OxBinary {                  \
-    public:                                                 \
+// Operators add the slots that OXEL_<Class>_EXTRA names; functions add none.
+#define OXEL_DECLARE_BINARY_CLASS(Cls, code, prio, extra)      \
+    class OXEL_API Cls : public OxBinary {                      \
+    public:                                                     \
         Cls(Oxel* left, Oxel* right) : OxBinary(left, right) {} \
-        OXEL_NODE_SLOTS(Cls, code, prio)                    \
-        OXEL_##Cls##_EXTRA                                  \
+        OXEL_NODE_SLOTS(Cls, code, prio)                        \
+        extra                                                   \
     };
+#define OXEL_DECLARE_BINARY(Cls, code, prio, sym) \
+    OXEL_DECLARE_BINARY_CLASS(Cls, code, prio, OXEL_##Cls##_EXTRA)
+#define OXEL_DECLARE_BINARY_FUNCTION(Cls, code, prio, ...) \
+    OXEL_DECLARE_BINARY_CLASS(Cls, code, prio, )
 
-#define OXEL_DECLARE_UNARY(Cls, code, prio, sym)            \
+#define OXEL_DECLARE_UNARY(Cls, code, prio, ...)            \
     class OXEL_API Cls : public OxUnary {                   \
     public:                                                 \
         explicit Cls(Oxel* arg) : OxUnary(arg) {}           \
@@ -315,19 +327,10 @@ public:                                                     \
 #define OXEL_OxBitXOr_EXTRA
 #define OXEL_OxShiftLeft_EXTRA
 #define OXEL_OxShiftRight_EXTRA
-#define OXEL_OxArctan2_EXTRA
-#define OXEL_OxCopysign_EXTRA
-#define OXEL_OxDrem_EXTRA
-#define OXEL_OxFmod_EXTRA
-#define OXEL_OxHypot_EXTRA
-#define OXEL_OxJn_EXTRA
-#define OXEL_OxYn_EXTRA
-#define OXEL_OxMax_EXTRA
-#define OXEL_OxMin_EXTRA
 
 OXEL_ARITHMETIC_OPERATORS(OXEL_DECLARE_BINARY)
 OXEL_BITWISE_OPERATORS(OXEL_DECLARE_BINARY)
-OXEL_BINARY_FUNCTIONS(OXEL_DECLARE_BINARY)
+OXEL_BINARY_FUNCTIONS(OXEL_DECLARE_BINARY_FUNCTION)
 OXEL_UNARY_FUNCTIONS(OXEL_DECLARE_UNARY)
 
 // Comparison and logic nodes override only value, dup and the destructor.

@@ -29,6 +29,10 @@ public:
 OXEL_API int oxelFormulaNames(const char* text, KxDArray<KxString>& names,
                               KxDArray<int>* assignedFirst = nullptr);
 
+/// The function names of the formula language that take arity arguments (1 or 2), in the order
+/// of the node tables, followed by a null pointer; any other arity gives just the null pointer.
+OXEL_API const char* const* oxelFunctionNames(int arity);
+
 /// Serialises every parse in the process; lexer and parser state is global.
 extern OXEL_API KxMutex strToOxelMutex;
 

@@ -3,13 +3,13 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <string>
 #include <typeindex>
 #include <unordered_map>
 
 #include <oxel/nodes.h>
-#include <oxel/parser.h>
+
+#include "nodes/words.h"
 
 namespace {
 
@@ -21,16 +21,6 @@ struct Spelling {
     const char* text;
     int level;   // infix operators; kAtom marks a function call
 };
-
-// The language's name of a function whose printed symbol differs from it.
-const char* callName(const char* symbol)
-{
-    if (std::strcmp(symbol, "sqr") == 0)
-        return "sqrt";
-    if (std::strcmp(symbol, "OxLn") == 0)
-        return "ln";
-    return symbol;
-}
 
 const std::unordered_map<std::type_index, Spelling>& spellings()
 {
@@ -45,7 +35,7 @@ const std::unordered_map<std::type_index, Spelling>& spellings()
             {typeid(OxOr), {"||", kLogic}},
         };
 #define OXEL_BIT(Cls, code, prio, sym) t[typeid(Cls)] = {sym, kBit};
-#define OXEL_CALL(Cls, code, prio, sym) t[typeid(Cls)] = {callName(sym), kAtom};
+#define OXEL_CALL(Cls, code, prio, sym, name, token) t[typeid(Cls)] = {name, kAtom};
         OXEL_BITWISE_OPERATORS(OXEL_BIT)
         OXEL_UNARY_FUNCTIONS(OXEL_CALL)
         OXEL_BINARY_FUNCTIONS(OXEL_CALL)
@@ -77,18 +67,6 @@ class Writer {
 public:
     std::string out;
     bool ok = true;
-
-    // A name that the lexer reads back as exactly this one name (not a function keyword).
-    bool isLanguageName(const char* name)
-    {
-        auto known = names_.find(name);
-        if (known != names_.end())
-            return known->second;
-        KxDArray<KxString> found;
-        bool yes = oxelFormulaNames(name, found) == 1 && std::strcmp(found[0].c_str(), name) == 0;
-        names_[name] = yes;
-        return yes;
-    }
 
     // Statements of the top-level sequence, first to last.
     void statements(Oxel* node)
@@ -185,7 +163,7 @@ private:
         if (auto* z = dynamic_cast<OxZahl*>(node))
             return number(z->number());
         if (auto* var = dynamic_cast<OxVar*>(node)) {
-            if (!isLanguageName(var->name().c_str())) {
+            if (!oxw::isPlainName(var->name().c_str())) {
                 ok = false;
                 return;
             }
@@ -235,7 +213,7 @@ private:
     {
         OxDepVarnode* node = dep->node();
         int n = dep->getNumChildren();
-        if (dep->nDiff() != 0 || dep->component() < 0 || !isLanguageName(node->getName()) ||
+        if (dep->nDiff() != 0 || dep->component() < 0 || !oxw::isPlainName(node->getName()) ||
             n > 6 || (n > 0 && n != node->getNDims()) ||
             (n == 0 && !node->hasDefaultVars() && node->getNDims() != 1)) {
             ok = false;
@@ -247,8 +225,6 @@ private:
             return;
         call("", dep);
     }
-
-    std::unordered_map<std::string, bool> names_;
 };
 
 }  // namespace

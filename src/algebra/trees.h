@@ -4,6 +4,8 @@
 
 #include <oxel/nodes.h>
 
+#include "core/derivative.h"
+
 namespace oxd {
 
 // Nodes that the derivative being built may still copy. Rules that copy a derivative
@@ -38,12 +40,6 @@ inline Oxel* D(Oxel* node, const char* var)
     return d;
 }
 
-// Derivative of tree with at most maxNodes copied nodes; *tooLarge tells a refusal for size
-// from a tree that has no derivative.
-Oxel* boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarge);
-
-// The budget of derivatives taken by the expression object and by diff() in formula text.
-const long kMaxDerivativeNodes = 2000000;
 inline Oxel* N(double c) { return new OxZahl(c); }
 inline Oxel* Plus(Oxel* a, Oxel* b) { return new OxPlus(a, b); }
 inline Oxel* Minus(Oxel* a, Oxel* b) { return new OxMinus(a, b); }

@@ -4,7 +4,7 @@
 #include "nodes/frames.h"
 
 // The argument's own failure stays in err; the kernel adds its guard code only if err is 0.
-#define OXEL_UNARY_FUNCTION(Cls, code, prio, sym)           \
+#define OXEL_UNARY_FUNCTION(Cls, code, prio, sym, ...)       \
     double Cls::value(double* vars, int& err) const         \
     {                                                       \
         double v = arg_->value(vars, err);                  \
@@ -14,7 +14,7 @@
     Cls::~Cls() {}                                          \
     const char* Cls::symbol() { return sym; }
 
-#define OXEL_BINARY_FUNCTION(Cls, code, prio, sym) \
+#define OXEL_BINARY_FUNCTION(Cls, code, prio, sym, ...) \
     OXEL_BINARY_VALUE(Cls)                         \
     OXEL_BINARY_COMMON(Cls)                        \
     const char* Cls::symbol() { return sym; }

@@ -7,7 +7,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "algebra/trees.h"
+#include "core/derivative.h"
+#include "nodes/words.h"
 #include "parser/converter.h"
 
 Oxel* yyOxel = nullptr;
@@ -51,12 +52,13 @@ static Oxel* plainVar(int index)
 %token <i> VAR
 %token <d> DEPVAR
 %token PG MaG MiG GG PP MM
-%token KW_GAUSS KW_RAND KW_ABS KW_LN KW_SQR KW_SIN KW_COS KW_TAN KW_ACOS KW_ASIN KW_ATAN
-%token KW_DIFF KW_EXP KW_ERF KW_ERFC KW_POW
+/* A keyword's value is its index in the word table (nodes/words.h). */
+%token <i> KW_GAUSS KW_RAND KW_ABS KW_LN KW_SQR KW_SIN KW_COS KW_TAN KW_ACOS KW_ASIN KW_ATAN
+%token <i> KW_DIFF KW_EXP KW_ERF KW_ERFC KW_POW
 %token <s> COMPILED_EXPR
-%token KW_ACOSH KW_ASINH KW_ATAN2 KW_ATANH KW_CBRT KW_CEIL KW_CPSIGN KW_COSH KW_DREM
-%token KW_EXPM1 KW_FLOOR KW_FMOD KW_GAMMA KW_HYPOT KW_J0 KW_J1 KW_JN KW_LOG10 KW_LOG1P
-%token KW_LOGB KW_RINT KW_SINH KW_TANH KW_TRUNC KW_Y0 KW_Y1 KW_YN KW_MAX KW_MIN KW_SGN
+%token <i> KW_ACOSH KW_ASINH KW_ATAN2 KW_ATANH KW_CBRT KW_CEIL KW_CPSIGN KW_COSH KW_DREM
+%token <i> KW_EXPM1 KW_FLOOR KW_FMOD KW_GAMMA KW_HYPOT KW_J0 KW_J1 KW_JN KW_LOG10 KW_LOG1P
+%token <i> KW_LOGB KW_RINT KW_SINH KW_TANH KW_TRUNC KW_Y0 KW_Y1 KW_YN KW_MAX KW_MIN KW_SGN
 
 /* Unusual on purpose: '%' binds like '+', the bitwise operators bind tighter than '*',
    the logical operators share one level. */
@@ -68,7 +70,14 @@ static Oxel* plainVar(int index)
 %precedence '!' NEG
 %left '^'
 
+/* Functions added after the keywords above: the table gives them these tokens by their
+   argument count. They come after every other symbol (hence the characters that the rules
+   would otherwise introduce first), so the order of the messages' expected tokens stays. */
+%token '[' ']' '(' ')' ',' '='
+%token <i> KW_FUNCTION1 KW_FUNCTION2
+
 %type <o> exp
+%type <i> unary binary
 
 /* Nodes and brace texts abandoned by a failed parse are released. */
 %destructor { oxelDestroy($$); } <o>
@@ -153,18 +162,8 @@ exp:
         /* The argument is not part of the result; nothing else refers to it. */
         oxelDestroy($3);
     }
-  | KW_COS '(' exp ')'                  { $$ = new OxCosinus($3); }
-  | KW_EXP '(' exp ')'                  { $$ = new OxExp($3); }
-  | KW_ERF '(' exp ')'                  { $$ = new OxErf($3); }
-  | KW_ERFC '(' exp ')'                 { $$ = new OxErfc($3); }
-  | KW_ABS '(' exp ')'                  { $$ = new OxBetrag($3); }
-  | KW_SIN '(' exp ')'                  { $$ = new OxSinus($3); }
-  | KW_TAN '(' exp ')'                  { $$ = new OxTangens($3); }
-  | KW_LN '(' exp ')'                   { $$ = new OxLn($3); }
-  | KW_ASIN '(' exp ')'                 { $$ = new OxArcsin($3); }
-  | KW_ACOS '(' exp ')'                 { $$ = new OxArccos($3); }
-  | KW_ATAN '(' exp ')'                 { $$ = new OxArctan($3); }
-  | KW_SQR '(' exp ')'                  { $$ = new OxSqroot($3); }
+  | unary '(' exp ')'                   { $$ = oxw::kWords[$1].make1($3); }
+  | binary '(' exp ',' exp ')'          { $$ = oxw::kWords[$1].make2($3, $5); }
   | KW_GAUSS '(' ')'                    { $$ = new OxGauss(); }
   | KW_RAND '(' ')'                     { $$ = new OxRand(); }
   | KW_POW '(' exp ',' exp ')'          { $$ = new OxHoch($3, $5); }
@@ -192,33 +191,19 @@ exp:
   | exp BIT_XOR exp                     { $$ = new OxBitXOr($1, $3); }
   | exp SHIFT_LEFT exp                  { $$ = new OxShiftLeft($1, $3); }
   | exp SHIFT_RIGHT exp                 { $$ = new OxShiftRight($1, $3); }
-  | KW_ACOSH '(' exp ')'                { $$ = new OxArccosh($3); }
-  | KW_ASINH '(' exp ')'                { $$ = new OxArcsinh($3); }
-  | KW_ATAN2 '(' exp ',' exp ')'        { $$ = new OxArctan2($3, $5); }
-  | KW_ATANH '(' exp ')'                { $$ = new OxArctanh($3); }
-  | KW_CBRT '(' exp ')'                 { $$ = new OxCbroot($3); }
-  | KW_CEIL '(' exp ')'                 { $$ = new OxCeil($3); }
-  | KW_CPSIGN '(' exp ',' exp ')'       { $$ = new OxCopysign($3, $5); }
-  | KW_COSH '(' exp ')'                 { $$ = new OxCosh($3); }
-  | KW_DREM '(' exp ',' exp ')'         { $$ = new OxDrem($3, $5); }
-  | KW_EXPM1 '(' exp ')'                { $$ = new OxExpm1($3); }
-  | KW_FLOOR '(' exp ')'                { $$ = new OxFloor($3); }
-  | KW_FMOD '(' exp ',' exp ')'         { $$ = new OxFmod($3, $5); }
-  | KW_HYPOT '(' exp ',' exp ')'        { $$ = new OxHypot($3, $5); }
-  | KW_J0 '(' exp ')'                   { $$ = new OxJ0($3); }
-  | KW_J1 '(' exp ')'                   { $$ = new OxJ1($3); }
-  | KW_JN '(' exp ',' exp ')'           { $$ = new OxJn($3, $5); }
-  | KW_LOG10 '(' exp ')'                { $$ = new OxLog10($3); }
-  | KW_RINT '(' exp ')'                 { $$ = new OxRint($3); }
-  | KW_SINH '(' exp ')'                 { $$ = new OxSinh($3); }
-  | KW_TANH '(' exp ')'                 { $$ = new OxTanh($3); }
-  | KW_TRUNC '(' exp ')'                { $$ = new OxTrunc($3); }
-  | KW_Y0 '(' exp ')'                   { $$ = new OxY0($3); }
-  | KW_Y1 '(' exp ')'                   { $$ = new OxY1($3); }
-  | KW_YN '(' exp ',' exp ')'           { $$ = new OxYn($3, $5); }
-  | KW_MAX '(' exp ',' exp ')'          { $$ = new OxMax($3, $5); }
-  | KW_MIN '(' exp ',' exp ')'          { $$ = new OxMin($3, $5); }
-  | KW_SGN '(' exp ')'                  { $$ = new OxSgn($3); }
+;
+
+/* The function keywords by argument count; each carries its word, which builds the node. */
+unary:
+    KW_ABS | KW_LN | KW_SQR | KW_SIN | KW_COS | KW_TAN | KW_ACOS | KW_ASIN | KW_ATAN | KW_EXP
+  | KW_ERF | KW_ERFC | KW_ACOSH | KW_ASINH | KW_ATANH | KW_CBRT | KW_CEIL | KW_COSH | KW_EXPM1
+  | KW_FLOOR | KW_J0 | KW_J1 | KW_LOG10 | KW_RINT | KW_SINH | KW_TANH | KW_TRUNC | KW_Y0 | KW_Y1
+  | KW_SGN | KW_FUNCTION1
+;
+
+binary:
+    KW_ATAN2 | KW_CPSIGN | KW_DREM | KW_FMOD | KW_HYPOT | KW_JN | KW_YN | KW_MAX | KW_MIN
+  | KW_FUNCTION2
 ;
 
 %%

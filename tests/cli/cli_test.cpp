@@ -4,12 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -300,6 +302,11 @@ TEST(OxelProgram, HelpNamesEveryCommandAndExitStatus)
                                  "--version", "0  success", "1  usage error", "2  the formula does not parse",
                                  "3  evaluation error", "4  no derivative"})
             EXPECT_NE(r.out.find(word), std::string::npos) << word;
+        std::istringstream listed(r.out.substr(std::min(r.out.size(), r.out.find("Functions of"))));
+        std::vector<std::string> words{std::istream_iterator<std::string>(listed), {}};
+        for (int arity : {1, 2})  // the library's list, each name as a word of its own
+            for (const char* const* f = oxelFunctionNames(arity); *f; ++f)
+                EXPECT_NE(std::find(words.begin(), words.end(), *f), words.end()) << *f;
     }
 }
 

@@ -65,7 +65,7 @@ const char kHelp[] =
     "Formula language: + - * / and % (remainder, binds like +), comparisons\n"
     "< > <= >= == !=, logic && || !, bitwise | & ^ << >> (they bind tighter than\n"
     "*; ^ is exclusive or, not a power: write powers as pow(a, b)), unary minus,\n"
-    "functions such as sin cos tan exp ln sqrt abs atan2 hypot min max, assignments\n"
+    "the functions listed at the end, pow(a, b), rand() and gauss(), assignments\n"
     "(t = x*2; t + 1) and statements separated by ';', whose value is that of\n"
     "the last one. diff(exp, VAR) differentiates inside a formula.\n"
     "\n"
@@ -83,13 +83,31 @@ const char kHelp[] =
     "  3  evaluation error (eval)\n"
     "  4  no derivative can be formed (diff)\n";
 
+// The help, then the library's functions by argument count, wrapped like the text above.
+void printHelp()
+{
+    std::fputs(kHelp, stdout);
+    for (int arity : {1, 2}) {
+        std::string line = arity == 1 ? "\nFunctions of one argument:\n " : "Functions of two arguments:\n ";
+        size_t start = line.size() - 1;
+        for (const char* const* f = oxelFunctionNames(arity); *f; ++f) {
+            if (line.size() - start + std::strlen(*f) >= 76) {
+                line += "\n ";
+                start = line.size() - 1;
+            }
+            (line += ' ') += *f;
+        }
+        std::printf("%s\n", line.c_str());
+    }
+}
+
 int run(int argc, char** argv)
 {
     if (argc < 2)
         usage("no command given");
     std::string first = argv[1];
     if (first == "-h" || first == "--help" || first == "help") {
-        std::fputs(kHelp, stdout);
+        printHelp();
         return kOk;
     }
     if (first == "-V" || first == "--version" || first == "version")
@@ -98,7 +116,7 @@ int run(int argc, char** argv)
         if (std::strcmp(argv[i], "--") == 0)
             break;
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-            std::fputs(kHelp, stdout);
+            printHelp();
             return kOk;
         }
     }
