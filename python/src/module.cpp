@@ -271,7 +271,9 @@ public:
 
     // Plain Python numbers take the short way to the single-point program; anything else goes
     // through numpy, and one value with dimensions makes the call element-wise.
-    py::tuple eval(const py::kwargs& kw)
+    // The keywords come as the vectorcall protocol hands them over: names in a tuple, values in
+    // an array; no dictionary is built on the way.
+    py::tuple eval(PyObject* names, PyObject* const* args)
     {
         const int count = expr_->numVars();
         const size_t declared = static_cast<size_t>(declared_);
@@ -279,10 +281,10 @@ public:
         SmallBuffer<PyObject*> given(declared, nullptr);
         std::vector<py::object> converted; // numpy conversions, by index, once one is needed
         bool arrays = false;
-        PyObject* key;
-        PyObject* value;
-        Py_ssize_t pos = 0;
-        while (PyDict_Next(kw.ptr(), &pos, &key, &value)) {
+        const Py_ssize_t n = names ? PyTuple_GET_SIZE(names) : 0;
+        for (Py_ssize_t k = 0; k < n; ++k) {
+            PyObject* key = PyTuple_GET_ITEM(names, k);
+            PyObject* value = args[k];
             PyObject* found = PyDict_GetItemWithError(index_.ptr(), key);
             if (!found) {
                 if (PyErr_Occurred())
@@ -423,6 +425,27 @@ private:
     std::mutex mutex_; // derivatives and printing format number nodes: one thread at a time
 };
 
+// Expression.eval as a fast-call method: a scalar call costs little more than the library's.
+PyObject* evalMethod(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* names)
+{
+    try {
+        if (PyVectorcall_NARGS(nargs) != 0)
+            throw py::type_error("eval() takes the variables as keywords only");
+        return py::cast<PyExpression&>(py::handle(self)).eval(names, args).release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (py::builtin_exception& e) {
+        e.set_error();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+    return nullptr;
+}
+
+PyMethodDef evalDef = {"eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
+    METH_FASTCALL | METH_KEYWORDS,
+    "eval(**values) -> (value, error_code), element-wise over numpy arrays"};
+
 } // namespace
 
 PYBIND11_MODULE(_oxel, m)
@@ -456,10 +479,10 @@ not parse raises oxel.ParseError (a ValueError). eval(**values) evaluates it: Py
 give (float, int), numpy arrays (broadcast with numbers) a float64 array of values and an
 int32 array of error codes (0 where evaluation succeeded).)");
     cls.attr("__module__") = "oxel"; // pickles refer to oxel.Expression
+    cls.attr("eval") = py::reinterpret_steal<py::object>(
+        PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(cls.ptr()), &evalDef));
     cls.def(py::init(&PyExpression::create), "text"_a, "variables"_a = std::vector<std::string>(),
            "aliases"_a = py::none())
-        .def("eval", &PyExpression::eval,
-            "eval(**values) -> (value, error_code), element-wise over numpy arrays")
         .def(
             "derivative",
             [](PyExpression& e, const std::string& var) { return e.derive("derivative", var); },
