@@ -4,7 +4,6 @@
 Prints the best time of each and their ratio. Run with PYTHONPATH=<build>/python.
 """
 import argparse
-import time
 
 import dask
 import dask.array as da
@@ -12,15 +11,7 @@ import numpy as np
 
 import oxel
 import oxel.dask
-
-
-def best_seconds(fn, repeat):
-    best = float("inf")
-    for _ in range(repeat):
-        start = time.perf_counter()
-        fn()
-        best = min(best, time.perf_counter() - start)
-    return best
+from timing import best_seconds
 
 
 def main():

@@ -4,7 +4,6 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -17,6 +16,8 @@
 #include <vector>
 
 #include <oxel/oxel.h>
+
+#include "caret.h" // the command-line program shows parse failures the same way
 
 namespace py = pybind11;
 using namespace pybind11::literals;
@@ -82,41 +83,13 @@ void onMessage(int kind, const char* text, void*)
     }
 }
 
-// The formula's line around offset and a caret under it, each line indented by two blanks.
-std::string caretLines(const std::string& text, long offset)
-{
-    if (offset < 0 || static_cast<size_t>(offset) > text.size())
-        return "";
-    size_t at = static_cast<size_t>(offset);
-    if (at == text.size()) // the end: just behind the last visible character
-        while (at > 0 && std::isspace(static_cast<unsigned char>(text[at - 1])))
-            --at;
-    size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1; // npos + 1 is 0
-    size_t end = std::min(text.find('\n', at), text.size());
-    std::string lead = "  ";
-    if (text.find('\n') < text.size() - 1 || begin > 0)
-        lead += "line " + std::to_string(std::count(text.begin(), text.begin() + begin, '\n') + 1)
-            + ": ";
-    // Long lines are shown as a window around the offset.
-    const size_t kWidth = 72;
-    size_t from = begin, to = end;
-    std::string before, after;
-    if (end - begin > kWidth) {
-        from = std::max(begin, at > kWidth / 2 ? at - kWidth / 2 : 0);
-        to = std::min(end, from + kWidth);
-        before = from > begin ? "..." : "";
-        after = to < end ? "..." : "";
-    }
-    std::string caret(lead.size() + before.size(), ' ');
-    for (size_t i = from; i < at; ++i)
-        caret += text[i] == '\t' ? '\t' : ' ';
-    return lead + before + text.substr(from, to - from) + after + "\n" + caret + "^";
-}
-
 [[noreturn]] void raiseParseError(const std::string& message, long offset, const std::string& text)
 {
-    std::string where = caretLines(text, offset);
-    py::object err = parseErrorType(where.empty() ? message : message + "\n" + where);
+    OxelCaret c;
+    std::string shown = message;
+    if (!text.empty() && oxelCaretLines(text, offset, c))
+        shown += "\n" + c.lead + c.before + c.line + c.after + "\n" + c.caret + "^";
+    py::object err = parseErrorType(shown);
     err.attr("message") = message;
     err.attr("offset") = offset < 0 ? py::object(py::none()) : py::object(py::int_(offset));
     err.attr("text") = text;
