@@ -63,7 +63,7 @@ private:
 void onMessage(int kind, const char* text, void*)
 {
     if (capturing) {
-        capturing->push_back({kind, text});
+        capturing->push_back({ kind, text });
         return;
     }
     if (kind == OXEL_MESSAGE_PARSE_ERROR) {
@@ -74,8 +74,8 @@ void onMessage(int kind, const char* text, void*)
         if (!c)
             return;
         if (c[1] == '\\' && c[2] == 'x' && c[5] == '\'')
-            std::fputc(static_cast<int>(std::strtol(std::string(c + 3, 2).c_str(), nullptr, 16)),
-                stdout);
+            std::fputc(
+                static_cast<int>(std::strtol(std::string(c + 3, 2).c_str(), nullptr, 16)), stdout);
         else
             std::fputc(static_cast<unsigned char>(c[1]), stdout);
     } else {
@@ -162,8 +162,8 @@ public:
         Capture capture;
         if (!expr_->initFromString(text.c_str())) {
             std::string message = expr_->lastError();
-            raiseParseError(message.empty() ? "the formula is empty" : message,
-                expr_->lastErrorOffset(), text);
+            raiseParseError(
+                message.empty() ? "the formula is empty" : message, expr_->lastErrorOffset(), text);
         }
         for (const Captured& c : capture.messages) {
             // A character the lexer skips would leave a formula that means something else.
@@ -250,7 +250,8 @@ public:
     {
         const int count = expr_->numVars();
         const size_t declared = static_cast<size_t>(declared_);
-        SmallBuffer<double> values(static_cast<size_t>(count), 0.0); // internal variables start at 0
+        SmallBuffer<double> values(
+            static_cast<size_t>(count), 0.0); // internal variables start at 0
         SmallBuffer<PyObject*> given(declared, nullptr);
         std::vector<py::object> converted; // numpy conversions, by index, once one is needed
         bool arrays = false;
@@ -291,8 +292,8 @@ public:
         if (arrays) {
             std::vector<py::object> columns;
             for (size_t i = 0; i < declared; ++i)
-                columns.push_back(converted[i] ? converted[i]
-                                               : py::reinterpret_borrow<py::object>(given[i]));
+                columns.push_back(
+                    converted[i] ? converted[i] : py::reinterpret_borrow<py::object>(given[i]));
             return evalArrays(columns);
         }
         int err = 0;
@@ -347,7 +348,8 @@ private:
                 + "': the expression is real; pass the real or imaginary part");
         if (kind != 'f' && kind != 'i' && kind != 'u' && kind != 'b')
             throw py::type_error("eval() needs a real number or an array of real numbers for "
-                "variable '" + varName(i) + "', not "
+                                 "variable '"
+                + varName(i) + "', not "
                 + py::str(py::type::of(py::handle(value)).attr("__name__")).cast<std::string>());
         return a;
     }
@@ -415,9 +417,10 @@ PyObject* evalMethod(PyObject* self, PyObject* const* args, Py_ssize_t nargs, Py
     return nullptr;
 }
 
-PyMethodDef evalDef = {"eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
-    METH_FASTCALL | METH_KEYWORDS,
-    "eval(**values) -> (value, error_code), element-wise over numpy arrays"};
+PyMethodDef evalDef
+    = { "eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
+          METH_FASTCALL | METH_KEYWORDS,
+          "eval(**values) -> (value, error_code), element-wise over numpy arrays" };
 
 } // namespace
 
