@@ -9,12 +9,12 @@ import datetime
 import os
 import platform
 import statistics
-import time
 
 import numpy as np
 import numexpr
 
 import oxel
+from timing import best_seconds
 
 # name, oxel text, numexpr text, numpy function: one row per formula, the same computation in
 # each library's syntax.
@@ -31,15 +31,6 @@ FORMULAS = [
     ("logic", "x < y && y > 1", "where((x < y) & (y > 1), 1.0, 0.0)",
      lambda x, y: ((x < y) & (y > 1)).astype(np.float64)),
 ]
-
-
-def best_seconds(fn, repeat):
-    best = float("inf")
-    for _ in range(repeat):
-        start = time.perf_counter()
-        fn()
-        best = min(best, time.perf_counter() - start)
-    return best
 
 
 def main():

@@ -4,16 +4,17 @@ import functools
 __all__ = ["evaluate"]
 
 
-def _block(expr, names, scalars, which, *blocks):
-    return expr.eval(**dict(zip(names, blocks)), **scalars)[which]
+def _block(expr, names, scalars, *blocks):
+    return expr.eval(**dict(zip(names, blocks)), **scalars)
 
 
 def evaluate(expr, **values):
     """Returns (values, errors) as lazy dask arrays (float64 and int32) for variables given as
     dask arrays or plain numbers; the arrays broadcast against each other as in dask.
 
-    Blocks run wherever dask schedules them: the expression is pickled (its text, variables
-    and aliases) and rebuilt in each worker process."""
+    Each block is evaluated once, giving both of its outputs. Blocks run wherever dask
+    schedules them: the expression is pickled (its text, variables and aliases) and rebuilt in
+    each worker process."""
     import dask.array as da
     import numpy as np
 
@@ -22,6 +23,7 @@ def evaluate(expr, **values):
     if not names:
         raise TypeError("oxel.dask.evaluate needs at least one dask array")
     arrays = [values[n] for n in names]
-    return tuple(
-        da.map_blocks(functools.partial(_block, expr, names, scalars, which), *arrays, dtype=dtype)
-        for which, dtype in ((0, np.float64), (1, np.int32)))
+    # Element-wise with two outputs: one task per block, and one cheap selection per output.
+    return da.apply_gufunc(functools.partial(_block, expr, names, scalars),
+                           ",".join(["()"] * len(arrays)) + "->(),()", *arrays,
+                           output_dtypes=(np.float64, np.int32))

@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +17,8 @@
 
 #include <oxel/oxel.h>
 
+#include "caret.h" // the command-line program shows parse failures the same way
+
 namespace py = pybind11;
 using namespace pybind11::literals;
 
@@ -21,21 +26,109 @@ static_assert(sizeof(int) == sizeof(std::int32_t), "error codes are returned as 
 
 namespace {
 
-// oxel.ParseError, created when the module loads.
+// oxel.ParseError, created when the module loads; numpy, imported then too.
 struct ParseErrorTag { };
 py::handle parseErrorType;
+py::handle numpy;
 
-// The offset of a parse failure where the library reports one; None otherwise.
-template <class E>
-auto errorOffset(E& e, int) -> decltype(static_cast<long>(e.lastErrorOffset()), py::object())
+// ------------------------------------------------------------------ library messages
+
+// The messages the library hands over on this thread while a Python call parses or
+// differentiates; they become the exception of that call instead of output.
+struct Captured {
+    int kind;
+    std::string text;
+};
+thread_local std::vector<Captured>* capturing = nullptr;
+
+class Capture {
+public:
+    Capture()
+        : outer_(capturing)
+    {
+        capturing = &messages;
+    }
+    ~Capture() { capturing = outer_; }
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
+    std::vector<Captured> messages;
+
+private:
+    std::vector<Captured>* outer_;
+};
+
+// The handler is process-wide: a thread that is not inside a Python call (a host that embeds
+// Python and parses on its own threads) keeps the output it gets without a handler.
+void onMessage(int kind, const char* text, void*)
 {
-    long offset = static_cast<long>(e.lastErrorOffset());
-    return offset < 0 ? py::object(py::none()) : py::object(py::int_(offset));
+    if (capturing) {
+        capturing->push_back({ kind, text });
+        return;
+    }
+    if (kind == OXEL_MESSAGE_PARSE_ERROR) {
+        std::fprintf(stderr, "Parsing OxError: %s\n", text);
+    } else if (kind == OXEL_MESSAGE_IGNORED_CHARACTER) {
+        // "ignored character 'c' at offset N" or "... '\xHH' ...": the character itself is echoed.
+        const char* c = std::strchr(text, '\'');
+        if (!c)
+            return;
+        if (c[1] == '\\' && c[2] == 'x' && c[5] == '\'')
+            std::fputc(
+                static_cast<int>(std::strtol(std::string(c + 3, 2).c_str(), nullptr, 16)), stdout);
+        else
+            std::fputc(static_cast<unsigned char>(c[1]), stdout);
+    } else {
+        std::printf("%s\n", text);
+    }
 }
-template <class E> py::object errorOffset(E&, long)
+
+[[noreturn]] void raiseParseError(const std::string& message, long offset, const std::string& text)
 {
-    return py::none();
+    OxelCaret c;
+    std::string shown = message;
+    if (!text.empty() && oxelCaretLines(text, offset, c))
+        shown += "\n" + c.lead + c.before + c.line + c.after + "\n" + c.caret + "^";
+    py::object err = parseErrorType(shown);
+    err.attr("message") = message;
+    err.attr("offset") = offset < 0 ? py::object(py::none()) : py::object(py::int_(offset));
+    err.attr("text") = text;
+    PyErr_SetObject(parseErrorType.ptr(), err.ptr());
+    throw py::error_already_set();
 }
+
+// A name the lexer reads as one variable name: a letter or '_', then letters, digits and '_',
+// and no keyword. The lexer itself decides, so the rule cannot drift from it.
+void checkName(const std::string& name, const char* what)
+{
+    KxDArray<KxString> names;
+    if (name.find('\0') == std::string::npos && oxelFormulaNames(name.c_str(), names) == 1
+        && name == names[0].c_str())
+        return;
+    throw py::value_error(py::repr(py::str(name)).cast<std::string>() + " is not a valid " + what
+        + ": a name is a letter or '_' followed by letters, digits and '_', and no function "
+          "name or keyword");
+}
+
+// ------------------------------------------------------------------ expressions
+
+// A per-call array that stays on the stack for the usual handful of variables.
+template <class T> class SmallBuffer {
+public:
+    SmallBuffer(size_t n, T fill)
+        : data_(n <= kInline ? inline_ : (heap_.resize(n), heap_.data()))
+    {
+        std::fill(data_, data_ + n, fill);
+    }
+    T* data() { return data_; }
+    T& operator[](size_t i) { return data_[i]; }
+
+private:
+    static constexpr size_t kInline = 16;
+    T inline_[kInline];
+    std::vector<T> heap_;
+    T* data_;
+};
 
 // How an expression came about: the text it was parsed from and the operations applied since,
 // so that unpickling rebuilds the very same tree.
@@ -52,17 +145,32 @@ public:
         : recipe_(std::move(r))
         , expr_(new OxelExpression)
     {
-        for (const std::string& v : recipe_.variables)
+        const std::string& text = recipe_.text;
+        size_t nul = text.find('\0');
+        if (nul != std::string::npos)
+            throw py::value_error(
+                "the formula contains a NUL byte at offset " + std::to_string(nul));
+        for (const std::string& v : recipe_.variables) {
+            checkName(v, "variable name");
             expr_->addVar(v.c_str());
-        for (const auto& a : recipe_.aliases)
+        }
+        for (const auto& a : recipe_.aliases) {
+            checkName(a.first, "alias");
+            checkName(a.second, "variable name");
             expr_->addVarAlias(a.second.c_str(), a.first.c_str());
-        if (!expr_->initFromString(recipe_.text.c_str())) {
+        }
+        Capture capture;
+        if (!expr_->initFromString(text.c_str())) {
             std::string message = expr_->lastError();
-            py::object err = parseErrorType(message.empty() ? "the formula is empty" : message);
-            err.attr("offset") = errorOffset(*expr_, 0);
-            err.attr("text") = recipe_.text;
-            PyErr_SetObject(parseErrorType.ptr(), err.ptr());
-            throw py::error_already_set();
+            raiseParseError(
+                message.empty() ? "the formula is empty" : message, expr_->lastErrorOffset(), text);
+        }
+        for (const Captured& c : capture.messages) {
+            // A character the lexer skips would leave a formula that means something else.
+            size_t at = c.text.rfind(" at offset ");
+            if (c.kind == OXEL_MESSAGE_IGNORED_CHARACTER)
+                raiseParseError(c.text,
+                    at == std::string::npos ? -1 : std::atol(c.text.c_str() + at + 11), text);
         }
         declared_ = expr_->numVars() - expr_->numInternalVars();
         for (const auto& s : recipe_.steps) {
@@ -72,6 +180,7 @@ public:
                     "oxel: cannot rebuild '" + s.first + "' of " + recipe_.text);
             expr_ = std::move(next);
         }
+        indexNames();
     }
 
     static PyExpression* create(const std::string& text, const std::vector<std::string>& variables,
@@ -91,10 +200,15 @@ public:
     py::object derive(const std::string& op, const std::string& arg)
     {
         std::unique_ptr<OxelExpression> made;
+        Capture capture;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             made.reset(apply(op, arg));
         }
+        // A node without a derivative rule reports itself and stays as it was: no derivative.
+        for (const Captured& c : capture.messages)
+            if (c.kind == OXEL_MESSAGE_NO_DERIVATIVE_RULE)
+                made.reset();
         if (!made)
             return py::none();
         Recipe r = recipe_;
@@ -128,30 +242,63 @@ public:
         return oxelToString(expr_->root());
     }
 
-    py::tuple eval(const py::kwargs& kw)
+    // Plain Python numbers take the short way to the single-point program; anything else goes
+    // through numpy, and one value with dimensions makes the call element-wise.
+    // The keywords come as the vectorcall protocol hands them over: names in a tuple, values in
+    // an array; no dictionary is built on the way.
+    py::tuple eval(PyObject* names, PyObject* const* args)
     {
-        std::vector<py::object> given(static_cast<size_t>(declared_));
-        for (auto item : kw) {
-            std::string name = py::cast<std::string>(item.first);
-            int i = expr_->varIndex(name.c_str());
-            if (i < 0 || i >= declared_)
-                throw py::type_error("eval() got a value for '" + name
-                    + "', which is not a variable of this expression");
-            if (given[static_cast<size_t>(i)])
-                throw py::type_error("eval() got two values for variable '"
-                    + std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
-            given[static_cast<size_t>(i)] = py::reinterpret_borrow<py::object>(item.second);
-        }
+        const int count = expr_->numVars();
+        const size_t declared = static_cast<size_t>(declared_);
+        SmallBuffer<double> values(
+            static_cast<size_t>(count), 0.0); // internal variables start at 0
+        SmallBuffer<PyObject*> given(declared, nullptr);
+        std::vector<py::object> converted; // numpy conversions, by index, once one is needed
         bool arrays = false;
-        py::module_ np = py::module_::import("numpy");
-        for (int i = 0; i < declared_; ++i) {
-            if (!given[static_cast<size_t>(i)])
-                throw py::type_error("eval() is missing a value for variable '"
-                    + std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
-            if (py::cast<int>(np.attr("ndim")(given[static_cast<size_t>(i)])) > 0)
-                arrays = true;
+        const Py_ssize_t n = names ? PyTuple_GET_SIZE(names) : 0;
+        for (Py_ssize_t k = 0; k < n; ++k) {
+            PyObject* key = PyTuple_GET_ITEM(names, k);
+            PyObject* value = args[k];
+            PyObject* found = PyDict_GetItemWithError(index_.ptr(), key);
+            if (!found) {
+                if (PyErr_Occurred())
+                    throw py::error_already_set();
+                throw py::type_error("eval() got a value for '" + py::cast<std::string>(key)
+                    + "', which is not a variable of this expression");
+            }
+            size_t i = PyLong_AsSize_t(found);
+            if (given[i])
+                throw py::type_error("eval() got two values for variable '" + varName(i) + "'");
+            given[i] = value;
+            if (PyFloat_Check(value)) {
+                values[i] = PyFloat_AS_DOUBLE(value);
+            } else if (PyLong_Check(value)) {
+                values[i] = PyLong_AsDouble(value);
+                if (values[i] == -1.0 && PyErr_Occurred())
+                    throw py::error_already_set();
+            } else {
+                if (converted.empty())
+                    converted.resize(declared);
+                converted[i] = realArray(value, i);
+                if (converted[i].attr("ndim").cast<int>() > 0)
+                    arrays = true;
+                else
+                    values[i] = converted[i].cast<double>();
+            }
         }
-        return arrays ? evalArrays(np, given) : evalScalars(given);
+        for (size_t i = 0; i < declared; ++i)
+            if (!given[i])
+                throw py::type_error("eval() is missing a value for variable '" + varName(i) + "'");
+        if (arrays) {
+            std::vector<py::object> columns;
+            for (size_t i = 0; i < declared; ++i)
+                columns.push_back(
+                    converted[i] ? converted[i] : py::reinterpret_borrow<py::object>(given[i]));
+            return evalArrays(columns);
+        }
+        int err = 0;
+        double r = expr_->eval(values.data(), count, err);
+        return py::make_tuple(r, err);
     }
 
     Recipe state() const { return recipe_; }
@@ -163,6 +310,7 @@ private:
         , expr_(std::move(e))
         , declared_(declared)
     {
+        indexNames();
     }
 
     OxelExpression* apply(const std::string& op, const std::string& arg)
@@ -176,22 +324,41 @@ private:
         throw py::value_error("oxel: unknown step '" + op + "'");
     }
 
-    py::tuple evalScalars(const std::vector<py::object>& given)
+    std::string varName(size_t i) const { return expr_->varName(static_cast<unsigned>(i)); }
+
+    // Every name eval() accepts (variables and aliases) to its index in the value vector.
+    void indexNames()
     {
-        KxDArray<double> values;
-        int err = 0;
-        double r;
-        values.setLength(expr_->numVars()); // internal variables start at 0
         for (int i = 0; i < declared_; ++i)
-            values[i] = py::cast<double>(given[static_cast<size_t>(i)]);
-        r = expr_->eval(values, err);
-        return py::make_tuple(r, err);
+            index_[py::str(expr_->varName(static_cast<unsigned>(i)))] = i;
+        for (const auto& a : recipe_.aliases) {
+            int i = expr_->varIndex(a.first.c_str());
+            if (i >= 0 && i < declared_)
+                index_[py::str(a.first)] = i;
+        }
+    }
+
+    // A value that is not a plain number, as a numpy array of real numbers.
+    py::object realArray(PyObject* value, size_t i) const
+    {
+        py::object a = numpy.attr("asarray")(py::handle(value));
+        char kind = a.attr("dtype").attr("kind").cast<char>();
+        if (kind == 'c')
+            throw py::type_error("eval() got complex values for variable '" + varName(i)
+                + "': the expression is real; pass the real or imaginary part");
+        if (kind != 'f' && kind != 'i' && kind != 'u' && kind != 'b')
+            throw py::type_error("eval() needs a real number or an array of real numbers for "
+                                 "variable '"
+                + varName(i) + "', not "
+                + py::str(py::type::of(py::handle(value)).attr("__name__")).cast<std::string>());
+        return a;
     }
 
     // Broadcasts the inputs, lays each out as one contiguous float64 column and evaluates all
     // rows through the column batch with the interpreter lock released.
-    py::tuple evalArrays(py::module_& np, const std::vector<py::object>& given)
+    py::tuple evalArrays(const std::vector<py::object>& given)
     {
+        py::handle np = numpy;
         py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
         std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> columns;
         for (auto a : broadcast)
@@ -229,8 +396,31 @@ private:
     Recipe recipe_;
     std::unique_ptr<OxelExpression> expr_;
     int declared_ = 0;
+    py::dict index_; // what indexNames() gives
     std::mutex mutex_; // derivatives and printing format number nodes: one thread at a time
 };
+
+// Expression.eval as a fast-call method: a scalar call costs little more than the library's.
+PyObject* evalMethod(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* names)
+{
+    try {
+        if (PyVectorcall_NARGS(nargs) != 0)
+            throw py::type_error("eval() takes the variables as keywords only");
+        return py::cast<PyExpression&>(py::handle(self)).eval(names, args).release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (py::builtin_exception& e) {
+        e.set_error();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+    return nullptr;
+}
+
+PyMethodDef evalDef
+    = { "eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
+          METH_FASTCALL | METH_KEYWORDS,
+          "eval(**values) -> (value, error_code), element-wise over numpy arrays" };
 
 } // namespace
 
@@ -240,13 +430,20 @@ PYBIND11_MODULE(_oxel, m)
 
     static py::exception<ParseErrorTag> parseError(m, "ParseError", PyExc_ValueError);
     parseError.attr("__doc__")
-        = "The formula text does not parse. args[0] is the library's message, offset the "
+        = "The formula text does not parse. message is the library's message, offset the "
           "position of the failure in the text (None where the library does not report one) "
-          "and text the formula.";
+          "and text the formula; str() adds the formula's line with a caret under the offset.";
     parseError.attr("__module__") = "oxel"; // shown as oxel.ParseError
+    parseError.attr("message") = py::none();
     parseError.attr("offset") = py::none();
     parseError.attr("text") = py::none();
     parseErrorType = parseError;
+    numpy = py::module_::import("numpy").release();
+
+    // Messages become exceptions; the default output comes back when the interpreter exits.
+    oxelSetMessageHandler(onMessage, nullptr);
+    py::module_::import("atexit").attr("register")(
+        py::cpp_function([]() { oxelSetMessageHandler(nullptr, nullptr); }));
 
     m.def("error_message", &vOxError, "code"_a,
         "Text of an evaluation error code ('Unknown' for codes the library does not know).");
@@ -258,15 +455,16 @@ not parse raises oxel.ParseError (a ValueError). eval(**values) evaluates it: Py
 give (float, int), numpy arrays (broadcast with numbers) a float64 array of values and an
 int32 array of error codes (0 where evaluation succeeded).)");
     cls.attr("__module__") = "oxel"; // pickles refer to oxel.Expression
+    cls.attr("eval") = py::reinterpret_steal<py::object>(
+        PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(cls.ptr()), &evalDef));
     cls.def(py::init(&PyExpression::create), "text"_a, "variables"_a = std::vector<std::string>(),
            "aliases"_a = py::none())
-        .def("eval", &PyExpression::eval,
-            "eval(**values) -> (value, error_code), element-wise over numpy arrays")
         .def(
             "derivative",
             [](PyExpression& e, const std::string& var) { return e.derive("derivative", var); },
             "var"_a,
-            "Partial derivative by a variable or alias (not simplified); None where none exists.")
+            "Partial derivative by a variable or alias (not simplified); None where none exists\n"
+            "(also where a comparison, logic or gauss() node has no derivative rule).")
         .def(
             "simplified", [](PyExpression& e) { return e.derive("simplified", ""); },
             "One simplification pass, as a new expression.")

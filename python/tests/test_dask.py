@@ -41,6 +41,29 @@ def test_two_worker_processes_match_one_process_bit_for_bit():
     assert np.array_equal(got_errors, want_errors)
 
 
+class CountingExpression:
+    """Stands in for an Expression and counts the block evaluations."""
+
+    def __init__(self, expr):
+        self.expr, self.calls = expr, 0
+
+    def eval(self, **values):
+        self.calls += 1
+        return self.expr.eval(**values)
+
+
+def test_each_block_is_evaluated_once():
+    counting = CountingExpression(oxel.Expression("ln(x) + y", variables=["x", "y"]))
+    x = np.linspace(-1, 1, 1200).reshape(30, 40)
+    values, errors = oxel.dask.evaluate(counting, x=da.from_array(x, chunks=(10, 20)),
+                                        y=da.from_array(np.arange(40.0), chunks=20))
+    got = dask.compute(values, errors, scheduler="synchronous")
+    assert counting.calls == 6  # 3 x 2 blocks, for both outputs together
+    want = counting.expr.eval(x=x, y=np.arange(40.0))
+    assert np.array_equal(got[0], want[0]) and np.array_equal(got[1], want[1])
+    assert got[1].dtype == np.int32 and got[1].any()
+
+
 def test_scalars_and_local_scheduler():
     expr = oxel.Expression("x*y + 1", variables=["x", "y"])
     x = np.linspace(0, 1, 1000)

@@ -1,4 +1,6 @@
 """Tests of oxel.Expression: results against Python's math, arrays against scalars, pickling."""
+import builtins
+import ctypes
 import math
 import pickle
 import threading
@@ -54,6 +56,31 @@ def test_arrays_match_scalars_bit_for_bit(text):
     assert (text not in ERRORS[:2]) or errors.any()  # the error paths really ran
 
 
+def test_many_variables_and_assignments_match_arrays():
+    # More variables than fit the stack buffer, and assigned slots after the declared ones.
+    names = ["v%d" % i for i in range(20)]
+    e = oxel.Expression("a = v0*v19; b = a + v7; b*b - " + " - ".join(names), variables=names)
+    rows = np.random.default_rng(3).uniform(-2, 2, size=(5, 20))
+    values, _ = e.eval(**dict(zip(names, rows.T)))
+    alone = [e.eval(**dict(zip(names, r)))[0] for r in rows]
+    assert np.array_equal(bits(values), bits(alone))
+
+
+def test_scalar_eval_imports_nothing(monkeypatch):
+    e = oxel.Expression("x*y", variables=XY)
+    imports = []
+
+    def counting(name, *args, **kwargs):
+        imports.append(name)
+        return real(name, *args, **kwargs)
+
+    real = builtins.__import__
+    monkeypatch.setattr(builtins, "__import__", counting)
+    assert [e.eval(x=2.0, y=i)[0] for i in range(3)] == [0.0, 2.0, 4.0]
+    e.eval(x=np.float64(2.0), y=np.ones(2))  # numpy values: numpy is already at hand
+    assert imports == []
+
+
 def test_broadcasting_shapes_and_layouts():
     e = oxel.Expression("x*y + z", variables=["x", "y", "z"])
     x = np.arange(12, dtype=np.int64).reshape(3, 4)  # integers convert to float64
@@ -87,15 +114,60 @@ def test_aliases_and_variables():
     assert e.eval(x=2.0, speed=3.0) == e.eval(x=2.0, y=3.0) == (7.0, 0)
 
 
-@pytest.mark.parametrize("text", ["x + * y", "sin(x", "x + q", ""])
-def test_parse_errors(text):
+# (text, offset of the failure, the caret line under the formula's line)
+PARSE_ERRORS = [
+    ("x + * y", 4, "      ^"),
+    ("sin(x", 5, "       ^"),
+    ("x + q", 5, "       ^"),    # an unknown name fails at the end of the text
+    ("x + 1 ?", 6, "        ^"),   # a skipped character would change the formula's meaning
+    ("x;\ny +", 6, "             ^"),  # second line, end of text: "  line 2: y +"
+    ("", 0, None),
+]
+
+
+@pytest.mark.parametrize("text,offset,caret", PARSE_ERRORS)
+def test_parse_errors(text, offset, caret, capfd):
     with pytest.raises(oxel.ParseError) as info:
         oxel.Expression(text, variables=XY)
     err = info.value
     assert isinstance(err, ValueError) and type(err).__name__ == "ParseError"
-    assert err.text == text
-    assert err.offset is None or 0 <= err.offset <= len(text)
-    assert str(err)  # the library's message
+    assert (err.text, err.offset) == (text, offset)
+    assert err.message and str(err).startswith(err.message)
+    if caret:
+        assert str(err).splitlines()[-1] == caret
+    assert capfd.readouterr() == ("", "")  # nothing printed: the exception carries it all
+
+
+@pytest.mark.parametrize("call,error,message", [
+    (lambda: oxel.Expression("x\0+1", variables=XY), ValueError, "NUL byte at offset 1"),
+    (lambda: oxel.Expression("x", variables=["1x"]), ValueError, "'1x' is not a valid variable"),
+    (lambda: oxel.Expression("x", variables=["sin"]), ValueError, "'sin' is not a valid variable"),
+    (lambda: oxel.Expression("x", variables=XY, aliases={"s t": "x"}), ValueError, "'s t' is not"),
+    (lambda: oxel.Expression("x", variables=XY).eval(x=None, y=1), TypeError, "'x', not NoneType"),
+    (lambda: oxel.Expression("x", variables=XY).eval(x=1, y=1j), TypeError, "complex values"),
+    (lambda: oxel.Expression("x", variables=XY).eval(x=np.ones(2), y=np.ones(2, complex)),
+     TypeError, "complex values for variable 'y'"),
+    (lambda: oxel.Expression("x", variables=XY).eval(x="1", y=1), TypeError, "not str"),
+])
+def test_bad_input_raises(call, error, message):
+    with pytest.raises(error, match=message):
+        call()
+
+
+def test_other_hosts_keep_the_default_output(capfd):
+    # A parse that does not come through the module (here the C interface over ctypes, as an
+    # embedding host would call it) still prints the library's default message.
+    lib = ctypes.CDLL("liboxel.so.1")  # the copy the module loaded, found by its soname
+    lib.oxel_expr_new.restype = ctypes.c_void_p
+    lib.oxel_expr_free.argtypes = [ctypes.c_void_p]
+    lib.oxel_expr_parse.argtypes = [ctypes.c_void_p, ctypes.c_char_p]
+    e = lib.oxel_expr_new()
+    assert lib.oxel_expr_parse(e, b"1 +") == 0
+    lib.oxel_expr_free(e)
+    assert capfd.readouterr().err.startswith("Parsing OxError: syntax error")
+    with pytest.raises(oxel.ParseError):
+        oxel.Expression("1 +")
+    assert capfd.readouterr() == ("", "")
 
 
 # (text, variable, slope written out by hand)
@@ -116,9 +188,10 @@ def test_derivatives(text, var, slope):
             assert d.eval(x=x, y=y)[0] == pytest.approx(slope(x, y), rel=1e-15, abs=0)
 
 
-@pytest.mark.parametrize("text", ["x % 2", "a = x; a*2"])
-def test_no_derivative_is_none(text):
+@pytest.mark.parametrize("text", ["x % 2", "a = x; a*2", "x > 1", "!x"])
+def test_no_derivative_is_none(text, capfd):
     assert oxel.Expression(text, variables=XY).derivative("x") is None
+    assert capfd.readouterr() == ("", "")
 
 
 def test_simplify_and_print():

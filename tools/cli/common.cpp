@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "caret.h"
 #include "number_text.h"
 
 namespace oxcli {
@@ -177,34 +178,10 @@ Args parseArgs(int argc, char** argv)
 
 void showWhere(const std::string& text, int offset)
 {
-    if (offset < 0 || static_cast<size_t>(offset) > text.size())
-        return;
-    size_t at = static_cast<size_t>(offset);
-    if (at == text.size())  // the end: just behind the last visible character
-        while (at > 0 && std::isspace(static_cast<unsigned char>(text[at - 1])))
-            --at;
-    size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;  // npos + 1 is 0
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos)
-        end = text.size();
-    std::string lead = "  ";
-    if (text.find('\n') < text.size() - 1 || begin > 0)
-        lead += "line " + std::to_string(std::count(text.begin(), text.begin() + begin, '\n') + 1) + ": ";
-    // Long lines are shown as a window around the offset.
-    const size_t kWidth = 72;
-    size_t from = begin, to = end;
-    std::string before, after;
-    if (end - begin > kWidth) {
-        from = std::max(begin, at > kWidth / 2 ? at - kWidth / 2 : 0);
-        to = std::min(end, from + kWidth);
-        before = from > begin ? "..." : "";
-        after = to < end ? "..." : "";
-    }
-    std::string caret(lead.size() + before.size(), ' ');
-    for (size_t i = from; i < at; ++i)
-        caret += text[i] == '\t' ? '\t' : ' ';
-    std::fprintf(stderr, "%s%s%s%s\n%s^\n", lead.c_str(), before.c_str(),
-                 text.substr(from, to - from).c_str(), after.c_str(), caret.c_str());
+    OxelCaret c;
+    if (oxelCaretLines(text, offset, c))
+        std::fprintf(stderr, "%s%s%s%s\n%s^\n", c.lead.c_str(), c.before.c_str(), c.line.c_str(),
+                     c.after.c_str(), c.caret.c_str());
 }
 
 int unknownCall(const std::string& formula, std::string& name)
