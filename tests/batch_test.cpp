@@ -394,7 +394,7 @@ TEST(BatchEval, HandBuiltTrees)
     Oxel* twice[] = {new OxSqroot(new OxVar(1, "y"))};
     Oxel* again[] = {new OxSqroot(new OxVar(1, "y"))};
     Oxel* chain = new OxVar(0, "x");
-    for (int i = 0; i < 6000; ++i)  // deeper than the compiler goes: the tree walks each row
+    for (int i = 0; i < 6000; ++i)
         chain = new OxPlus(chain, new OxZahl(i % 3 ? 1e-3 : -2.0));
     const std::pair<Oxel*, int> trees[] = {  // {tree, number of variables}
         {new OxBranch(nullptr, nullptr), 1},  // empty sequence: 0
@@ -434,4 +434,48 @@ TEST(BatchEval, HandBuiltTrees)
         EXPECT_EQ(calls[1], calls[0]) << oxelToString(t.first);
         EXPECT_EQ(calls[2], calls[0]) << oxelToString(t.first);
     }
+}
+
+// Trees of any depth and width run compiled: a left-leaning chain of a million sums, and a
+// right-leaning one whose pending left operands outnumber the single-point registers. The
+// expected values add in the tree's own order.
+TEST(BatchEval, HugeTreesRunCompiled)
+{
+    const double x = 0.75;
+    Oxel* left = new OxVar(0, "x");
+    for (int i = 0; i < 1000000; ++i)
+        left = new OxPlus(left, new OxZahl(1.0));
+    const int kWide = 20000;
+    Oxel* right = new OxSqroot(new OxPlus(new OxVar(0, "x"), new OxZahl(kWide - 1)));
+    double wide = std::sqrt(x + (kWide - 1));
+    for (int i = kWide - 2; i >= 0; --i) {
+        right = new OxPlus(new OxSqroot(new OxPlus(new OxVar(0, "x"), new OxZahl(i))), right);
+        wide = std::sqrt(x + i) + wide;
+    }
+    const std::pair<Oxel*, double> trees[] = {{left, x + 1e6}, {right, wide}};
+    for (const auto& t : trees) {
+        OxelExpression e;
+        parse(e, "0", 1);
+        e.setRoot(t.first);
+        double v[] = {x}, res[3], rows[] = {x, x, x};
+        int err = 0, errs[3];
+        EXPECT_EQ(e.eval(v, 1, err), t.second);
+        EXPECT_EQ(err, 0);
+        ASSERT_EQ(e.evalBatch(rows, 3, 1, res, errs), 0);
+        EXPECT_EQ(res[2], t.second);
+    }
+    // Wide with failures and assignments: the tree walk's bits, codes and slots.
+    std::string text = "a = x * 2; b = ", close;
+    for (int i = 0; i < 100; ++i) {
+        text += "ln(a - " + std::to_string(i) + ") + (";
+        close += ")";
+    }
+    text += "y" + close + "; a = b";
+    OxelExpression e;
+    ASSERT_EQ(parse(e, text.c_str(), 2), 1);
+    std::vector<double> rows;
+    for (int r = 0; r < kNumPoints * kNumPoints; ++r)
+        for (int d = 0; d < e.numVars(); ++d)
+            rows.push_back(kPoints[(d == 0 ? r : r / kNumPoints) % kNumPoints]);
+    EXPECT_EQ(exprMismatch(e, rows, e.numVars()), "");
 }

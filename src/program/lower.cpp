@@ -9,8 +9,6 @@
 namespace oxp {
 namespace {
 
-const int kMaxLowerDepth = 4000;  // lowering recurses; deeper trees keep the tree walk
-
 bool sameOperand(const Operand& x, const Operand& y)
 {
     if (x.mode != y.mode)
@@ -90,7 +88,6 @@ struct Lowerer {
     std::vector<Operand> slot;  // current value of each variable slot (renaming)
     std::vector<bool> slotSet;
     bool errorCertain = false;  // an unconditional raise happened: later codes cannot win
-    int depth = 0;
 
     static Operand constant(double v) { return Operand{Operand::Const, v, -1}; }
 
@@ -158,92 +155,153 @@ struct Lowerer {
         return emit(kind, a, b);
     }
 
-    // A random source or a dependent variable: its arguments in order, then the call, which
-    // is never shared.
-    __attribute__((noinline)) Operand call(oxk::Kind kind, Oxel* node)
+    // A random source or a dependent variable, its argument values on top of vals: the call,
+    // which is never shared.
+    __attribute__((noinline)) Operand call(oxk::Kind kind, Oxel* node, const Operand* values, int n)
     {
-        const int n = node->getNumChildren();
-        std::vector<Operand> values;
-        values.reserve(static_cast<size_t>(n > 0 ? n : 0));
-        for (int i = 0; i < n; ++i) {
-            Oxel* arg = node->getChild(i);
-            values.push_back(arg ? lower(arg) : fail());
-        }
         const int first = static_cast<int>(out.args.size());
-        out.args.insert(out.args.end(), values.begin(), values.end());
-        out.calls.push_back(Call{kind, node, first, n > 0 ? n : 0});
+        out.args.insert(out.args.end(), values, values + n);
+        out.calls.push_back(Call{kind, node, first, n});
         out.steps.push_back(Step{kind, false, constant(0.0), constant(0.0), 0,
                                  static_cast<int>(out.calls.size()) - 1});
         return reg(static_cast<int>(out.steps.size()) - 1);
     }
 
-    Operand child(Oxel* node, int i) { return lower(node->getChild(i)); }
-
-    struct Level {
-        int& d;
-        explicit Level(int& depth) : d(depth) { ++d; }
-        ~Level() { --d; }
+    // A node whose children are lowered first, in its evaluation order.
+    struct Frame {
+        Oxel* node;
+        oxk::Kind kind;
+        int next;      // the next child to lower, in evaluation order
+        int count;     // children to lower
+        size_t base;   // where this node's child values start in vals
     };
+    std::vector<Frame> frames;
+    std::vector<Operand> vals;
 
-    Operand lower(Oxel* node)
+    // Child i of f in evaluation order (the divisor first).
+    static Oxel* childAt(const Frame& f, int i)
     {
-        Level level(depth);
-        if (!out.ok || !node || depth > kMaxLowerDepth)
-            return fail();
+        switch (oxk::row(f.kind).shape) {
+        case oxk::Shape::Variable:
+            return static_cast<OxVar*>(f.node)->bound();
+        case oxk::Shape::DivisorFirst:
+            return f.node->getChild(1 - i);
+        default:
+            return f.node->getChild(i);
+        }
+    }
+
+    // A node: a leaf's value goes to vals at once, anything else becomes a frame.
+    void enter(Oxel* node)
+    {
         const oxk::Kind kind = oxk::kindOf(node);
-        switch (oxk::row(kind).shape) {
+        const oxk::Shape shape = oxk::row(kind).shape;
+        int count = 0;
+        switch (shape) {
         case oxk::Shape::Number:
-            return constant(static_cast<OxZahl*>(node)->number());
-        case oxk::Shape::Variable: {
-            OxVar* v = static_cast<OxVar*>(node);
-            if (!v->bound())
-                return readVar(v->index());
-            Operand o = lower(v->bound());
-            int index = v->index();
-            if (index < 0 || index >= numVars)
-                return fail();
-            slot[static_cast<size_t>(index)] = o;
-            slotSet[static_cast<size_t>(index)] = true;
-            return o;
-        }
-        case oxk::Shape::Sequence: {
-            Operand result = constant(0.0);
-            if (Oxel* first = node->getChild(0))
-                result = lower(first);
-            if (Oxel* second = node->getChild(1))
-                result = lower(second);
-            return result;
-        }
+            vals.push_back(constant(static_cast<OxZahl*>(node)->number()));
+            return;
+        case oxk::Shape::Variable:
+            if (!static_cast<OxVar*>(node)->bound()) {
+                vals.push_back(readVar(static_cast<OxVar*>(node)->index()));
+                return;
+            }
+            count = 1;
+            break;
         case oxk::Shape::Opaque:
-            return kind == oxk::Kind::Unknown ? fail() : call(kind, node);
-        case oxk::Shape::Unary:
-            return unary(kind, child(node, 0));
+            if (kind == oxk::Kind::Unknown) {
+                vals.push_back(fail());
+                return;
+            }
+            count = node->getNumChildren() > 0 ? node->getNumChildren() : 0;
+            break;
         case oxk::Shape::Not:
-            if (!node->getChild(0))
-                return constant(1.0);
-            return unary(kind, child(node, 0));
+            if (!node->getChild(0)) {
+                vals.push_back(constant(1.0));
+                return;
+            }
+            count = 1;
+            break;
+        case oxk::Shape::Unary:
+            count = 1;
+            break;
+        default:  // sequences and every two-operand shape
+            count = 2;
+            break;
+        }
+        frames.push_back(Frame{node, kind, 0, count, vals.size()});
+    }
+
+    // All children of the top frame are lowered: its own value replaces theirs.
+    void finish()
+    {
+        const Frame f = frames.back();
+        frames.pop_back();
+        const Operand* v = vals.data() + f.base;
+        const int n = static_cast<int>(vals.size() - f.base);
+        Operand r = constant(0.0);
+        switch (oxk::row(f.kind).shape) {
+        case oxk::Shape::Variable: {
+            const int index = static_cast<OxVar*>(f.node)->index();
+            if (index < 0 || index >= numVars) {
+                r = fail();
+                break;
+            }
+            r = v[0];
+            slot[static_cast<size_t>(index)] = r;
+            slotSet[static_cast<size_t>(index)] = true;
+            break;
+        }
+        case oxk::Shape::Sequence:  // the last statement's value; an empty sequence gives 0
+            r = n > 0 ? v[n - 1] : constant(0.0);
+            break;
+        case oxk::Shape::Opaque:
+            r = call(f.kind, f.node, v, n);
+            break;
+        case oxk::Shape::Unary:
+        case oxk::Shape::Not:
+            r = unary(f.kind, v[0]);
+            break;
         case oxk::Shape::Ordering:
             out.overwrites = true;
-            [[fallthrough]];
-        case oxk::Shape::Binary: {
-            Operand a = child(node, 0);
-            Operand b = child(node, 1);
-            return binary(kind, a, b);
+            r = binary(f.kind, v[0], v[1]);
+            break;
+        case oxk::Shape::DivisorFirst:  // lowered as (divisor, dividend)
+            r = binary(f.kind, v[1], v[0]);
+            break;
+        default:
+            r = binary(f.kind, v[0], v[1]);
+            break;
         }
-        case oxk::Shape::DivisorFirst: {
-            Operand b = child(node, 1);
-            Operand a = child(node, 0);
-            return binary(kind, a, b);
+        vals.resize(f.base);
+        vals.push_back(r);
+    }
+
+    // The tree in evaluation order with explicit stacks, so that no depth is too deep.
+    Operand lower(Oxel* root)
+    {
+        if (!root)
+            return fail();
+        enter(root);
+        while (!frames.empty() && out.ok) {
+            Frame& f = frames.back();
+            if (f.next == f.count) {
+                finish();
+                continue;
+            }
+            const int i = f.next++;
+            if (Oxel* c = childAt(f, i)) {
+                enter(c);
+                continue;
+            }
+            // A missing child: a sequence skips it, the tolerant operators read 0.
+            const oxk::Shape shape = oxk::row(f.kind).shape;
+            if (shape == oxk::Shape::Tolerant)
+                vals.push_back(constant(0.0));
+            else if (shape != oxk::Shape::Sequence)
+                vals.push_back(fail());
         }
-        case oxk::Shape::Tolerant: {
-            Oxel* l = node->getChild(0);
-            Oxel* r = node->getChild(1);
-            Operand a = l ? lower(l) : constant(0.0);
-            Operand b = r ? lower(r) : constant(0.0);
-            return binary(kind, a, b);
-        }
-        }
-        return fail();
+        return out.ok ? vals.back() : constant(0.0);
     }
 };
 

@@ -13,7 +13,7 @@ namespace {
 
 using oxp::Operand;
 
-const int kMaxRegs = 64;  // wider programs keep the tree walk
+const int kMaxRegs = 64;  // wider programs run the plain step interpreter
 
 // Operators inlined for every combination of operand modes: the kind table's cheap ones.
 #define OXP_HOT(X) OXK_CHEAP_BINARY(X)
@@ -132,8 +132,10 @@ public:
     std::vector<oxp::Call> calls;
     std::vector<CallArg> args;
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
-    bool walk = false;                // the tree walk serves eval
+    bool walk = false;                // the tree walk or, with wide set, the step interpreter
+    bool wide = false;                // serves eval
     bool overwrites = false;
+    oxp::Program steps;               // the steps, for a wide program
 };
 
 namespace {
@@ -319,6 +321,9 @@ OxelPointProgram* oxelPointBuild(const oxp::Program& ir)
     if (!ir.ok || !build(*p, ir)) {
         p->code.clear();
         p->walk = true;
+        p->wide = ir.ok;
+        if (p->wide)
+            p->steps = ir;
     }
     return p;
 }
@@ -338,7 +343,8 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     // A comparison may overwrite a code that was already set when eval() began; only the
     // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
     if (p.walk || (err != 0 && p.overwrites))
-        return root->value(vars, err);
+        return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
+                                                     : root->value(vars, err);
 #define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
 #define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,

@@ -18,6 +18,9 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 
 namespace oxp {
 
+// The plain step interpreter (steps.cpp): what eval() gives, for programs of any width.
+double runSteps(const Program& p, double* vars, int& err);
+
 // Process-wide worker threads for large batches.
 int poolThreads();
 void poolSetThreads(int n);
