@@ -182,6 +182,15 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     return p;
 }
 
+OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars)
+{
+    OxelProgram* p = new OxelProgram;
+    p->numVars = numVars > 0 ? numVars : 0;
+    buildColumns(*p, ir);
+    p->compiled = true;
+    return p;
+}
+
 int oxelProgramSteps(Oxel* root, int numVars)
 {
     const oxp::Program ir = oxp::lower(root, numVars);
@@ -201,6 +210,7 @@ struct Source {
     int stride;
     const double* const* columns;
     bool errorsZeroed;  // the error codes start at zero already
+    double* const* outs = nullptr;  // several trees: outs[k] receives assigned value k >= 1
 };
 
 // Programs with random draws or callbacks run row after row on the calling thread, so that
@@ -277,6 +287,13 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
             std::fill(res, res + n, p.resultConst);
         else if (!direct)
             std::memcpy(res, colp[p.resultColumn], sizeof(double) * static_cast<size_t>(n));
+        for (size_t k = 1; src.outs && k < p.assigned.size(); ++k) {
+            double* to = src.outs[k] + start;
+            if (p.assigned[k].first == -1)
+                std::fill(to, to + n, p.assigned[k].second);
+            else
+                std::memcpy(to, colp[p.assigned[k].first], sizeof(double) * static_cast<size_t>(n));
+        }
     }
 }
 
@@ -326,4 +343,12 @@ void oxelProgramRunColumns(OxelProgram* p, const double* const* columns, int num
                            double* results, int* errors, bool errorsZeroed)
 {
     run(p, Source{nullptr, 0, columns, errorsZeroed}, numRows, results, errors);
+}
+
+void oxelProgramRunSeveral(OxelProgram* p, const double* const* columns, int numRows,
+                           double* const* outs, int* errors)
+{
+    Source src{nullptr, 0, columns, false};
+    src.outs = outs;
+    run(p, src, numRows, outs[0], errors);
 }

@@ -58,6 +58,8 @@ void buildColumns(OxelProgram& p, const oxp::Program& l)
             in.b = kNoColumn;
         }
     }
+    for (const auto& as : l.assigned)
+        p.assigned.emplace_back(column(as.second), as.second.k);
     p.resultInResults = resultStep >= 0;
     p.resultColumn = l.result.mode == oxp::Operand::Const ? kNoColumn : column(l.result);
     p.resultConst = l.result.k;

@@ -117,6 +117,15 @@ struct Program {
 // computes liveness and slots.
 Program lower(Oxel* root, int numVars);
 
+// Several trees in one program, their equal steps shared (a value and its derivatives): the
+// value of roots[k] is written to slot numVars + k as an assignment would be (the vectors
+// that run it have numVars + roots.size() slots), result is that of roots[0], and the
+// trees' own assignments are not written back. Each tree reads the caller's values as its
+// own evaluation would. The codes of such a program only tell whether anything failed.
+// With mergeCalls, a dependent variable called again with the same component, derivative
+// marks and argument values is the earlier call.
+Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls);
+
 // The liveness and slot passes over the steps (lower() runs them).
 void allocate(Program& p);
 

@@ -2,6 +2,7 @@
 // subexpressions computed once (why that keeps the tree's bits and codes: ir.h).
 #include "program/ir.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <oxel/nodes.h>
@@ -90,6 +91,7 @@ struct Lowerer {
     std::vector<Operand> slot;  // current value of each variable slot (renaming)
     std::vector<bool> slotSet;
     bool errorCertain = false;  // an unconditional raise happened: later codes cannot win
+    bool mergeCalls = false;
     int depth = 0;
 
     static Operand constant(double v) { return Operand{Operand::Const, v, -1}; }
@@ -157,7 +159,7 @@ struct Lowerer {
     }
 
     // A random source or a dependent variable: its arguments in order, then the call, which
-    // is never shared.
+    // is never shared, unless mergeCalls (see lowerSeveral).
     Operand call(oxk::Kind kind, Oxel* node)
     {
         const int n = node->getNumChildren();
@@ -167,12 +169,43 @@ struct Lowerer {
             Oxel* arg = node->getChild(i);
             values.push_back(arg ? lower(arg) : fail());
         }
+        if (mergeCalls && kind == oxk::Kind::OxDepVar) {
+            const int earlier = sameCall(static_cast<const OxDepVar*>(node), values);
+            if (earlier >= 0) {
+                ++out.merged;
+                return reg(earlier);
+            }
+        }
         const int first = static_cast<int>(out.args.size());
         out.args.insert(out.args.end(), values.begin(), values.end());
         out.calls.push_back(Call{kind, node, first, n > 0 ? n : 0});
         out.steps.push_back(Step{kind, false, constant(0.0), constant(0.0), 0,
                                  static_cast<int>(out.calls.size()) - 1});
         return reg(static_cast<int>(out.steps.size()) - 1);
+    }
+
+    // The step of an earlier call of the same dependent variable, component and derivative
+    // marks (in the same order) at the same argument values, or -1.
+    int sameCall(const OxDepVar* d, const std::vector<Operand>& values) const
+    {
+        for (size_t i = 0; i < out.steps.size(); ++i) {
+            const Step& s = out.steps[i];
+            if (s.kind != oxk::Kind::OxDepVar)
+                continue;
+            const Call& c = out.calls[static_cast<size_t>(s.call)];
+            const OxDepVar* e = static_cast<const OxDepVar*>(c.node);
+            if (e->node() != d->node() || e->component() != d->component() ||
+                e->nDiff() != d->nDiff() || c.count != static_cast<int>(values.size()) ||
+                !std::equal(d->diffDims(), d->diffDims() + d->nDiff(), e->diffDims()))
+                continue;
+            bool same = true;
+            for (int a = 0; a < c.count && same; ++a)
+                same = sameOperand(out.args[static_cast<size_t>(c.first + a)],
+                                   values[static_cast<size_t>(a)]);
+            if (same)
+                return static_cast<int>(i);
+        }
+        return -1;
     }
 
     Operand child(Oxel* node, int i) { return lower(node->getChild(i)); }
@@ -261,6 +294,28 @@ Program lower(Oxel* root, int numVars)
     for (int i = 0; i < numVars; ++i)
         if (l.slotSet[static_cast<size_t>(i)])
             out.assigned.emplace_back(i, l.slot[static_cast<size_t>(i)]);
+    if (out.ok)
+        allocate(out);
+    return out;
+}
+
+Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls)
+{
+    Program out;
+    numVars = numVars > 0 ? numVars : 0;
+    out.inputRead.assign(static_cast<size_t>(numVars) + roots.size(), false);
+    out.ok = !roots.empty();
+    Lowerer l(numVars, out);
+    l.mergeCalls = mergeCalls;
+    for (size_t k = 0; k < roots.size() && out.ok; ++k) {
+        // Each tree starts from the caller's values, as its own evaluation would.
+        std::fill(l.slotSet.begin(), l.slotSet.end(), false);
+        l.errorCertain = false;
+        const Operand r = roots[k] ? l.lower(roots[k]) : l.fail();
+        if (k == 0)
+            out.result = r;
+        out.assigned.emplace_back(numVars + static_cast<int>(k), r);
+    }
     if (out.ok)
         allocate(out);
     return out;
