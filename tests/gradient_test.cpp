@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -17,8 +18,12 @@ std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std
 
 namespace {
 
+// Special values, and the edges of the shared program's fast path: inputs up to 2^64 and
+// quiet NaNs take it, signalling NaNs and larger magnitudes do not.
 const double kSpecial[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-308,
-                           1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10};
+                           1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10,
+                           709.7, 0x1p64, -0x1p64, 0x1.0000000000001p64, 5e-324,
+                           std::numeric_limits<double>::signaling_NaN()};
 const int kNumSpecial = sizeof kSpecial / sizeof kSpecial[0];
 
 bool sameBits(double a, double b)
@@ -159,6 +164,7 @@ TEST(Gradient, FailureInOnePartialOnly)
         "x * ln(y)",         // d/dy is x / y: fails at y = 0 with the value
         "y / x + x*x",       // every output divides by x
         "atan2(x, y) + 1e308 * x * y",  // overflow in the value and d/dy, not in d/dx
+        "exp(x) * y + x*x*x*x*y",       // exp(x)*1 near the overflow limit, x^4 up to 2^256
     };
     for (const char* text : formulas) {
         OxelExpression e;
@@ -170,8 +176,8 @@ TEST(Gradient, FailureInOnePartialOnly)
             const auto g = e.gradient(names, order);
             ASSERT_TRUE(g);
             std::vector<double> rows;
-            for (double x : {0.0, 1.0, 2.0, 1e300})
-                for (double y : {0.0, 3.0})
+            for (double x : {0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64})
+                for (double y : {0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN()})
                     rows.insert(rows.end(), {x, y, 0.0});
             EXPECT_EQ(compare(e, *g, sep, rows), "") << text;
         }

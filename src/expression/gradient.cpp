@@ -75,12 +75,21 @@ struct OxelGradient::Impl {
         return exprs[static_cast<size_t>(k)]->eval(slots, numVars, code);
     }
 
+    // Whether the shared program's values count for these inputs (oxp::lowerSeveral).
+    bool fits(const double* values) const
+    {
+        for (int v = 0; v < numVars; ++v)
+            if (!oxp::inputFits(values[v]))
+                return false;
+        return true;
+    }
+
     // One point: values into out[k * stride] and codes[k * stride]. slots holds
     // numVars + numOutputs() doubles.
     void run(const double* values, double* slots, double* out, int* codes, size_t stride) const
     {
         const int n = numOutputs();
-        if (point) {
+        if (point && fits(values)) {
             if (numVars > 0)
                 std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
             int failed = 0;
@@ -172,6 +181,11 @@ int OxelGradient::evalBatchColumns(const double* const* columns, int numRows, do
     oxelProgramRunSeveral(g.columns, columns, numRows, out, codes[0]);
     for (int k = 1; k < n; ++k)
         std::fill(codes[k], codes[k] + numRows, 0);
+    // Rows whose inputs do not fit the shared program are evaluated again like failed ones.
+    for (size_t v = 0; v < nv; ++v)
+        for (int r = 0; columns[v] && r < numRows; ++r)
+            if (!oxp::inputFits(columns[v][r]))
+                codes[0][r] = -1;
     for (int r = 0; r < numRows; ++r) {
         if (codes[0][r] == 0)
             continue;

@@ -3,7 +3,9 @@
 #ifndef OXEL_PROGRAM_IR_H
 #define OXEL_PROGRAM_IR_H
 
+#include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -124,7 +126,25 @@ Program lower(Oxel* root, int numVars);
 // own evaluation would. The codes of such a program only tell whether anything failed.
 // With mergeCalls, a dependent variable called again with the same component, derivative
 // marks and argument values is the earlier call.
+// Its fast path: its values count only where no step failed and every input fits; it drops
+// the steps 1*u, u/1 and u*1 (u bounded well below DBL_MAX) that give u's bits there.
+// Elsewhere the caller evaluates each tree by its own program.
 Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls);
+
+// Inputs of the fast path: no signalling NaN (which a product with 1 would quieten), no
+// magnitude above kInputBound (which bounds what sums and products of them reach).
+const double kInputBound = 0x1p64;
+inline bool isSignallingNaN(double v)
+{
+    uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return std::isnan(v) && !(bits & (uint64_t(1) << 51));
+}
+
+inline bool inputFits(double v)
+{
+    return std::fabs(v) <= kInputBound || (std::isnan(v) && !isSignallingNaN(v));
+}
 
 // The liveness and slot passes over the steps (lower() runs them).
 void allocate(Program& p);
