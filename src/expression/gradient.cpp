@@ -182,10 +182,12 @@ int OxelGradient::evalBatchColumns(const double* const* columns, int numRows, do
     for (int k = 1; k < n; ++k)
         std::fill(codes[k], codes[k] + numRows, 0);
     // Rows whose inputs do not fit the shared program are evaluated again like failed ones.
-    for (size_t v = 0; v < nv; ++v)
-        for (int r = 0; columns[v] && r < numRows; ++r)
-            if (!oxp::inputFits(columns[v][r]))
-                codes[0][r] = -1;
+    for (size_t v = 0; v < nv; ++v) {
+        const double* col = columns[v];
+        int* flags = codes[0];
+        for (int r = 0; col && r < numRows; ++r)
+            flags[r] |= oxp::inputFits(col[r]) ? 0 : -1;
+    }
     for (int r = 0; r < numRows; ++r) {
         if (codes[0][r] == 0)
             continue;

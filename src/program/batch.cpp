@@ -237,10 +237,11 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
 {
     thread_local std::vector<double> ws;
     thread_local std::vector<double*> cols;
-    const size_t need = static_cast<size_t>(p.numColumns + 2) * kBlock;
+    const size_t outputs = src.outs ? p.assigned.size() : 0;  // result 0 included
+    const size_t need = (static_cast<size_t>(p.numColumns) + 2 + outputs) * kBlock;
     if (ws.size() < need)
         ws.resize(need);
-    cols.resize(static_cast<size_t>(p.numColumns) + 1);
+    cols.resize(static_cast<size_t>(p.numColumns) + 1 + outputs);
     for (int c = 0; c < p.numColumns; ++c)
         cols[static_cast<size_t>(c)] = ws.data() + static_cast<size_t>(c) * kBlock;
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
@@ -280,6 +281,9 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         double* res = results + start;
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
+        for (size_t k = 1; k < outputs; ++k)  // scratch after the result's
+            colp[static_cast<size_t>(p.numColumns) + k] =
+                full ? src.outs[k] + start : resultScratch + k * kBlock;
         oxb::Frame f{colp, err, n};
         for (const oxb::Insn& in : p.code)
             in.run(in, f);
@@ -287,12 +291,13 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
             std::fill(res, res + n, p.resultConst);
         else if (!direct)
             std::memcpy(res, colp[p.resultColumn], sizeof(double) * static_cast<size_t>(n));
-        for (size_t k = 1; src.outs && k < p.assigned.size(); ++k) {
+        for (size_t k = 1; k < outputs; ++k) {
             double* to = src.outs[k] + start;
-            if (p.assigned[k].first == -1)
+            const int from = p.assigned[k].first;
+            if (from == -1)
                 std::fill(to, to + n, p.assigned[k].second);
-            else
-                std::memcpy(to, colp[p.assigned[k].first], sizeof(double) * static_cast<size_t>(n));
+            else if (colp[from] != to)
+                std::memcpy(to, colp[from], sizeof(double) * static_cast<size_t>(n));
         }
     }
 }

@@ -51,7 +51,8 @@ public:
     double resultConst = 0.0;
     bool resultInResults = false;  // the result column is the caller's results array
     // Where each assigned value of the lowered program is left (a column, or -1 for the
-    // constant): the results of the trees of lowerSeveral.
+    // constant): the results of the trees of lowerSeveral, result k > 0 in its own column
+    // numColumns + k when its step computes no earlier result.
     std::vector<std::pair<int, double>> assigned;
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
 };

@@ -101,6 +101,7 @@ struct Program {
     std::vector<std::pair<int, Operand>> assigned;  // slot and its final value
     std::vector<bool> inputRead;                    // slots read before any assignment
     bool overwrites = false;  // has an ordering comparison (matters when err starts nonzero)
+    bool several = false;     // lowerSeveral: assigned holds the trees' results
     int merged = 0;           // steps saved by sharing
 
     // Liveness and slot allocation, the same for every back end. lastUse[i] is the last step

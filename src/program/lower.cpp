@@ -405,6 +405,7 @@ Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCal
     numVars = numVars > 0 ? numVars : 0;
     out.inputRead.assign(static_cast<size_t>(numVars) + roots.size(), false);
     out.ok = !roots.empty();
+    out.several = true;
     Lowerer l(numVars, out);
     l.mergeCalls = mergeCalls;
     l.fastPath = true;
