@@ -19,7 +19,7 @@ std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std
 namespace {
 
 // Special values, and the edges of the shared program's fast path: inputs up to 2^64 and
-// quiet NaNs take it, signalling NaNs and larger magnitudes do not.
+// no NaN or larger magnitude does.
 const double kSpecial[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-308,
                            1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10,
                            709.7, 0x1p64, -0x1p64, 0x1.0000000000001p64, 5e-324,

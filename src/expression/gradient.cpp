@@ -3,6 +3,7 @@
 #include <oxel/expression.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <unordered_set>
 
@@ -108,6 +109,16 @@ struct OxelGradient::Impl {
     }
 };
 
+namespace {
+
+// Flags the rows whose value does not fit the shared program (oxp::inputFits), in a loop that
+// vectorises.
+void markUnfit(const double* __restrict column, int* __restrict flags, int numRows)
+{
+    for (int r = 0; r < numRows; ++r)
+        flags[r] |= std::fabs(column[r]) <= oxp::kInputBound ? 0 : -1;
+}
+
 // Scratch for one point: on the stack when small, else this thread's buffer, kept.
 class PointSlots {
 public:
@@ -126,6 +137,8 @@ private:
     double stack_[kStackSlots];
     double* data_ = stack_;
 };
+
+}  // namespace
 
 OxelGradient::OxelGradient(Impl* impl) : impl_(impl) {}
 
@@ -182,12 +195,9 @@ int OxelGradient::evalBatchColumns(const double* const* columns, int numRows, do
     for (int k = 1; k < n; ++k)
         std::fill(codes[k], codes[k] + numRows, 0);
     // Rows whose inputs do not fit the shared program are evaluated again like failed ones.
-    for (size_t v = 0; v < nv; ++v) {
-        const double* col = columns[v];
-        int* flags = codes[0];
-        for (int r = 0; col && r < numRows; ++r)
-            flags[r] |= oxp::inputFits(col[r]) ? 0 : -1;
-    }
+    for (size_t v = 0; v < nv; ++v)
+        if (columns[v])
+            markUnfit(columns[v], codes[0], numRows);
     for (int r = 0; r < numRows; ++r) {
         if (codes[0][r] == 0)
             continue;

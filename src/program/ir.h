@@ -132,8 +132,8 @@ Program lower(Oxel* root, int numVars);
 // Elsewhere the caller evaluates each tree by its own program.
 Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls);
 
-// Inputs of the fast path: no signalling NaN (which a product with 1 would quieten), no
-// magnitude above kInputBound (which bounds what sums and products of them reach).
+// Inputs of the fast path: numbers of magnitude up to kInputBound (which bounds what sums and
+// products of them reach); no NaN, so no signalling one, which a product with 1 would quieten.
 const double kInputBound = 0x1p64;
 inline bool isSignallingNaN(double v)
 {
@@ -144,7 +144,7 @@ inline bool isSignallingNaN(double v)
 
 inline bool inputFits(double v)
 {
-    return std::fabs(v) <= kInputBound || (std::isnan(v) && !isSignallingNaN(v));
+    return std::fabs(v) <= kInputBound;
 }
 
 // The liveness and slot passes over the steps (lower() runs them).

@@ -48,12 +48,7 @@ int runGrad(const Args& a)
         if (firstError == 0)
             firstError = codes[k];
     }
-    if (firstError != 0) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "oxel: evaluation error %d: %s\n", firstError, vOxError(firstError));
-        return kEval;
-    }
-    return kOk;
+    return evalStatus(firstError);
 }
 
 }  // namespace oxcli

@@ -313,6 +313,15 @@ void rejectOptions(const Args& a, int accepted)
             usage(o.message);
 }
 
+int evalStatus(int err)
+{
+    if (err == 0)
+        return kOk;
+    std::fflush(stdout);
+    std::fprintf(stderr, "oxel: evaluation error %d: %s\n", err, vOxError(err));
+    return kEval;
+}
+
 void printResult(Oxel* tree, bool asTree)
 {
     if (!asTree) {

@@ -75,6 +75,10 @@ enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kHess
 
 void rejectOptions(const Args& a, int accepted);
 
+// The exit status for an evaluation's code: kOk for 0; otherwise kEval, after the code and its
+// message on standard error (behind whatever standard output holds).
+int evalStatus(int err);
+
 // A result tree as a formula that reads back, or as the library prints it.
 void printResult(Oxel* tree, bool asTree);
 
