@@ -259,7 +259,8 @@ struct GradSetup {
                 separate.emplace_back(e->derivative(n.c_str()));
             for (int i = 0; order == 2 && i < gf.numVars; ++i)
                 for (int j = i; j < gf.numVars; ++j)
-                    separate.emplace_back(separate[static_cast<size_t>(i)]->derivative(kVarNames[j]));
+                    separate.emplace_back(
+                        separate[static_cast<size_t>(i)]->derivative(kVarNames[j]));
             outputs = 1 + static_cast<int>(separate.size());
         }
         for (int v = 0; v < 3; ++v) {
@@ -305,7 +306,8 @@ void benchGradPoint(benchmark::State& st, int f, GradMode mode, int order)
 void benchGradBatch(benchmark::State& st, int f, GradMode mode, int order)
 {
     GradSetup s(f, mode, order);
-    std::vector<std::vector<double>> res(static_cast<size_t>(s.outputs), std::vector<double>(kPoints));
+    std::vector<std::vector<double>> res(static_cast<size_t>(s.outputs),
+                                         std::vector<double>(kPoints));
     std::vector<std::vector<int>> err(res.size(), std::vector<int>(kPoints));
     std::vector<double*> resp;
     std::vector<int*> errp;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <oxel/oxel.h>
@@ -20,10 +21,9 @@ namespace {
 
 // Special values, and the edges of the shared program's fast path: inputs up to 2^64 and
 // no NaN or larger magnitude does.
-const double kSpecial[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-308,
-                           1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10,
-                           709.7, 0x1p64, -0x1p64, 0x1.0000000000001p64, 5e-324,
-                           std::numeric_limits<double>::signaling_NaN()};
+const double kSpecial[] = { 0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-308,
+    1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10, 709.7, 0x1p64, -0x1p64,
+    0x1.0000000000001p64, 5e-324, std::numeric_limits<double>::signaling_NaN() };
 const int kNumSpecial = sizeof kSpecial / sizeof kSpecial[0];
 
 bool sameBits(double a, double b)
@@ -33,9 +33,8 @@ bool sameBits(double a, double b)
 
 // The separate expressions in output order: the value, the first derivatives, then the upper
 // triangle of second derivatives; empty when any of them is null.
-std::vector<std::unique_ptr<OxelExpression>> separate(OxelExpression& e,
-                                                      const std::vector<std::string>& names,
-                                                      int order)
+std::vector<std::unique_ptr<OxelExpression>> separate(
+    OxelExpression& e, const std::vector<std::string>& names, int order)
 {
     std::vector<std::unique_ptr<OxelExpression>> out;
     out.emplace_back(nullptr);  // the value: e itself
@@ -53,8 +52,7 @@ std::vector<std::unique_ptr<OxelExpression>> separate(OxelExpression& e,
 // Describes the first output whose bits or code differ from the separate expressions at the
 // given rows (row-major, numVars values each), at points and over columns; "" when all agree.
 std::string compare(OxelExpression& e, const OxelGradient& g,
-                    const std::vector<std::unique_ptr<OxelExpression>>& sep,
-                    const std::vector<double>& rows)
+    const std::vector<std::unique_ptr<OxelExpression>>& sep, const std::vector<double>& rows)
 {
     const int nv = e.numVars(), n = g.numOutputs(), numRows = static_cast<int>(rows.size()) / nv;
     if (n != static_cast<int>(sep.size()))
@@ -88,14 +86,14 @@ std::string compare(OxelExpression& e, const OxelGradient& g,
             const double want = k == 0 ? e.eval(vals.data(), nv, code)
                                        : sep[static_cast<size_t>(k)]->eval(vals.data(), nv, code);
             const size_t kk = static_cast<size_t>(k);
-            if (!sameBits(point[kk], want) || pointCodes[kk] != code ||
-                !sameBits(outs[kk][static_cast<size_t>(r)], want) ||
-                codes[kk][static_cast<size_t>(r)] != code)
-                return "row " + std::to_string(r) + " output " + std::to_string(k) + ": want " +
-                       std::to_string(want) + " code " + std::to_string(code) + ", point " +
-                       std::to_string(point[kk]) + " code " + std::to_string(pointCodes[kk]) +
-                       ", column " + std::to_string(outs[kk][static_cast<size_t>(r)]) + " code " +
-                       std::to_string(codes[kk][static_cast<size_t>(r)]);
+            if (!sameBits(point[kk], want) || pointCodes[kk] != code
+                || !sameBits(outs[kk][static_cast<size_t>(r)], want)
+                || codes[kk][static_cast<size_t>(r)] != code)
+                return "row " + std::to_string(r) + " output " + std::to_string(k) + ": want "
+                    + std::to_string(want) + " code " + std::to_string(code) + ", point "
+                    + std::to_string(point[kk]) + " code " + std::to_string(pointCodes[kk])
+                    + ", column " + std::to_string(outs[kk][static_cast<size_t>(r)]) + " code "
+                    + std::to_string(codes[kk][static_cast<size_t>(r)]);
         }
     }
     return "";
@@ -103,7 +101,7 @@ std::string compare(OxelExpression& e, const OxelGradient& g,
 
 void declare(OxelExpression& e)
 {
-    for (const char* name : {"x", "y", "z"})
+    for (const char* name : { "x", "y", "z" })
         e.addVar(name);
     e.addVarAlias("y", "w");
 }
@@ -140,15 +138,16 @@ TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
         OxelExpression e;
         declare(e);
         ASSERT_EQ(e.initFromString(text.c_str()), 1) << text;
-        const std::vector<std::string> names =
-            i % 2 ? std::vector<std::string>{"x", "w"} : std::vector<std::string>{"z", "x", "y"};
+        const std::vector<std::string> names = i % 2 ? std::vector<std::string> { "x", "w" }
+                                                     : std::vector<std::string> { "z", "x", "y" };
         for (int order = 1; order <= 2; ++order) {
             const auto sep = separate(e, names, order);
             const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
             ASSERT_EQ(sep.empty(), g == nullptr) << text;
             if (!g)
                 continue;
-            EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "") << text << " order " << order;
+            EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
+                << text << " order " << order;
             ++compared;
         }
     }
@@ -160,39 +159,108 @@ TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
 TEST(Gradient, FailureInOnePartialOnly)
 {
     const char* const formulas[] = {
-        "sqrt(x) * y",       // d/dx divides by 2*sqrt(0): only d/dx fails at x = 0
-        "x * ln(y)",         // d/dy is x / y: fails at y = 0 with the value
-        "y / x + x*x",       // every output divides by x
+        "sqrt(x) * y",  // d/dx divides by 2*sqrt(0): only d/dx fails at x = 0
+        "x * ln(y)",  // d/dy is x / y: fails at y = 0 with the value
+        "y / x + x*x",  // every output divides by x
         "atan2(x, y) + 1e308 * x * y",  // overflow in the value and d/dy, not in d/dx
-        "exp(x) * y + x*x*x*x*y",       // exp(x)*1 near the overflow limit, x^4 up to 2^256
+        "exp(x) * y + x*x*x*x*y",  // exp(x)*1 near the overflow limit, x^4 up to 2^256
     };
     for (const char* text : formulas) {
         OxelExpression e;
         declare(e);
         ASSERT_EQ(e.initFromString(text), 1);
-        const std::vector<std::string> names{"x", "y"};
+        const std::vector<std::string> names { "x", "y" };
         for (int order = 1; order <= 2; ++order) {
             const auto sep = separate(e, names, order);
             const auto g = e.gradient(names, order);
             ASSERT_TRUE(g);
             std::vector<double> rows;
-            for (double x : {0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64})
-                for (double y : {0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN()})
-                    rows.insert(rows.end(), {x, y, 0.0});
+            for (double x : { 0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64 })
+                for (double y : { 0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN() })
+                    rows.insert(rows.end(), { x, y, 0.0 });
             EXPECT_EQ(compare(e, *g, sep, rows), "") << text;
         }
     }
     OxelExpression e;
     declare(e);
     ASSERT_EQ(e.initFromString("sqrt(x) * y"), 1);
-    const auto g = e.gradient({"x", "y"});
-    const double at[] = {0.0, 2.0, 0.0};
+    const auto g = e.gradient({ "x", "y" });
+    const double at[] = { 0.0, 2.0, 0.0 };
     double out[3];
     int codes[3];
     g->eval(at, out, codes);
     EXPECT_EQ(codes[0], 0);
     EXPECT_NE(codes[1], 0);
     EXPECT_EQ(codes[2], 0);
+}
+
+// A Hessian too wide for the single-point program (more than its 64 registers): points take
+// one row of the column program.
+TEST(Gradient, WideProgramAtPoints)
+{
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("sin(x*y)*cos(y*z)*exp(x*z)*tanh(x+y+z)/(1+x*x+y*y+z*z)*"
+                               "atan2(x,y)*hypot(x,z)"),
+        1);
+    const std::vector<std::string> names { "x", "y", "z" };
+    const auto g = e.gradient(names, 2);
+    ASSERT_TRUE(g);
+    std::vector<double> rows;
+    for (double x : { 0.0, 0.5, -1.5, 800.0 })
+        for (double y : { 0.0, 2.0 })
+            rows.insert(rows.end(), { x, y, 0.25 });
+    EXPECT_EQ(compare(e, *g, separate(e, names, 2), rows), "");
+}
+
+// Threads share one gradient: each gets the bits of a lone caller, at points and over columns
+// large enough for the worker threads.
+TEST(Gradient, ThreadsShareOneGradient)
+{
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("sqrt(x*x + y*y) / (1 + exp(-x*y)) + ln(z)"), 1);
+    const auto g = e.gradient({ "x", "y", "z" }, 2);
+    ASSERT_TRUE(g);
+    const int rows = 70000, n = g->numOutputs();
+    std::vector<double> in(3 * static_cast<size_t>(rows));
+    for (size_t i = 0; i < in.size(); ++i)
+        in[i] = std::sin(static_cast<double>(i)) * 3.0;  // negative z fails in ln
+    const double* cols[] = { in.data(), in.data() + rows, in.data() + 2 * rows };
+    auto run = [&](std::vector<double>& out, std::vector<int>& codes) {
+        out.assign(static_cast<size_t>(n) * rows * 2, 0.0);
+        codes.assign(out.size(), -1);
+        std::vector<double*> outp;
+        std::vector<int*> codep;
+        for (int k = 0; k < n; ++k) {
+            outp.push_back(&out[static_cast<size_t>(k) * rows]);
+            codep.push_back(&codes[static_cast<size_t>(k) * rows]);
+        }
+        g->evalBatchColumns(cols, rows, outp.data(), codep.data());
+        const size_t half = static_cast<size_t>(n) * rows;
+        for (int r = 0; r < rows; r += 7) {  // points, output by output behind the columns
+            const double at[] = { cols[0][r], cols[1][r], cols[2][r] };
+            g->eval(at, &out[half + static_cast<size_t>(r) * n],
+                &codes[half + static_cast<size_t>(r) * n]);
+        }
+    };
+    std::vector<double> want;
+    std::vector<int> wantCodes;
+    run(want, wantCodes);
+    std::vector<std::vector<double>> got(4);
+    std::vector<std::vector<int>> gotCodes(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back(
+            [&, t] { run(got[static_cast<size_t>(t)], gotCodes[static_cast<size_t>(t)]); });
+    for (std::thread& t : threads)
+        t.join();
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(std::memcmp(got[static_cast<size_t>(t)].data(), want.data(),
+                      want.size() * sizeof(double)),
+            0);
+        EXPECT_EQ(gotCodes[static_cast<size_t>(t)], wantCodes);
+    }
 }
 
 // Null where a derivative is null or the request is bad; bad batch arguments are refused.
@@ -203,12 +271,12 @@ TEST(Gradient, NullCasesAndBadArguments)
         std::vector<std::string> names;
         int order;
     } rows[] = {
-        {"x % 2 + y", {"x"}, 1},      // the modulo refuses
-        {"a = x; a * y", {"x"}, 1},  // several statements
-        {"x * y", {"q"}, 1},         // unknown name
-        {"x * y", {"x"}, 3},         // order
-        {"x * y", {"x"}, 0},
-        {"floor(x) + y", {"y", "x"}, 2},  // only the second derivative refuses
+        { "x % 2 + y", { "x" }, 1 },  // the modulo refuses
+        { "a = x; a * y", { "x" }, 1 },  // several statements
+        { "x * y", { "q" }, 1 },  // unknown name
+        { "x * y", { "x" }, 3 },  // order
+        { "x * y", { "x" }, 0 },
+        { "floor(x) + y", { "y", "x" }, 2 },  // only the second derivative refuses
     };
     for (const auto& row : rows) {
         OxelExpression e;
@@ -219,15 +287,15 @@ TEST(Gradient, NullCasesAndBadArguments)
     OxelExpression e;
     declare(e);
     ASSERT_EQ(e.initFromString("x * y"), 1);
-    const auto g = e.gradient({"x", "y"}, 2);
+    const auto g = e.gradient({ "x", "y" }, 2);
     ASSERT_TRUE(g);
     EXPECT_EQ(g->numOutputs(), 6);
-    double col[1] = {1.0};
-    const double* cols[] = {col, col, col};
+    double col[1] = { 1.0 };
+    const double* cols[] = { col, col, col };
     double o[6][1];
     int c[6][1];
-    double* outs[] = {o[0], o[1], o[2], o[3], o[4], nullptr};
-    int* codes[] = {c[0], c[1], c[2], c[3], c[4], c[5]};
+    double* outs[] = { o[0], o[1], o[2], o[3], o[4], nullptr };
+    int* codes[] = { c[0], c[1], c[2], c[3], c[4], c[5] };
     EXPECT_EQ(g->evalBatchColumns(cols, 1, outs, codes), -1);
     outs[5] = o[5];
     EXPECT_EQ(g->evalBatchColumns(cols, -1, outs, codes), -1);
@@ -248,8 +316,8 @@ double field(const void*, int component, int nDiff, const int* dims, const doubl
     for (int i = 0; i < nDiff; ++i)
         (dims[i] == 0 ? da : db)++;
     const double a = args[0], b = args[1];
-    const double fa[] = {std::sin(a), std::cos(a), -std::sin(a)};
-    const double fb[] = {b * b, 2 * b, 2.0, 0.0};
+    const double fa[] = { std::sin(a), std::cos(a), -std::sin(a) };
+    const double fb[] = { b * b, 2 * b, 2.0, 0.0 };
     return (component + 1) * fa[da % 3] * fb[db];
 }
 
@@ -263,18 +331,20 @@ TEST(Gradient, DependentVariablesWithDerivatives)
     f.setUp(2, 2, 3, nullptr, nullptr);
     OxelExpression e;
     declare(e);
-    Oxel* args[] = {new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y"))};
-    Oxel* again[] = {new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y"))};
+    Oxel* args[]
+        = { new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y")) };
+    Oxel* again[]
+        = { new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y")) };
     e.setRoot(new OxPlus(new OxDepVar(&f, 1, 0, nullptr, args),
-                         new OxMal(new OxVar(0, "x"), new OxDepVar(&f, 1, 0, nullptr, again))));
-    const std::vector<std::string> names{"x", "w"};
+        new OxMal(new OxVar(0, "x"), new OxDepVar(&f, 1, 0, nullptr, again))));
+    const std::vector<std::string> names { "x", "w" };
     for (int order = 1; order <= 2; ++order) {
         const auto sep = separate(e, names, order);
         const auto g = e.gradient(names, order);
         ASSERT_TRUE(g);
         std::mt19937 rng(5);
         EXPECT_EQ(compare(e, *g, sep, points(rng, 3)), "") << order;
-        const double at[] = {0.5, 2.0, 0.0};
+        const double at[] = { 0.5, 2.0, 0.0 };
         std::vector<double> out(static_cast<size_t>(g->numOutputs()));
         std::vector<int> codes(out.size());
         calls = 0;
@@ -292,18 +362,18 @@ TEST(Gradient, CInterfaceRoundTrip)
     oxel_expr_add_var(e, "x");
     oxel_expr_add_var(e, "y");
     ASSERT_EQ(oxel_expr_parse(e, "exp(x*y) / (1 + x)"), 1);
-    const char* names[] = {"x", "y"};
+    const char* names[] = { "x", "y" };
     EXPECT_EQ(oxel_expr_gradient(e, names, 2, 3), nullptr);
     EXPECT_EQ(oxel_expr_gradient(e, nullptr, 2, 1), nullptr);
     oxel_grad* g = oxel_expr_gradient(e, names, 2, 2);
     ASSERT_NE(g, nullptr);
     ASSERT_EQ(oxel_grad_outputs(g), 6);
-    const double at[] = {0.5, 2.0};
+    const double at[] = { 0.5, 2.0 };
     double out[6], colOut[6][1];
     int codes[6], colCodes[6][1];
     oxel_grad_eval(g, at, out, codes);
-    const double x[] = {0.5}, y[] = {2.0};
-    const double* cols[] = {x, y};
+    const double x[] = { 0.5 }, y[] = { 2.0 };
+    const double* cols[] = { x, y };
     double* outs[6];
     int* codep[6];
     for (int k = 0; k < 6; ++k) {
@@ -318,7 +388,7 @@ TEST(Gradient, CInterfaceRoundTrip)
     ref.initFromString("exp(x*y) / (1 + x)");
     std::unique_ptr<OxelExpression> dy(ref.derivative("y"));
     std::unique_ptr<OxelExpression> dyy(dy->derivative("y"));
-    double v[] = {0.5, 2.0};
+    double v[] = { 0.5, 2.0 };
     int code = 0;
     EXPECT_TRUE(sameBits(out[2], dy->eval(v, 2, code)));
     EXPECT_TRUE(sameBits(out[5], dyy->eval(v, 2, code)));

@@ -117,7 +117,8 @@ private:
 /// copied for each; the caller's values are never written. A point where anything fails is
 /// evaluated again output by output, so dependent-variable callbacks must give the same
 /// result however often they are called (the shared program calls each distinct variable,
-/// component, derivative marks and arguments once per point). Safe to share between threads.
+/// component, derivative marks and arguments once per point); random sources draw afresh
+/// for every output that contains them. Safe to share between threads.
 class OXEL_API OxelGradient {
 public:
     ~OxelGradient();

@@ -56,8 +56,8 @@ Oxel* copyKeepingAssignments(Oxel* n, const std::unordered_set<const Oxel*>& abo
 struct OxelGradient::Impl {
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
-    OxelPointProgram* point = nullptr;  // the shared program, or null: outputs one by one
-    OxelProgram* columns = nullptr;     // its column form, or null: rows through point
+    OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
+    OxelProgram* columns = nullptr;  // its column form, or null: rows through point
     ~Impl()
     {
         oxelPointRelease(point);
@@ -85,27 +85,46 @@ struct OxelGradient::Impl {
         return true;
     }
 
+    // The shared program at one point: false when anything failed. slots holds numVars +
+    // numOutputs() doubles; the outputs are left behind the values.
+    bool shared(const double* values, double* slots) const
+    {
+        const int n = numOutputs();
+        int failed = 0;
+        if (point) {
+            if (numVars > 0)
+                std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
+            oxelPointRun(*point, nullptr, slots, failed);
+            return failed == 0;
+        }
+        // Too wide for the single-point program: one row of the column program.
+        if (!columns || numVars > kStackSlots || n > kStackSlots)
+            return false;
+        const double* cols[kStackSlots];
+        double* outs[kStackSlots];
+        for (int v = 0; v < numVars; ++v)
+            cols[v] = values + v;
+        for (int k = 0; k < n; ++k)
+            outs[k] = slots + numVars + k;
+        oxelProgramRunSeveral(columns, cols, 1, outs, &failed);
+        return failed == 0;
+    }
+
     // One point: values into out[k * stride] and codes[k * stride]. slots holds
     // numVars + numOutputs() doubles.
     void run(const double* values, double* slots, double* out, int* codes, size_t stride) const
     {
         const int n = numOutputs();
-        if (point && fits(values)) {
-            if (numVars > 0)
-                std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
-            int failed = 0;
-            oxelPointRun(*point, nullptr, slots, failed);
-            if (failed == 0) {
-                for (int k = 0; k < n; ++k) {
-                    out[static_cast<size_t>(k) * stride] = slots[numVars + k];
-                    codes[static_cast<size_t>(k) * stride] = 0;
-                }
-                return;
+        if (fits(values) && shared(values, slots)) {
+            for (int k = 0; k < n; ++k) {
+                out[static_cast<size_t>(k) * stride] = slots[numVars + k];
+                codes[static_cast<size_t>(k) * stride] = 0;
             }
+            return;
         }
         for (int k = 0; k < n; ++k)
-            out[static_cast<size_t>(k) * stride] =
-                own(k, values, slots, codes[static_cast<size_t>(k) * stride]);
+            out[static_cast<size_t>(k) * stride]
+                = own(k, values, slots, codes[static_cast<size_t>(k) * stride]);
     }
 };
 
@@ -140,7 +159,10 @@ private:
 
 }  // namespace
 
-OxelGradient::OxelGradient(Impl* impl) : impl_(impl) {}
+OxelGradient::OxelGradient(Impl* impl)
+    : impl_(impl)
+{
+}
 
 OxelGradient::~OxelGradient()
 {
@@ -161,8 +183,8 @@ void OxelGradient::eval(const double* values, double* out, int* codes) const
     g.run(values, slots.get(), out, codes, 1);
 }
 
-int OxelGradient::evalBatchColumns(const double* const* columns, int numRows, double* const* out,
-                                   int* const* codes) const
+int OxelGradient::evalBatchColumns(
+    const double* const* columns, int numRows, double* const* out, int* const* codes) const
 {
     const Impl& g = *impl_;
     const int n = g.numOutputs();
@@ -208,8 +230,8 @@ int OxelGradient::evalBatchColumns(const double* const* columns, int numRows, do
     return 0;
 }
 
-std::unique_ptr<OxelGradient> OxelExpression::gradient(const std::vector<std::string>& names,
-                                                       int order)
+std::unique_ptr<OxelGradient> OxelExpression::gradient(
+    const std::vector<std::string>& names, int order)
 {
     if (!root_ || (order != 1 && order != 2))
         return nullptr;
@@ -226,8 +248,8 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(const std::vector<std::st
     const size_t n = names.size();
     for (size_t i = 0; order == 2 && i < n; ++i)
         for (size_t j = i; j < n; ++j)
-            g->exprs.emplace_back(g->exprs[1 + i] ? g->exprs[1 + i]->derivative(names[j].c_str())
-                                                  : nullptr);
+            g->exprs.emplace_back(
+                g->exprs[1 + i] ? g->exprs[1 + i]->derivative(names[j].c_str()) : nullptr);
     std::vector<Oxel*> roots;
     for (const auto& e : g->exprs) {
         if (!e)

@@ -166,7 +166,10 @@ struct Lowerer {
             facts.resize(out.steps.size(), f);
     }
 
-    static bool isOne(const Operand& o) { return o.mode == Operand::Const && sameOperand(o, constant(1.0)); }
+    static bool isOne(const Operand& o)
+    {
+        return o.mode == Operand::Const && sameOperand(o, constant(1.0));
+    }
 
     // The operand that kind(a, b) leaves unchanged on the fast path, or null. 1*u and u/1 give
     // u's bits for every u but a signalling NaN (which they quieten); u*1 also fails for |u|

@@ -333,7 +333,8 @@ bool tableGradient(Session& s, const std::vector<std::string>& names,
 }
 
 int runCsvTable(Session& s, const std::string& formula, const std::vector<std::string>& names,
-                const std::string& headerLine, LineReader& in, const std::vector<std::string>& gradNames)
+                const std::string& headerLine, LineReader& in,
+                const std::vector<std::string>& gradNames)
 {
     std::vector<int> slots;
     for (const std::string& n : names) {
