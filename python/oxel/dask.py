@@ -10,7 +10,8 @@ def _block(expr, names, scalars, which, *blocks):
 
 def evaluate(expr, **values):
     """Returns (values, errors) as lazy dask arrays (float64 and int32) for variables given as
-    dask arrays or plain numbers; the arrays broadcast against each other as in dask.
+    dask arrays or plain numbers; the arrays broadcast against each other as in dask. expr is
+    an oxel.Expression, or an oxel.Gradient, whose outputs come along a new first axis.
 
     Blocks run wherever dask schedules them: the expression is pickled (its text, variables
     and aliases) and rebuilt in each worker process."""
@@ -22,6 +23,12 @@ def evaluate(expr, **values):
     if not names:
         raise TypeError("oxel.dask.evaluate needs at least one dask array")
     arrays = [values[n] for n in names]
+    # An oxel.Gradient gives its outputs along a new first axis, one chunk of all of them.
+    extra = {}
+    if hasattr(expr, "num_outputs"):
+        extra = dict(new_axis=0, chunks=((expr.num_outputs,),) + da.core.broadcast_chunks(
+            *(a.chunks for a in arrays)))
     return tuple(
-        da.map_blocks(functools.partial(_block, expr, names, scalars, which), *arrays, dtype=dtype)
+        da.map_blocks(functools.partial(_block, expr, names, scalars, which), *arrays,
+                      dtype=dtype, **extra)
         for which, dtype in ((0, np.float64), (1, np.int32)))

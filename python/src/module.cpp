@@ -130,6 +130,15 @@ public:
 
     py::tuple eval(const py::kwargs& kw)
     {
+        bool arrays = false;
+        py::module_ np = py::module_::import("numpy");
+        std::vector<py::object> given = arguments(np, kw, arrays);
+        return arrays ? evalArrays(np, given) : evalScalars(given);
+    }
+
+    // The values of eval()'s keywords in variable order; arrays: one of them is an array.
+    std::vector<py::object> arguments(py::module_& np, const py::kwargs& kw, bool& arrays) const
+    {
         std::vector<py::object> given(static_cast<size_t>(declared_));
         for (auto item : kw) {
             std::string name = py::cast<std::string>(item.first);
@@ -142,8 +151,6 @@ public:
                     + std::string(expr_->varName(static_cast<unsigned>(i))) + "'");
             given[static_cast<size_t>(i)] = py::reinterpret_borrow<py::object>(item.second);
         }
-        bool arrays = false;
-        py::module_ np = py::module_::import("numpy");
         for (int i = 0; i < declared_; ++i) {
             if (!given[static_cast<size_t>(i)])
                 throw py::type_error("eval() is missing a value for variable '"
@@ -151,8 +158,32 @@ public:
             if (py::cast<int>(np.attr("ndim")(given[static_cast<size_t>(i)])) > 0)
                 arrays = true;
         }
-        return arrays ? evalArrays(np, given) : evalScalars(given);
+        return given;
     }
+
+    // The inputs broadcast, each one contiguous float64 column, and their common shape.
+    struct Columns {
+        std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> arrays;
+        py::object shape;
+    };
+    static Columns columnsOf(py::module_& np, const std::vector<py::object>& given)
+    {
+        py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
+        Columns c;
+        for (auto a : broadcast)
+            c.arrays.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
+        c.shape = broadcast[0].attr("shape");
+        return c;
+    }
+
+    // The value and its derivatives by names, under the lock that derivatives need.
+    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return expr_->gradient(names, order);
+    }
+
+    const OxelExpression& expression() const { return *expr_; }
 
     Recipe state() const { return recipe_; }
     static PyExpression* fromState(Recipe r) { return new PyExpression(std::move(r)); }
@@ -192,11 +223,9 @@ private:
     // rows through the column batch with the interpreter lock released.
     py::tuple evalArrays(py::module_& np, const std::vector<py::object>& given)
     {
-        py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
-        std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> columns;
-        for (auto a : broadcast)
-            columns.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
-        py::object shape = broadcast[0].attr("shape");
+        Columns prepared = columnsOf(np, given);
+        const auto& columns = prepared.arrays;
+        py::object shape = prepared.shape;
         py::array_t<double> results(py::cast<std::vector<py::ssize_t>>(shape));
         // Zero-mapped by numpy.zeros: the batch writes only the rows that fail, so the pages
         // of an error-free result are never touched.
@@ -231,6 +260,8 @@ private:
     int declared_ = 0;
     std::mutex mutex_; // derivatives and printing format number nodes: one thread at a time
 };
+
+#include "gradient.h"
 
 } // namespace
 
@@ -296,4 +327,5 @@ int32 array of error codes (0 where evaluation succeeded).)");
                 r.steps = t[3].cast<std::vector<std::pair<std::string, std::string>>>();
                 return PyExpression::fromState(std::move(r));
             }));
+    bindGradient(m, cls);
 }
