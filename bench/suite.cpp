@@ -170,6 +170,23 @@ const Formula kSuite[] = {
 };
 const int kNumFormulas = static_cast<int>(sizeof kSuite / sizeof kSuite[0]);
 
+const GradientFormula kGradientSuite[] = {
+    {"soft radius", "sqrt(x*x + y*y) / (1 + exp(-x*y))", 2},
+    {"trig", "sin(x) * cos(y)", 2},
+    {"gauss bell", "exp(-(x*x + y*y) / 2)", 2},
+    {"polynomial", "x*x*y + y*y*z - x*z", 3},
+    {"rational", "(x + y) * (x - y) / (z + 1)", 3},
+    {"powers", "pow(x, 3) * y + pow(y, 2)", 2},
+    {"log tanh", "ln(1 + x*x) * tanh(y)", 2},
+    {"exp sin", "x * exp(y) - y * sin(z)", 3},
+    {"lorentz", "1 / (1 + x*x + y*y)", 2},
+    {"hyperbolic", "sinh(x) * cosh(y) + z", 3},
+    {"atan2 log", "atan2(y, x) + ln(x*x + y*y)", 2},
+    {"rosenbrock", "(1 - x)*(1 - x) + 100*(y - x*x)*(y - x*x)", 2},
+};
+const int kNumGradientFormulas =
+    static_cast<int>(sizeof kGradientSuite / sizeof kGradientSuite[0]);
+
 namespace {
 
 // Points in [0.5, 2.5): inside every domain of the suite, so no formula takes an error path.

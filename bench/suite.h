@@ -25,6 +25,16 @@ struct Formula {
 extern const Formula kSuite[];
 extern const int kNumFormulas;
 
+// Formulas of two or three variables (x, y, z) for the value with its derivatives.
+struct GradientFormula {
+    const char* family;
+    const char* oxel;
+    int numVars;  // differentiated by the first numVars of x, y, z
+};
+
+extern const GradientFormula kGradientSuite[];
+extern const int kNumGradientFormulas;
+
 // kPoints rows of kStride values each, the same for every run.
 const std::vector<double>& rows();
 

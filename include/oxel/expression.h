@@ -3,12 +3,16 @@
 #define OXEL_EXPRESSION_H
 
 #include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include <oxel/core.h>
 #include <oxel/support.h>
 
 class OxelProgram;
 class OxelPointProgram;
+class OxelGradient;
 
 /// One formula with its variables: declare names (addVar, addVarAlias), parse (initFromString),
 /// then evaluate (eval, evalBatch), differentiate (derivative) or simplify (simplified).
@@ -80,6 +84,12 @@ public:
     int evalBatchColumns(const double* const* columns, int numRows, double* results,
                          int* errors, bool errorsZeroed = false) const;
 
+    /// The value with its derivatives by names (variables or aliases), evaluated together:
+    /// order 1 gives the value and the gradient, order 2 adds the upper triangle of the
+    /// Hessian (see OxelGradient). Null for an unknown name, an order other than 1 or 2, and
+    /// where derivative() of a requested name (or of such a derivative) gives null.
+    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order = 1);
+
 private:
     double evalAt(double* values, int count, int& err) const;
     OxelExpression* withSameNames(Oxel* tree) const;
@@ -98,6 +108,37 @@ private:
     // (the others discard theirs), so that threads may share one expression.
     mutable std::atomic<OxelPointProgram*> point_;
     mutable std::atomic<OxelProgram*> program_;
+};
+
+/// A value and its partial derivatives run as one program whose equal steps are computed
+/// once. Outputs: the value; d/d names[k] for each k; for order 2 then entry (i, j), i <= j,
+/// of the Hessian row by row (the derivative by names[i], then by names[j]). Each output and
+/// its code are what eval() gives on the expression, on derivative(names[k]) and on
+/// derivative(names[i])->derivative(names[j]), with the code starting at 0 and the values
+/// copied for each; the caller's values are never written. A point where anything fails is
+/// evaluated again output by output, so dependent-variable callbacks must give the same
+/// result however often they are called (the shared program calls each distinct variable,
+/// component, derivative marks and arguments once per point); random sources draw afresh
+/// for every output that contains them. Safe to share between threads.
+class OXEL_API OxelGradient {
+public:
+    ~OxelGradient();
+    OxelGradient(const OxelGradient&) = delete;
+    OxelGradient& operator=(const OxelGradient&) = delete;
+    /// 1 + n for order 1; 1 + n + n(n+1)/2 for order 2.
+    int numOutputs() const;
+    /// values[i] is variable i (as for eval); out[k] and codes[k] receive output k.
+    void eval(const double* values, double* out, int* codes) const;
+    /// Columns as for evalBatchColumns; out[k][r] and codes[k][r]. Returns 0, or -1 on bad
+    /// arguments (a null pointer, numRows < 0).
+    int evalBatchColumns(const double* const* columns, int numRows, double* const* out,
+                         int* const* codes) const;
+
+private:
+    friend class OxelExpression;
+    struct Impl;
+    explicit OxelGradient(Impl* impl);
+    Impl* impl_;
 };
 
 /// Worker threads that evalBatch and evalBatchColumns may use for one large batch, process-wide

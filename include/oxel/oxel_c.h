@@ -56,6 +56,30 @@ OXEL_API oxel_expr* oxel_expr_simplified(const oxel_expr* expr);
 OXEL_API char* oxel_expr_print(const oxel_expr* expr);
 /** Releases memory handed out by this interface (oxel_expr_print()). */
 OXEL_API void oxel_free(void* p);
+/** Opaque handle of a value with its partial derivatives, evaluated together. */
+typedef struct oxel_grad oxel_grad;
+
+/** The value of @p expr with its derivatives by @p names[0 .. count) (variables or aliases):
+ *  @p order 1 gives 1 + count outputs (the value, then each first derivative), order 2 adds
+ *  the second derivatives (i, j), i <= j, row by row. Each output and code is what
+ *  oxel_expr_eval() gives on the value or the derivative expression (the code starting at 0).
+ *  NULL for an unknown name, an order other than 1 or 2, or where a derivative cannot be
+ *  formed. The handle does not depend on @p expr afterwards; free it with oxel_grad_free(). */
+OXEL_API oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count,
+                                       int order);
+/** Number of outputs; 0 for NULL. */
+OXEL_API int oxel_grad_outputs(const oxel_grad* grad);
+/** One point: @p values as for oxel_expr_eval() (not written); out[k] and codes[k] receive
+ *  output k. */
+OXEL_API void oxel_grad_eval(const oxel_grad* grad, const double* values, double* out,
+                             int* codes);
+/** @p n points, one array per variable (columns[i][r]; a NULL column reads as 0): out[k][r] and
+ *  codes[k][r]. Returns 0, or -1 on invalid arguments. */
+OXEL_API int oxel_grad_eval_columns(const oxel_grad* grad, const double* const* columns, int n,
+                                    double* const* out, int* const* codes);
+/** Destroys a gradient; NULL is ignored. */
+OXEL_API void oxel_grad_free(oxel_grad* grad);
+
 /** Text of an evaluation error code ("Unknown" for codes the library does not know). */
 OXEL_API const char* oxel_error_message(int code);
 

@@ -301,6 +301,63 @@ public:
         return py::make_tuple(r, err);
     }
 
+    // The values of eval()'s keywords in variable order, checked as eval() checks them (numbers
+    // stay Python objects, anything else becomes a real numpy array); arrays: one of them has
+    // dimensions.
+    std::vector<py::object> arguments(const py::kwargs& kw, bool& arrays) const
+    {
+        std::vector<py::object> given(static_cast<size_t>(declared_));
+        for (auto item : kw) {
+            PyObject* found = PyDict_GetItemWithError(index_.ptr(), item.first.ptr());
+            if (!found) {
+                if (PyErr_Occurred())
+                    throw py::error_already_set();
+                throw py::type_error("eval() got a value for '" + py::cast<std::string>(item.first)
+                    + "', which is not a variable of this expression");
+            }
+            size_t i = PyLong_AsSize_t(found);
+            if (given[i])
+                throw py::type_error("eval() got two values for variable '" + varName(i) + "'");
+            PyObject* value = item.second.ptr();
+            if (PyFloat_Check(value) || PyLong_Check(value)) {
+                given[i] = py::reinterpret_borrow<py::object>(item.second);
+                continue;
+            }
+            given[i] = realArray(value, i);
+            if (given[i].attr("ndim").cast<int>() > 0)
+                arrays = true;
+        }
+        for (size_t i = 0; i < given.size(); ++i)
+            if (!given[i])
+                throw py::type_error("eval() is missing a value for variable '" + varName(i) + "'");
+        return given;
+    }
+
+    // The inputs broadcast, each one contiguous float64 column, and their common shape.
+    struct Columns {
+        std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> arrays;
+        py::object shape;
+    };
+    static Columns columnsOf(const std::vector<py::object>& given)
+    {
+        py::handle np = numpy;
+        py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
+        Columns c;
+        for (auto a : broadcast)
+            c.arrays.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
+        c.shape = broadcast[0].attr("shape");
+        return c;
+    }
+
+    // The value and its derivatives by names, under the lock that derivatives need.
+    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return expr_->gradient(names, order);
+    }
+
+    const OxelExpression& expression() const { return *expr_; }
+
     Recipe state() const { return recipe_; }
     static PyExpression* fromState(Recipe r) { return new PyExpression(std::move(r)); }
 
@@ -359,11 +416,9 @@ private:
     py::tuple evalArrays(const std::vector<py::object>& given)
     {
         py::handle np = numpy;
-        py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
-        std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> columns;
-        for (auto a : broadcast)
-            columns.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
-        py::object shape = broadcast[0].attr("shape");
+        Columns prepared = columnsOf(given);
+        const auto& columns = prepared.arrays;
+        py::object shape = prepared.shape;
         py::array_t<double> results(py::cast<std::vector<py::ssize_t>>(shape));
         // Zero-mapped by numpy.zeros: the batch writes only the rows that fail, so the pages
         // of an error-free result are never touched.
@@ -421,6 +476,8 @@ PyMethodDef evalDef
     = { "eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
           METH_FASTCALL | METH_KEYWORDS,
           "eval(**values) -> (value, error_code), element-wise over numpy arrays" };
+
+#include "gradient.h"
 
 } // namespace
 
@@ -494,4 +551,5 @@ int32 array of error codes (0 where evaluation succeeded).)");
                 r.steps = t[3].cast<std::vector<std::pair<std::string, std::string>>>();
                 return PyExpression::fromState(std::move(r));
             }));
+    bindGradient(m, cls);
 }

@@ -73,3 +73,14 @@ def test_scalars_and_local_scheduler():
     assert np.array_equal(got[0], want[0]) and np.array_equal(got[1], want[1])
     with pytest.raises(TypeError):
         oxel.dask.evaluate(expr, x=1.0, y=2.0)
+
+
+def test_gradient_outputs_along_a_new_axis():
+    g = oxel.Expression("x*x*y + exp(x)", variables=["x", "y"]).gradient(["x", "y"], 2)
+    x = np.linspace(-1, 800, 1000).reshape(40, 25)  # exp overflows at the far end
+    values, errors = oxel.dask.evaluate(g, x=da.from_array(x, chunks=(10, 25)), y=2.0)
+    got = dask.compute(values, errors, scheduler="threads")
+    want = g.eval(x=x, y=2.0)
+    assert got[0].shape == (6, 40, 25) and want[1].any()
+    assert np.array_equal(got[0].view(np.uint64), want[0].view(np.uint64))
+    assert np.array_equal(got[1], want[1])

@@ -231,20 +231,63 @@ def test_error_message():
     assert oxel.error_message(123456) == "Unknown"
 
 
-def test_threads_share_one_expression():
-    # eval releases the interpreter lock; the expression serialises its own callers.
-    e = oxel.Expression("sqrt(x)*y - ln(x)", variables=XY)
-    x = np.linspace(-1, 4, 200_001)
-    want = e.eval(x=x, y=1.5)
-    got = [None] * 4
+def assert_threads_agree(e, count, **kw):
+    """eval on count threads at once (the interpreter lock is released) gives eval's bits."""
+    want = e.eval(**kw)
+    got = [None] * count
 
     def work(i):
-        got[i] = e.eval(x=x, y=1.5)
+        got[i] = e.eval(**kw)
 
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(4)]
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(count)]
     for t in threads:
         t.start()
     for t in threads:
         t.join()
     for values, errors in got:
         assert np.array_equal(bits(values), bits(want[0])) and np.array_equal(errors, want[1])
+
+
+def test_threads_share_one_expression():
+    # eval releases the interpreter lock; the expression serialises its own callers.
+    e = oxel.Expression("sqrt(x)*y - ln(x)", variables=XY)
+    assert_threads_agree(e, 4, x=np.linspace(-1, 4, 200_001), y=1.5)
+
+
+def separate(e, names, order):
+    """The expressions a gradient stands for, in its output order."""
+    first = [e.derivative(n) for n in names]
+    second = [first[i].derivative(names[j]) for i in range(len(names))
+              for j in range(i, len(names))] if order == 2 else []
+    return [e] + first + second
+
+
+@pytest.mark.parametrize("order", [1, 2])
+def test_gradient_matches_separate_derivatives(order):
+    e = oxel.Expression("sqrt(x*x + s*s) / (1 + exp(-x*y))", variables=XY, aliases={"s": "y"})
+    names = ["x", "s"]
+    g = e.gradient(names, order)
+    exprs = separate(e, names, order)
+    assert g.num_outputs == len(exprs) and (g.names, g.order) == (names, order)
+    out, err = g.eval(x=0.5, y=-2.0)
+    assert out.shape == err.shape == (len(exprs),) and err.dtype == np.int32
+    assert [(v, c) for v, c in zip(out, err)] == [x.eval(x=0.5, y=-2.0) for x in exprs]
+    # Arrays with failures (sqrt(0) in the derivatives, overflow at 1e300) and broadcasting.
+    x = np.array([[0.0, 1.0, -2.0], [3.0, 0.0, 1e300]])
+    y = np.array([0.0, 2.0, math.nan])
+    out, err = g.eval(x=x, y=y)
+    assert out.shape == err.shape == (len(exprs), 2, 3) and err.any() and not err.all()
+    for k, other in enumerate(exprs):
+        values, codes = other.eval(x=x, y=y)
+        assert np.array_equal(bits(out[k]), bits(values)) and np.array_equal(err[k], codes)
+    copy = pickle.loads(pickle.dumps(g))
+    assert type(copy) is oxel.Gradient
+    for a, b in zip(copy.eval(x=x, y=y), (out, err)):
+        assert np.array_equal(a.view(np.uint8), b.view(np.uint8))
+    assert_threads_agree(g, 3, x=np.linspace(-1, 4, 100_001), y=1.5)
+
+
+@pytest.mark.parametrize("text,names,order", [
+    ("x % 2 + y", ["x"], 1), ("a = x; a*y", ["x"], 1), ("x*y", ["q"], 1), ("x*y", ["x"], 3)])
+def test_no_gradient_is_none(text, names, order):
+    assert oxel.Expression(text, variables=XY).gradient(names, order) is None

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <oxel/oxel.h>
 
@@ -15,6 +16,10 @@ struct oxel_expr {
     {
     }
     std::unique_ptr<OxelExpression> expr;
+};
+
+struct oxel_grad {
+    std::unique_ptr<OxelGradient> grad;
 };
 
 namespace {
@@ -142,6 +147,46 @@ char* oxel_expr_print(const oxel_expr* expr)
             std::memcpy(out, s.c_str(), s.size() + 1);
         return out;
     });
+}
+
+oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count, int order)
+{
+    if (!expr || count < 0 || (count > 0 && !names))
+        return nullptr;
+    return guarded<oxel_grad*>(nullptr, [=]() -> oxel_grad* {
+        std::vector<std::string> list;
+        for (int i = 0; i < count; ++i) {
+            if (!names[i])
+                return nullptr;
+            list.emplace_back(names[i]);
+        }
+        std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order);
+        return g ? new oxel_grad{std::move(g)} : nullptr;
+    });
+}
+
+int oxel_grad_outputs(const oxel_grad* grad)
+{
+    return grad ? grad->grad->numOutputs() : 0;
+}
+
+void oxel_grad_eval(const oxel_grad* grad, const double* values, double* out, int* codes)
+{
+    if (grad)
+        grad->grad->eval(values, out, codes);
+}
+
+int oxel_grad_eval_columns(const oxel_grad* grad, const double* const* columns, int n,
+                           double* const* out, int* const* codes)
+{
+    if (!grad)
+        return -1;
+    return guarded(-1, [=] { return grad->grad->evalBatchColumns(columns, n, out, codes); });
+}
+
+void oxel_grad_free(oxel_grad* grad)
+{
+    delete grad;
 }
 
 void oxel_free(void* p)

@@ -182,6 +182,15 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     return p;
 }
 
+OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars)
+{
+    OxelProgram* p = new OxelProgram;
+    p->numVars = numVars > 0 ? numVars : 0;
+    buildColumns(*p, ir);
+    p->compiled = true;
+    return p;
+}
+
 int oxelProgramSteps(Oxel* root, int numVars)
 {
     const oxp::Program ir = oxp::lower(root, numVars);
@@ -201,6 +210,7 @@ struct Source {
     int stride;
     const double* const* columns;
     bool errorsZeroed;  // the error codes start at zero already
+    double* const* outs = nullptr;  // several trees: outs[k] receives assigned value k >= 1
 };
 
 // Programs with random draws or callbacks run row after row on the calling thread, so that
@@ -227,10 +237,11 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
 {
     thread_local std::vector<double> ws;
     thread_local std::vector<double*> cols;
-    const size_t need = static_cast<size_t>(p.numColumns + 2) * kBlock;
+    const size_t outputs = src.outs ? p.assigned.size() : 0;  // result 0 included
+    const size_t need = (static_cast<size_t>(p.numColumns) + 2 + outputs) * kBlock;
     if (ws.size() < need)
         ws.resize(need);
-    cols.resize(static_cast<size_t>(p.numColumns) + 1);
+    cols.resize(static_cast<size_t>(p.numColumns) + 1 + outputs);
     for (int c = 0; c < p.numColumns; ++c)
         cols[static_cast<size_t>(c)] = ws.data() + static_cast<size_t>(c) * kBlock;
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
@@ -270,6 +281,9 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         double* res = results + start;
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
+        for (size_t k = 1; k < outputs; ++k)  // scratch after the result's
+            colp[static_cast<size_t>(p.numColumns) + k] =
+                full ? src.outs[k] + start : resultScratch + k * kBlock;
         oxb::Frame f{colp, err, n};
         for (const oxb::Insn& in : p.code)
             in.run(in, f);
@@ -277,6 +291,14 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
             std::fill(res, res + n, p.resultConst);
         else if (!direct)
             std::memcpy(res, colp[p.resultColumn], sizeof(double) * static_cast<size_t>(n));
+        for (size_t k = 1; k < outputs; ++k) {
+            double* to = src.outs[k] + start;
+            const int from = p.assigned[k].first;
+            if (from == -1)
+                std::fill(to, to + n, p.assigned[k].second);
+            else if (colp[from] != to)
+                std::memcpy(to, colp[from], sizeof(double) * static_cast<size_t>(n));
+        }
     }
 }
 
@@ -326,4 +348,12 @@ void oxelProgramRunColumns(OxelProgram* p, const double* const* columns, int num
                            double* results, int* errors, bool errorsZeroed)
 {
     run(p, Source{nullptr, 0, columns, errorsZeroed}, numRows, results, errors);
+}
+
+void oxelProgramRunSeveral(OxelProgram* p, const double* const* columns, int numRows,
+                           double* const* outs, int* errors)
+{
+    Source src{nullptr, 0, columns, false};
+    src.outs = outs;
+    run(p, src, numRows, outs[0], errors);
 }

@@ -50,6 +50,10 @@ public:
     int resultColumn = -1;        // column holding the value, or -1 for resultConst
     double resultConst = 0.0;
     bool resultInResults = false;  // the result column is the caller's results array
+    // Where each assigned value of the lowered program is left (a column, or -1 for the
+    // constant): the results of the trees of lowerSeveral, result k > 0 in its own column
+    // numColumns + k when its step computes no earlier result.
+    std::vector<std::pair<int, double>> assigned;
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
 };
 

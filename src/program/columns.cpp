@@ -21,9 +21,20 @@ void buildColumns(OxelProgram& p, const oxp::Program& l)
     const int numInputs = static_cast<int>(p.inputVars.size());
     p.numColumns = numInputs + l.numSlots;
     const int resultStep = l.result.mode == oxp::Operand::Reg ? l.result.index : -1;
+    // Several trees: the step of result k > 0 writes column numColumns + k, the caller's
+    // output array where the block allows (as the result's step writes the results).
+    std::vector<int> outputOf(l.steps.size(), -1);
+    for (size_t k = 1; l.several && k < l.assigned.size(); ++k) {
+        const oxp::Operand& o = l.assigned[k].second;
+        if (o.mode == oxp::Operand::Reg && o.index != resultStep &&
+            outputOf[static_cast<size_t>(o.index)] < 0)
+            outputOf[static_cast<size_t>(o.index)] = static_cast<int>(k);
+    }
     auto column = [&](const oxp::Operand& o) {
         switch (o.mode) {
         case oxp::Operand::Reg:
+            if (outputOf[static_cast<size_t>(o.index)] > 0)
+                return p.numColumns + outputOf[static_cast<size_t>(o.index)];
             return o.index == resultStep ? p.numColumns
                                          : numInputs + l.slot[static_cast<size_t>(o.index)];
         case oxp::Operand::Input:
@@ -58,6 +69,8 @@ void buildColumns(OxelProgram& p, const oxp::Program& l)
             in.b = kNoColumn;
         }
     }
+    for (const auto& as : l.assigned)
+        p.assigned.emplace_back(column(as.second), as.second.k);
     p.resultInResults = resultStep >= 0;
     p.resultColumn = l.result.mode == oxp::Operand::Const ? kNoColumn : column(l.result);
     p.resultConst = l.result.k;

@@ -3,7 +3,9 @@
 #ifndef OXEL_PROGRAM_IR_H
 #define OXEL_PROGRAM_IR_H
 
+#include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -99,6 +101,7 @@ struct Program {
     std::vector<std::pair<int, Operand>> assigned;  // slot and its final value
     std::vector<bool> inputRead;                    // slots read before any assignment
     bool overwrites = false;  // has an ordering comparison (matters when err starts nonzero)
+    bool several = false;     // lowerSeveral: assigned holds the trees' results
     int merged = 0;           // steps saved by sharing
 
     // Liveness and slot allocation, the same for every back end. lastUse[i] is the last step
@@ -116,6 +119,33 @@ struct Program {
 // Lowers the tree (which must outlive the program) for value vectors of numVars slots, then
 // computes liveness and slots.
 Program lower(Oxel* root, int numVars);
+
+// Several trees in one program, their equal steps shared (a value and its derivatives): the
+// value of roots[k] is written to slot numVars + k as an assignment would be (the vectors
+// that run it have numVars + roots.size() slots), result is that of roots[0], and the
+// trees' own assignments are not written back. Each tree reads the caller's values as its
+// own evaluation would. The codes of such a program only tell whether anything failed.
+// With mergeCalls, a dependent variable called again with the same component, derivative
+// marks and argument values is the earlier call.
+// Its fast path: its values count only where no step failed and every input fits; it drops
+// the steps 1*u, u/1 and u*1 (u bounded well below DBL_MAX) that give u's bits there.
+// Elsewhere the caller evaluates each tree by its own program.
+Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls);
+
+// Inputs of the fast path: numbers of magnitude up to kInputBound (which bounds what sums and
+// products of them reach); no NaN, so no signalling one, which a product with 1 would quieten.
+const double kInputBound = 0x1p64;
+inline bool isSignallingNaN(double v)
+{
+    uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return std::isnan(v) && !(bits & (uint64_t(1) << 51));
+}
+
+inline bool inputFits(double v)
+{
+    return std::fabs(v) <= kInputBound;
+}
 
 // The liveness and slot passes over the steps (lower() runs them).
 void allocate(Program& p);

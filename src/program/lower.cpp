@@ -2,6 +2,8 @@
 // subexpressions computed once (why that keeps the tree's bits and codes: ir.h).
 #include "program/ir.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include <oxel/nodes.h>
@@ -75,6 +77,55 @@ private:
     int count_ = 0;
 };
 
+// What the fused programs of lowerSeveral know about a value on the fast path, where no step
+// failed and every input fits (inputFits): an upper bound of its magnitude when it is a
+// number, and whether it may be a signalling NaN (a call's result, or a constant).
+struct Facts {
+    double bound;
+    bool mayBeSignalling;
+};
+
+// The bound a step's value keeps where its kernel did not fail, from its operands' bounds.
+double stepBound(oxk::Kind kind, double a, double b)
+{
+    const double up = 1.0 + 0x1p-40;  // room for the rounding of the bound itself
+    switch (kind) {
+    case oxk::Kind::OxPlus:
+    case oxk::Kind::OxMinus:
+        return (a + b) * up;
+    case oxk::Kind::OxMal:
+        return a * b * up;
+    case oxk::Kind::OxExp:
+        return std::exp(oxk::kExpLimit) * up;  // larger arguments fail
+    case oxk::Kind::OxSqroot:
+        return std::sqrt(a) * up;
+    case oxk::Kind::OxLn:
+    case oxk::Kind::OxLog10:
+        return 745.0;  // the logarithm of the least subnormal
+    case oxk::Kind::OxBetrag:
+        return a;
+    case oxk::Kind::OxSinus:
+    case oxk::Kind::OxCosinus:
+    case oxk::Kind::OxTanh:
+    case oxk::Kind::OxErf:
+    case oxk::Kind::OxSgn:
+    case oxk::Kind::OxNot:
+#define OXP_TRUTH(Cls) case oxk::Kind::Cls:
+        OXEL_LOGIC_OPERATORS(OXP_TRUTH)
+#undef OXP_TRUTH
+        return 1.0;
+    case oxk::Kind::OxErfc:
+    case oxk::Kind::OxArctan:
+        return 2.0;
+    case oxk::Kind::OxArcsin:
+    case oxk::Kind::OxArccos:
+    case oxk::Kind::OxArctan2:
+        return 4.0;
+    default:
+        return INFINITY;
+    }
+}
+
 struct Lowerer {
     Lowerer(int n, Program& program)
         : numVars(n), out(program), slot(static_cast<size_t>(n), constant(0.0)),
@@ -88,6 +139,51 @@ struct Lowerer {
     std::vector<Operand> slot;  // current value of each variable slot (renaming)
     std::vector<bool> slotSet;
     bool errorCertain = false;  // an unconditional raise happened: later codes cannot win
+    bool mergeCalls = false;
+    bool fastPath = false;     // lowerSeveral: drop the identities that its fast path allows
+    std::vector<Facts> facts;  // per step, when fastPath
+
+    Facts factsOf(const Operand& o) const
+    {
+        switch (o.mode) {
+        case Operand::Const:
+            return Facts{std::isnan(o.k) ? INFINITY : std::fabs(o.k), isSignallingNaN(o.k)};
+        case Operand::Input:
+            return Facts{kInputBound, false};
+        case Operand::Reg:
+            break;
+        }
+        return facts[static_cast<size_t>(o.index)];
+    }
+
+    // Records what is known of the step just pushed.
+    void noteStep(const Facts& f)
+    {
+        if (fastPath)
+            facts.resize(out.steps.size(), f);
+    }
+
+    static bool isOne(const Operand& o)
+    {
+        return o.mode == Operand::Const && sameOperand(o, constant(1.0));
+    }
+
+    // The operand that kind(a, b) leaves unchanged on the fast path, or null. 1*u and u/1 give
+    // u's bits for every u but a signalling NaN (which they quieten); u*1 also fails for |u|
+    // near DBL_MAX, hence the bound.
+    const Operand* identity(oxk::Kind kind, const Operand& a, const Operand& b) const
+    {
+        if (!fastPath)
+            return nullptr;
+        if (kind == oxk::Kind::OxMal && isOne(a) && !factsOf(b).mayBeSignalling)
+            return &b;
+        if ((kind == oxk::Kind::OxMal || kind == oxk::Kind::OxDurch) && isOne(b)) {
+            const Facts f = factsOf(a);
+            if (!f.mayBeSignalling && (kind == oxk::Kind::OxDurch || f.bound <= 0x1p1023))
+                return &a;
+        }
+        return nullptr;
+    }
 
     static Operand constant(double v) { return Operand{Operand::Const, v, -1}; }
 
@@ -105,6 +201,7 @@ struct Lowerer {
             return;
         out.steps.push_back(
             Step{oxk::Kind::Unknown, false, constant(0.0), constant(0.0), code, -1});
+        noteStep(Facts{INFINITY, true});
         errorCertain = true;
     }
 
@@ -130,6 +227,11 @@ struct Lowerer {
             return reg(earlier);
         }
         out.steps.push_back(s);
+        if (fastPath) {
+            const Facts fa = factsOf(a), fb = factsOf(b);
+            noteStep(Facts{stepBound(kind, fa.bound, fb.bound),
+                           fa.mayBeSignalling || (!oxk::row(kind).un && fb.mayBeSignalling)});
+        }
         return reg(next);
     }
 
@@ -152,19 +254,52 @@ struct Lowerer {
             raise(e);
             return constant(r);
         }
+        if (const Operand* same = identity(kind, a, b))
+            return *same;
         return emit(kind, a, b);
     }
 
     // A random source or a dependent variable, its argument values on top of vals: the call,
-    // which is never shared.
+    // which is never shared, unless mergeCalls (see lowerSeveral).
     __attribute__((noinline)) Operand call(oxk::Kind kind, Oxel* node, const Operand* values, int n)
     {
+        if (mergeCalls && kind == oxk::Kind::OxDepVar) {
+            const int earlier = sameCall(static_cast<const OxDepVar*>(node), values, n);
+            if (earlier >= 0) {
+                ++out.merged;
+                return reg(earlier);
+            }
+        }
         const int first = static_cast<int>(out.args.size());
         out.args.insert(out.args.end(), values, values + n);
         out.calls.push_back(Call{kind, node, first, n});
         out.steps.push_back(Step{kind, false, constant(0.0), constant(0.0), 0,
                                  static_cast<int>(out.calls.size()) - 1});
+        noteStep(Facts{INFINITY, true});
         return reg(static_cast<int>(out.steps.size()) - 1);
+    }
+
+    // The step of an earlier call of the same dependent variable, component and derivative
+    // marks (in the same order) at the same argument values, or -1.
+    int sameCall(const OxDepVar* d, const Operand* values, int n) const
+    {
+        for (size_t i = 0; i < out.steps.size(); ++i) {
+            const Step& s = out.steps[i];
+            if (s.kind != oxk::Kind::OxDepVar)
+                continue;
+            const Call& c = out.calls[static_cast<size_t>(s.call)];
+            const OxDepVar* e = static_cast<const OxDepVar*>(c.node);
+            if (e->node() != d->node() || e->component() != d->component() ||
+                e->nDiff() != d->nDiff() || c.count != n ||
+                !std::equal(d->diffDims(), d->diffDims() + d->nDiff(), e->diffDims()))
+                continue;
+            bool same = true;
+            for (int a = 0; a < c.count && same; ++a)
+                same = sameOperand(out.args[static_cast<size_t>(c.first + a)], values[a]);
+            if (same)
+                return static_cast<int>(i);
+        }
+        return -1;
     }
 
     // A node whose children are lowered first, in its evaluation order.
@@ -321,6 +456,30 @@ Program lower(Oxel* root, int numVars)
     for (int i = 0; i < numVars; ++i)
         if (l.slotSet[static_cast<size_t>(i)])
             out.assigned.emplace_back(i, l.slot[static_cast<size_t>(i)]);
+    if (out.ok)
+        allocate(out);
+    return out;
+}
+
+Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls)
+{
+    Program out;
+    numVars = numVars > 0 ? numVars : 0;
+    out.inputRead.assign(static_cast<size_t>(numVars) + roots.size(), false);
+    out.ok = !roots.empty();
+    out.several = true;
+    Lowerer l(numVars, out);
+    l.mergeCalls = mergeCalls;
+    l.fastPath = true;
+    for (size_t k = 0; k < roots.size() && out.ok; ++k) {
+        // Each tree starts from the caller's values, as its own evaluation would.
+        std::fill(l.slotSet.begin(), l.slotSet.end(), false);
+        l.errorCertain = false;
+        const Operand r = roots[k] ? l.lower(roots[k]) : l.fail();
+        if (k == 0)
+            out.result = r;
+        out.assigned.emplace_back(numVars + static_cast<int>(k), r);
+    }
     if (out.ok)
         allocate(out);
     return out;

@@ -338,6 +338,11 @@ void oxelPointRelease(OxelPointProgram* p)
     delete p;
 }
 
+bool oxelPointBuilt(const OxelPointProgram& p)
+{
+    return !p.walk;
+}
+
 double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err)
 {
     // A comparison may overwrite a code that was already set when eval() began; only the

@@ -13,6 +13,8 @@ OxelPointProgram* oxelPointCompile(Oxel* root, int numVars);
 // The same from a program lowered already (ir.ok).
 OxelPointProgram* oxelPointBuild(const oxp::Program& ir);
 void oxelPointRelease(OxelPointProgram* p);
+// False when the tree walk serves the program (it could not be built).
+bool oxelPointBuilt(const OxelPointProgram& p);
 // What eval() gives for one value vector: Oxel::value's value, code and slot writes.
 double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err);
 
@@ -41,6 +43,12 @@ OXEL_API int oxelProgramSteps(Oxel* root, int numVars);
 // Same contract as OxelExpression::evalBatch.
 OXEL_API void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
                              double* results, int* errors);
+// The column program of a lowered program without calls (ir.ok and !ir.hasCalls()).
+OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars);
+// Runs a program of oxp::lowerSeveral over one array per variable: tree k's values go to
+// outs[k]; errors[r] is nonzero where any step of row r failed.
+void oxelProgramRunSeveral(OxelProgram* program, const double* const* columns, int numRows,
+                           double* const* outs, int* errors);
 // The same over one array per variable (null: reads 0.0); errorsZeroed: errors holds zeros
 // already and rows without a failure are not written.
 void oxelProgramRunColumns(OxelProgram* program, const double* const* columns, int numRows,

@@ -22,12 +22,7 @@ int runEval(const Args& a)
     // The number that a failing node substitutes means nothing unless asked for.
     if (err == 0 || a.value)
         std::printf("%s\n", formatNumber(v).c_str());
-    if (err != 0) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "oxel: evaluation error %d: %s\n", err, vOxError(err));
-        return kEval;
-    }
-    return kOk;
+    return evalStatus(err);
 }
 
 }  // namespace oxcli

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,6 +22,8 @@ namespace {
 
 // More points than this in one table is almost certainly a typo in a range.
 const double kMaxTablePoints = 10e6;
+// Derivative columns of one table at most (--grad).
+const size_t kMaxGrad = 64;
 
 struct Range {
     std::string name;
@@ -73,14 +76,16 @@ public:
     }
     void append(const std::string& s) { append(s.data(), s.size()); }
 
-    // value and error columns closing a row; the slack leaves room for them.
-    void endRow(double value, int error)
+    // n value and error columns closing a row; the slack leaves room for them.
+    void endRow(const double* values, const int* errors, size_t n)
     {
         char* p = &buf_[n_];
-        *p++ = ',';
-        p += numtext::format(value, p);
-        *p++ = ',';
-        p = std::to_chars(p, p + 16, error).ptr;
+        for (size_t k = 0; k < n; ++k) {
+            *p++ = ',';
+            p += numtext::format(values[k], p);
+            *p++ = ',';
+            p = std::to_chars(p, p + 16, errors[k]).ptr;
+        }
         *p++ = '\n';
         n_ = static_cast<size_t>(p - buf_.data());
         if (n_ > kSize)
@@ -94,18 +99,19 @@ public:
     }
 
 private:
-    static const size_t kSize = size_t(1) << 20, kSlack = 64;
+    static const size_t kSize = size_t(1) << 20, kSlack = 64 * (kMaxGrad + 1);
     std::vector<char> buf_;
     size_t n_ = 0;
 };
 
 // Table rows collected a block at a time and evaluated with evalBatch, which gives what eval
-// would give row by row. Each row is written as its leading text (the range values, or the
-// CSV line as it came) followed by the value and the error code.
+// would give row by row (with derivatives: OxelGradient, which gives the same). Each row is
+// written as its leading text (the range values, or the CSV line as it came) followed by the
+// value and the error code, then each derivative and its code.
 class Block {
 public:
-    explicit Block(Session& s)
-        : expr_(s.expression()), base_(s.baseRow()), stride_(base_.size()),
+    Block(Session& s, const OxelGradient* grad)
+        : expr_(s.expression()), grad_(grad), base_(s.baseRow()), stride_(base_.size()),
           // Formulas with thousands of assigned names get shorter blocks (at most 8 MB of values).
           cap_(std::max<size_t>(1, std::min<size_t>(4096, (size_t(1) << 20) / std::max<size_t>(1, stride_)))),
           rows_(std::max<size_t>(1, cap_ * stride_)), results_(cap_), errors_(cap_), ends_(cap_)
@@ -134,6 +140,10 @@ public:
     {
         if (n_ == 0)
             return;
+        if (grad_) {
+            flushGradient(out);
+            return;
+        }
         std::fill(errors_.begin(), errors_.begin() + static_cast<long>(n_), 0);
         if (expr_.evalBatch(rows_.data(), static_cast<int>(n_), static_cast<int>(stride_),
                             results_.data(), errors_.data()) != 0)
@@ -141,7 +151,7 @@ public:
         size_t from = 0;
         for (size_t r = 0; r < n_; ++r) {
             out.append(text_.data() + from, ends_[r] - from);
-            out.endRow(results_[r], errors_[r]);
+            out.endRow(&results_[r], &errors_[r], 1);
             from = ends_[r];
         }
         n_ = 0;
@@ -149,7 +159,46 @@ public:
     }
 
 private:
+    // The rows as one column per variable through the gradient, written output by output.
+    void flushGradient(Output& out)
+    {
+        const size_t outputs = static_cast<size_t>(grad_->numOutputs());
+        std::vector<std::vector<double>> cols(stride_, std::vector<double>(n_));
+        std::vector<const double*> colp;
+        for (size_t v = 0; v < stride_; ++v) {
+            for (size_t r = 0; r < n_; ++r)
+                cols[v][r] = rows_[r * stride_ + v];
+            colp.push_back(cols[v].data());
+        }
+        std::vector<double> values(outputs * n_);
+        std::vector<int> codes(outputs * n_);
+        std::vector<double*> valuep;
+        std::vector<int*> codep;
+        for (size_t k = 0; k < outputs; ++k) {
+            valuep.push_back(&values[k * n_]);
+            codep.push_back(&codes[k * n_]);
+        }
+        if (grad_->evalBatchColumns(colp.data(), static_cast<int>(n_), valuep.data(),
+                                    codep.data()) != 0)
+            throw std::logic_error("the gradient rejected the table rows");
+        std::vector<double> rowValues(outputs);
+        std::vector<int> rowCodes(outputs);
+        size_t from = 0;
+        for (size_t r = 0; r < n_; ++r) {
+            for (size_t k = 0; k < outputs; ++k) {
+                rowValues[k] = values[k * n_ + r];
+                rowCodes[k] = codes[k * n_ + r];
+            }
+            out.append(text_.data() + from, ends_[r] - from);
+            out.endRow(rowValues.data(), rowCodes.data(), outputs);
+            from = ends_[r];
+        }
+        n_ = 0;
+        text_.clear();
+    }
+
     OxelExpression& expr_;
+    const OxelGradient* grad_;
     std::vector<double> base_;
     size_t stride_, cap_;
     std::vector<double> rows_, results_;
@@ -159,15 +208,26 @@ private:
     size_t n_ = 0;
 };
 
-int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector<int>& slots)
+// The header's value columns: value and error, then each derivative and its error code.
+std::string valueColumns(const std::vector<std::string>& grad)
+{
+    std::string header = "value,error";
+    for (const std::string& label : gradientLabels(grad, 1))
+        if (label != "value")
+            header += "," + label + "," + label + " error";
+    return header + "\n";
+}
+
+int runGridTable(Session& s, const std::vector<Range>& ranges, const std::vector<int>& slots,
+                 const std::vector<std::string>& gradNames, const OxelGradient* grad)
 {
     Output out;
     for (const Range& r : ranges)
         out.append(r.name + ",");
-    out.append("value,error\n");
+    out.append(valueColumns(gradNames));
 
     // Odometer over the ranges, the last one turning fastest.
-    Block block(s);
+    Block block(s, grad);
     std::vector<long> at(ranges.size(), 0);
     std::vector<double> columns(ranges.size());
     std::string lead;
@@ -260,8 +320,21 @@ NumberStatus fieldNumber(const char* begin, const char* end, double& out, std::s
     return parseNumber(field, out);
 }
 
+// The derivatives that --grad asks for, or null without it; false when they cannot be formed.
+bool tableGradient(Session& s, const std::vector<std::string>& names,
+                   std::unique_ptr<OxelGradient>& grad)
+{
+    if (names.empty())
+        return true;
+    grad = s.expression().gradient(names, 1);
+    if (!grad)
+        std::fprintf(stderr, "oxel: the derivatives by these variables cannot be formed\n");
+    return grad != nullptr;
+}
+
 int runCsvTable(Session& s, const std::string& formula, const std::vector<std::string>& names,
-                const std::string& headerLine, LineReader& in)
+                const std::string& headerLine, LineReader& in,
+                const std::vector<std::string>& gradNames)
 {
     std::vector<int> slots;
     for (const std::string& n : names) {
@@ -279,11 +352,14 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
     s.requireValuesFor(formula);
     if (!s.parse(formula))
         return kParse;
+    std::unique_ptr<OxelGradient> grad;
+    if (!tableGradient(s, gradNames, grad))
+        return kNoDerivative;
 
     Output out;
     out.append(headerLine);
-    out.append(",value,error\n");
-    Block block(s);
+    out.append("," + valueColumns(gradNames));
+    Block block(s, grad.get());
     const char* line;
     size_t length;
     std::string field;
@@ -329,7 +405,9 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
 
 int runTable(const Args& a)
 {
-    rejectOptions(a, kCsv);
+    rejectOptions(a, kCsv | kGrad);
+    if (a.grad.size() > kMaxGrad)
+        usage("--grad names more than 64 variables");
     Formula f = formulaOf(a);
     Session s(a);
     std::vector<Range> ranges;
@@ -354,6 +432,8 @@ int runTable(const Args& a)
         ranges.push_back(r);
     }
 
+    for (const std::string& n : a.grad)  // each needs a value like any variable
+        s.declare(n);
     if (a.csv) {
         LineReader in;
         const char* line;
@@ -371,7 +451,7 @@ int runTable(const Args& a)
         std::vector<std::string> names = splitFields(header, ',');
         for (const std::string& n : names)
             checkedName(n, header);
-        return runCsvTable(s, f.text, names, header, in);
+        return runCsvTable(s, f.text, names, header, in, a.grad);
     }
     if (ranges.empty())
         usage("table needs a range name=start:stop[:step] or --csv");
@@ -379,7 +459,10 @@ int runTable(const Args& a)
     s.requireValuesFor(f.text);
     if (!s.parse(f.text))
         return kParse;
-    return runGridTable(s, ranges, slots);
+    std::unique_ptr<OxelGradient> grad;
+    if (!tableGradient(s, a.grad, grad))
+        return kNoDerivative;
+    return runGridTable(s, ranges, slots, a.grad, grad.get());
 }
 
 }  // namespace oxcli

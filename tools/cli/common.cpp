@@ -169,11 +169,28 @@ Args parseArgs(int argc, char** argv)
             a.tree = true;
         } else if (arg == "--value") {
             a.value = true;
+        } else if (arg == "--hessian") {
+            a.hessian = true;
+        } else if (opt == "--grad") {
+            std::string v = takeValue();
+            for (const std::string& name : splitFields(v, ','))
+                a.grad.push_back(checkedName(trim(name), v));
         } else {
             usage("unknown option '" + arg + "'");
         }
     }
     return a;
+}
+
+std::vector<std::string> gradientLabels(const std::vector<std::string>& names, int order)
+{
+    std::vector<std::string> labels{"value"};
+    for (const std::string& n : names)
+        labels.push_back("d/d" + n);
+    for (size_t i = 0; order == 2 && i < names.size(); ++i)
+        for (size_t j = i; j < names.size(); ++j)
+            labels.push_back("d2/d" + names[i] + "d" + names[j]);
+    return labels;
 }
 
 void showWhere(const std::string& text, int offset)
@@ -265,10 +282,21 @@ void rejectOptions(const Args& a, int accepted)
         {a.csv, kCsv, "--csv applies to table only"},
         {a.tree, kTree, "--tree applies to diff, simplify and print only"},
         {a.value, kValue, "--value applies to eval only"},
+        {a.hessian, kHessian, "--hessian applies to grad only"},
+        {!a.grad.empty(), kGrad, "--grad applies to table only"},
     };
     for (const auto& o : options)
         if (o.given && !(accepted & o.flag))
             usage(o.message);
+}
+
+int evalStatus(int err)
+{
+    if (err == 0)
+        return kOk;
+    std::fflush(stdout);
+    std::fprintf(stderr, "oxel: evaluation error %d: %s\n", err, vOxError(err));
+    return kEval;
 }
 
 void printResult(Oxel* tree, bool asTree)

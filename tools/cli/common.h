@@ -44,6 +44,8 @@ struct Args {
     std::string file;                                          // from --file
     bool hasFile = false;
     bool simplify = false, once = false, csv = false, tree = false, value = false;
+    bool hessian = false;
+    std::vector<std::string> grad;  // from --grad: table adds these partial derivatives
 };
 
 std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
@@ -68,9 +70,14 @@ struct Formula {
 Formula formulaOf(const Args& a);
 
 // Which options a command accepts besides --alias, --var and --file.
-enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16 };
+enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kHessian = 32,
+               kGrad = 64 };
 
 void rejectOptions(const Args& a, int accepted);
+
+// The exit status for an evaluation's code: kOk for 0; otherwise kEval, after the code and its
+// message on standard error (behind whatever standard output holds).
+int evalStatus(int err);
 
 // A result tree as a formula that reads back, or as the library prints it.
 void printResult(Oxel* tree, bool asTree);
@@ -82,6 +89,11 @@ int runSimplify(const Args& a);
 int runPrint(const Args& a);
 int runNames(const Args& a);
 int runTable(const Args& a);
+int runGrad(const Args& a);
+
+// Column or line labels of a value with its derivatives by names, in OxelGradient's order:
+// value, d/dx, ..., then d2/dxdy for the upper triangle when order is 2.
+std::vector<std::string> gradientLabels(const std::vector<std::string>& names, int order);
 int showVersion();
 
 }  // namespace oxcli

@@ -25,6 +25,11 @@ const char kHelp[] =
     "      reads back (--tree: as the library prints its tree). The formula's\n"
     "      names are declared by themselves; values are accepted and ignored.\n"
     "      The derivative is printed unsimplified unless --simplify is given.\n"
+    "  grad FORMULA VAR... name=value... [--hessian]\n"
+    "      Print the value and its derivatives by each VAR, one 'label number'\n"
+    "      a line (value, d/dVAR...; --hessian adds d2/dVARdVAR for each pair),\n"
+    "      computed together. A failing output prints 'label error CODE' and\n"
+    "      exits with 3 after all lines; no derivative at all exits with 4.\n"
     "  simplify FORMULA [name | name=value]...\n"
     "      Print FORMULA simplified, as a formula that reads back (--tree: as the\n"
     "      library prints its tree): the simplification pass is repeated until\n"
@@ -44,6 +49,8 @@ const char kHelp[] =
     "      names the variables, every further line holds one row of values.\n"
     "      Each line is written back as it came, followed by 'value' and\n"
     "      'error'; blank lines are skipped.\n"
+    "      --grad VAR[,VAR...] adds each derivative and its error code as columns\n"
+    "      'd/dVAR' and 'd/dVAR error' after 'value' and 'error'.\n"
     "\n"
     "Options:\n"
     "  --file FILE         read the formula from FILE instead of the command line\n"
@@ -57,6 +64,8 @@ const char kHelp[] =
     "  --tree              diff, simplify, print: the library's own print of the\n"
     "                      tree instead of a formula\n"
     "  --value             eval: print the value even when evaluation fails\n"
+    "  --hessian           grad: add the second derivatives\n"
+    "  --grad VAR[,VAR]    table: add the derivatives by these variables\n"
     "  --csv               table: read the rows from standard input\n"
     "  --                  end of options\n"
     "  -h, --help          show this help\n"
@@ -80,8 +89,8 @@ const char kHelp[] =
     "  0  success\n"
     "  1  usage error (unknown option, malformed argument, bad range or CSV)\n"
     "  2  the formula does not parse\n"
-    "  3  evaluation error (eval)\n"
-    "  4  no derivative can be formed (diff)\n";
+    "  3  evaluation error (eval, grad)\n"
+    "  4  no derivative can be formed (diff, grad, table --grad)\n";
 
 // The help, then the library's functions by argument count, wrapped like the text above.
 void printHelp()
@@ -125,6 +134,8 @@ int run(int argc, char** argv)
         return runEval(a);
     if (a.command == "diff")
         return runDiff(a);
+    if (a.command == "grad")
+        return runGrad(a);
     if (a.command == "simplify")
         return runSimplify(a);
     if (a.command == "print")

@@ -1,0 +1,270 @@
+// OxelGradient: a value with its first (and second) derivatives run as one program whose equal
+// steps are computed once; points where anything fails are evaluated again output by output.
+#include <oxel/expression.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <unordered_set>
+
+#include <oxel/core.h>
+
+#include "nodes/kinds.h"
+#include "program/program.h"
+
+namespace {
+
+// Values of one point up to this many (variables plus outputs) stay on the stack.
+const int kStackSlots = 64;
+
+// Marks the nodes above an assignment (a bound variable); true when n is one of them.
+bool markAssignments(Oxel* n, std::unordered_set<const Oxel*>& above)
+{
+    bool any = oxk::kindOf(n) == oxk::Kind::OxVar && static_cast<OxVar*>(n)->bound();
+    for (int i = 0; i < n->getNumChildren(); ++i)
+        if (Oxel* c = n->getChild(i))
+            any = markAssignments(c, above) || any;
+    if (any)
+        above.insert(n);
+    return any;
+}
+
+// A copy of the tree that evaluates as the tree does: dup() copies an assigned variable as a
+// plain read, so the paths down to assignments are copied again with them.
+Oxel* copyKeepingAssignments(Oxel* n, const std::unordered_set<const Oxel*>& above)
+{
+    if (!above.count(n))
+        return n->dup();
+    if (oxk::kindOf(n) == oxk::Kind::OxVar) {
+        OxVar* v = static_cast<OxVar*>(n);
+        return new OxVar(v->index(), v->symbol(), copyKeepingAssignments(v->bound(), above));
+    }
+    Oxel* d = n->dup();
+    for (int i = 0; i < n->getNumChildren(); ++i) {
+        Oxel* c = n->getChild(i);
+        if (c && above.count(c)) {
+            Oxel* plain = d->getChild(i);
+            d->setChild(i, copyKeepingAssignments(c, above));
+            oxelDestroy(plain);
+        }
+    }
+    return d;
+}
+
+}  // namespace
+
+struct OxelGradient::Impl {
+    std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
+    int numVars = 0;
+    OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
+    OxelProgram* columns = nullptr;  // its column form, or null: rows through point
+    ~Impl()
+    {
+        oxelPointRelease(point);
+        oxelProgramRelease(columns);
+    }
+
+    int numOutputs() const { return static_cast<int>(exprs.size()); }
+
+    // Output k at values, by its own expression, the code starting at 0. slots holds numVars
+    // doubles for the copy that eval may write.
+    double own(int k, const double* values, double* slots, int& code) const
+    {
+        if (numVars > 0)
+            std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
+        code = 0;
+        return exprs[static_cast<size_t>(k)]->eval(slots, numVars, code);
+    }
+
+    // Whether the shared program's values count for these inputs (oxp::lowerSeveral).
+    bool fits(const double* values) const
+    {
+        for (int v = 0; v < numVars; ++v)
+            if (!oxp::inputFits(values[v]))
+                return false;
+        return true;
+    }
+
+    // The shared program at one point: false when anything failed. slots holds numVars +
+    // numOutputs() doubles; the outputs are left behind the values.
+    bool shared(const double* values, double* slots) const
+    {
+        const int n = numOutputs();
+        int failed = 0;
+        if (point) {
+            if (numVars > 0)
+                std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
+            oxelPointRun(*point, nullptr, slots, failed);
+            return failed == 0;
+        }
+        // Too wide for the single-point program: one row of the column program.
+        if (!columns || numVars > kStackSlots || n > kStackSlots)
+            return false;
+        const double* cols[kStackSlots];
+        double* outs[kStackSlots];
+        for (int v = 0; v < numVars; ++v)
+            cols[v] = values + v;
+        for (int k = 0; k < n; ++k)
+            outs[k] = slots + numVars + k;
+        oxelProgramRunSeveral(columns, cols, 1, outs, &failed);
+        return failed == 0;
+    }
+
+    // One point: values into out[k * stride] and codes[k * stride]. slots holds
+    // numVars + numOutputs() doubles.
+    void run(const double* values, double* slots, double* out, int* codes, size_t stride) const
+    {
+        const int n = numOutputs();
+        if (fits(values) && shared(values, slots)) {
+            for (int k = 0; k < n; ++k) {
+                out[static_cast<size_t>(k) * stride] = slots[numVars + k];
+                codes[static_cast<size_t>(k) * stride] = 0;
+            }
+            return;
+        }
+        for (int k = 0; k < n; ++k)
+            out[static_cast<size_t>(k) * stride]
+                = own(k, values, slots, codes[static_cast<size_t>(k) * stride]);
+    }
+};
+
+namespace {
+
+// Flags the rows whose value does not fit the shared program (oxp::inputFits), in a loop that
+// vectorises.
+void markUnfit(const double* __restrict column, int* __restrict flags, int numRows)
+{
+    for (int r = 0; r < numRows; ++r)
+        flags[r] |= std::fabs(column[r]) <= oxp::kInputBound ? 0 : -1;
+}
+
+// Scratch for one point: on the stack when small, else this thread's buffer, kept.
+class PointSlots {
+public:
+    explicit PointSlots(size_t n)
+    {
+        if (n > static_cast<size_t>(kStackSlots)) {
+            thread_local std::vector<double> heap;
+            if (heap.size() < n)
+                heap.resize(n);
+            data_ = heap.data();
+        }
+    }
+    double* get() { return data_; }
+
+private:
+    double stack_[kStackSlots];
+    double* data_ = stack_;
+};
+
+}  // namespace
+
+OxelGradient::OxelGradient(Impl* impl)
+    : impl_(impl)
+{
+}
+
+OxelGradient::~OxelGradient()
+{
+    delete impl_;
+}
+
+int OxelGradient::numOutputs() const
+{
+    return impl_->numOutputs();
+}
+
+void OxelGradient::eval(const double* values, double* out, int* codes) const
+{
+    const Impl& g = *impl_;
+    if (!out || !codes || (!values && g.numVars > 0))
+        return;
+    PointSlots slots(static_cast<size_t>(g.numVars + g.numOutputs()));
+    g.run(values, slots.get(), out, codes, 1);
+}
+
+int OxelGradient::evalBatchColumns(
+    const double* const* columns, int numRows, double* const* out, int* const* codes) const
+{
+    const Impl& g = *impl_;
+    const int n = g.numOutputs();
+    if (!columns || !out || !codes || numRows < 0)
+        return -1;
+    for (int k = 0; k < n; ++k)
+        if (!out[k] || !codes[k])
+            return -1;
+    const size_t nv = static_cast<size_t>(g.numVars);
+    PointSlots slots(2 * nv + static_cast<size_t>(n));
+    double* values = slots.get() + nv + n;
+    std::vector<double> outRow(static_cast<size_t>(n));
+    std::vector<int> codeRow(static_cast<size_t>(n));
+    auto gather = [&](int r) {
+        for (size_t v = 0; v < nv; ++v)
+            values[v] = columns[v] ? columns[v][r] : 0.0;
+    };
+    if (!g.columns) {  // calls keep their row order, as in evalBatch
+        for (int r = 0; r < numRows; ++r) {
+            gather(r);
+            g.run(values, slots.get(), outRow.data(), codeRow.data(), 1);
+            for (int k = 0; k < n; ++k) {
+                out[k][r] = outRow[static_cast<size_t>(k)];
+                codes[k][r] = codeRow[static_cast<size_t>(k)];
+            }
+        }
+        return 0;
+    }
+    oxelProgramRunSeveral(g.columns, columns, numRows, out, codes[0]);
+    for (int k = 1; k < n; ++k)
+        std::fill(codes[k], codes[k] + numRows, 0);
+    // Rows whose inputs do not fit the shared program are evaluated again like failed ones.
+    for (size_t v = 0; v < nv; ++v)
+        if (columns[v])
+            markUnfit(columns[v], codes[0], numRows);
+    for (int r = 0; r < numRows; ++r) {
+        if (codes[0][r] == 0)
+            continue;
+        gather(r);
+        for (int k = 0; k < n; ++k)
+            out[k][r] = g.own(k, values, slots.get(), codes[k][r]);
+    }
+    return 0;
+}
+
+std::unique_ptr<OxelGradient> OxelExpression::gradient(
+    const std::vector<std::string>& names, int order)
+{
+    if (!root_ || (order != 1 && order != 2))
+        return nullptr;
+    for (const std::string& name : names)
+        if (varIndex(name.c_str()) < 0)
+            return nullptr;
+    std::unique_ptr<OxelGradient::Impl> g(new OxelGradient::Impl);
+    g->numVars = numVars();
+    std::unordered_set<const Oxel*> above;
+    markAssignments(root_, above);
+    g->exprs.emplace_back(withSameNames(copyKeepingAssignments(root_, above)));
+    for (const std::string& name : names)
+        g->exprs.emplace_back(derivative(name.c_str()));
+    const size_t n = names.size();
+    for (size_t i = 0; order == 2 && i < n; ++i)
+        for (size_t j = i; j < n; ++j)
+            g->exprs.emplace_back(
+                g->exprs[1 + i] ? g->exprs[1 + i]->derivative(names[j].c_str()) : nullptr);
+    std::vector<Oxel*> roots;
+    for (const auto& e : g->exprs) {
+        if (!e)
+            return nullptr;
+        roots.push_back(e->root());
+    }
+    const oxp::Program ir = oxp::lowerSeveral(roots, g->numVars, true);
+    if (ir.ok) {
+        g->point = oxelPointBuild(ir);
+        if (!oxelPointBuilt(*g->point)) {
+            oxelPointRelease(g->point);
+            g->point = nullptr;
+        }
+        if (!ir.hasCalls())
+            g->columns = oxelProgramBuild(ir, g->numVars);
+    }
+    return std::unique_ptr<OxelGradient>(new OxelGradient(g.release()));
+}

@@ -1,0 +1,401 @@
+// Tests of OxelGradient: every output and code against eval() of the separate derivative
+// expressions, at single points and over columns.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <oxel/oxel.h>
+#include <oxel/oxel_c.h>
+
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std::string* shared);
+
+namespace {
+
+// Special values, and the edges of the shared program's fast path: inputs up to 2^64 and
+// no NaN or larger magnitude does.
+const double kSpecial[] = { 0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-308,
+    1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10, 709.7, 0x1p64, -0x1p64,
+    0x1.0000000000001p64, 5e-324, std::numeric_limits<double>::signaling_NaN() };
+const int kNumSpecial = sizeof kSpecial / sizeof kSpecial[0];
+
+bool sameBits(double a, double b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// The separate expressions in output order: the value, the first derivatives, then the upper
+// triangle of second derivatives; empty when any of them is null.
+std::vector<std::unique_ptr<OxelExpression>> separate(
+    OxelExpression& e, const std::vector<std::string>& names, int order)
+{
+    std::vector<std::unique_ptr<OxelExpression>> out;
+    out.emplace_back(nullptr);  // the value: e itself
+    for (const std::string& n : names)
+        out.emplace_back(e.derivative(n.c_str()));
+    for (size_t i = 0; order == 2 && i < names.size(); ++i)
+        for (size_t j = i; j < names.size(); ++j)
+            out.emplace_back(out[1 + i] ? out[1 + i]->derivative(names[j].c_str()) : nullptr);
+    for (size_t k = 1; k < out.size(); ++k)
+        if (!out[k])
+            return {};
+    return out;
+}
+
+// Describes the first output whose bits or code differ from the separate expressions at the
+// given rows (row-major, numVars values each), at points and over columns; "" when all agree.
+std::string compare(OxelExpression& e, const OxelGradient& g,
+    const std::vector<std::unique_ptr<OxelExpression>>& sep, const std::vector<double>& rows)
+{
+    const int nv = e.numVars(), n = g.numOutputs(), numRows = static_cast<int>(rows.size()) / nv;
+    if (n != static_cast<int>(sep.size()))
+        return "output count " + std::to_string(n);
+    std::vector<std::vector<double>> cols(static_cast<size_t>(nv)), outs(static_cast<size_t>(n));
+    std::vector<std::vector<int>> codes(static_cast<size_t>(n));
+    std::vector<const double*> colp;
+    std::vector<double*> outp;
+    std::vector<int*> codep;
+    for (int v = 0; v < nv; ++v) {
+        for (int r = 0; r < numRows; ++r)
+            cols[static_cast<size_t>(v)].push_back(rows[static_cast<size_t>(r * nv + v)]);
+        colp.push_back(cols[static_cast<size_t>(v)].data());
+    }
+    for (int k = 0; k < n; ++k) {
+        outs[static_cast<size_t>(k)].assign(static_cast<size_t>(numRows), -5.0);
+        codes[static_cast<size_t>(k)].assign(static_cast<size_t>(numRows), -5);
+        outp.push_back(outs[static_cast<size_t>(k)].data());
+        codep.push_back(codes[static_cast<size_t>(k)].data());
+    }
+    if (g.evalBatchColumns(colp.data(), numRows, outp.data(), codep.data()) != 0)
+        return "columns refused";
+    std::vector<double> point(static_cast<size_t>(n));
+    std::vector<int> pointCodes(static_cast<size_t>(n));
+    for (int r = 0; r < numRows; ++r) {
+        const double* at = &rows[static_cast<size_t>(r * nv)];
+        g.eval(at, point.data(), pointCodes.data());
+        for (int k = 0; k < n; ++k) {
+            std::vector<double> vals(at, at + nv);
+            int code = 0;
+            const double want = k == 0 ? e.eval(vals.data(), nv, code)
+                                       : sep[static_cast<size_t>(k)]->eval(vals.data(), nv, code);
+            const size_t kk = static_cast<size_t>(k);
+            if (!sameBits(point[kk], want) || pointCodes[kk] != code
+                || !sameBits(outs[kk][static_cast<size_t>(r)], want)
+                || codes[kk][static_cast<size_t>(r)] != code)
+                return "row " + std::to_string(r) + " output " + std::to_string(k) + ": want "
+                    + std::to_string(want) + " code " + std::to_string(code) + ", point "
+                    + std::to_string(point[kk]) + " code " + std::to_string(pointCodes[kk])
+                    + ", column " + std::to_string(outs[kk][static_cast<size_t>(r)]) + " code "
+                    + std::to_string(codes[kk][static_cast<size_t>(r)]);
+        }
+    }
+    return "";
+}
+
+void declare(OxelExpression& e)
+{
+    for (const char* name : { "x", "y", "z" })
+        e.addVar(name);
+    e.addVarAlias("y", "w");
+}
+
+// Random points plus every pair of special values in x and y.
+std::vector<double> points(std::mt19937& rng, int nv)
+{
+    std::vector<double> rows;
+    std::uniform_real_distribution<double> u(-3.0, 3.0);
+    for (int r = 0; r < 40; ++r)
+        for (int v = 0; v < nv; ++v)
+            rows.push_back(u(rng));
+    for (int i = 0; i < kNumSpecial; ++i)
+        for (int j = 0; j < kNumSpecial; j += 3)
+            for (int v = 0; v < nv; ++v)
+                rows.push_back(v == 0 ? kSpecial[i] : v == 1 ? kSpecial[j] : 0.75);
+    return rows;
+}
+
+}  // namespace
+
+// Random formulas of the whole language by variables and an alias, to first and second order:
+// null exactly where a separate derivative is null, otherwise the separate bits and codes.
+TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
+{
+    std::mt19937 rng(77);
+    int compared = 0;
+    for (int i = 0; i < 300; ++i) {
+        std::string text = randomFormula(rng, 4, false, nullptr);
+        if (text.find("jn") != std::string::npos || text.find("yn") != std::string::npos)
+            continue;  // Bessel orders cost time in proportion
+        if (i % 5 == 0)  // a subtree that occurs again and again
+            text = "(" + text + ") * sin(" + text + ") + x*y";
+        OxelExpression e;
+        declare(e);
+        ASSERT_EQ(e.initFromString(text.c_str()), 1) << text;
+        const std::vector<std::string> names = i % 2 ? std::vector<std::string> { "x", "w" }
+                                                     : std::vector<std::string> { "z", "x", "y" };
+        for (int order = 1; order <= 2; ++order) {
+            const auto sep = separate(e, names, order);
+            const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
+            ASSERT_EQ(sep.empty(), g == nullptr) << text;
+            if (!g)
+                continue;
+            EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
+                << text << " order " << order;
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 150);
+}
+
+// A failure in one partial only: the other outputs keep code 0, at points and in columns
+// (whose other rows take the shared program).
+TEST(Gradient, FailureInOnePartialOnly)
+{
+    const char* const formulas[] = {
+        "sqrt(x) * y",  // d/dx divides by 2*sqrt(0): only d/dx fails at x = 0
+        "x * ln(y)",  // d/dy is x / y: fails at y = 0 with the value
+        "y / x + x*x",  // every output divides by x
+        "atan2(x, y) + 1e308 * x * y",  // overflow in the value and d/dy, not in d/dx
+        "exp(x) * y + x*x*x*x*y",  // exp(x)*1 near the overflow limit, x^4 up to 2^256
+    };
+    for (const char* text : formulas) {
+        OxelExpression e;
+        declare(e);
+        ASSERT_EQ(e.initFromString(text), 1);
+        const std::vector<std::string> names { "x", "y" };
+        for (int order = 1; order <= 2; ++order) {
+            const auto sep = separate(e, names, order);
+            const auto g = e.gradient(names, order);
+            ASSERT_TRUE(g);
+            std::vector<double> rows;
+            for (double x : { 0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64 })
+                for (double y : { 0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN() })
+                    rows.insert(rows.end(), { x, y, 0.0 });
+            EXPECT_EQ(compare(e, *g, sep, rows), "") << text;
+        }
+    }
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("sqrt(x) * y"), 1);
+    const auto g = e.gradient({ "x", "y" });
+    const double at[] = { 0.0, 2.0, 0.0 };
+    double out[3];
+    int codes[3];
+    g->eval(at, out, codes);
+    EXPECT_EQ(codes[0], 0);
+    EXPECT_NE(codes[1], 0);
+    EXPECT_EQ(codes[2], 0);
+}
+
+// A Hessian too wide for the single-point program (more than its 64 registers): points take
+// one row of the column program.
+TEST(Gradient, WideProgramAtPoints)
+{
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("sin(x*y)*cos(y*z)*exp(x*z)*tanh(x+y+z)/(1+x*x+y*y+z*z)*"
+                               "atan2(x,y)*hypot(x,z)"),
+        1);
+    const std::vector<std::string> names { "x", "y", "z" };
+    const auto g = e.gradient(names, 2);
+    ASSERT_TRUE(g);
+    std::vector<double> rows;
+    for (double x : { 0.0, 0.5, -1.5, 800.0 })
+        for (double y : { 0.0, 2.0 })
+            rows.insert(rows.end(), { x, y, 0.25 });
+    EXPECT_EQ(compare(e, *g, separate(e, names, 2), rows), "");
+}
+
+// Threads share one gradient: each gets the bits of a lone caller, at points and over columns
+// large enough for the worker threads.
+TEST(Gradient, ThreadsShareOneGradient)
+{
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("sqrt(x*x + y*y) / (1 + exp(-x*y)) + ln(z)"), 1);
+    const auto g = e.gradient({ "x", "y", "z" }, 2);
+    ASSERT_TRUE(g);
+    const int rows = 70000, n = g->numOutputs();
+    std::vector<double> in(3 * static_cast<size_t>(rows));
+    for (size_t i = 0; i < in.size(); ++i)
+        in[i] = std::sin(static_cast<double>(i)) * 3.0;  // negative z fails in ln
+    const double* cols[] = { in.data(), in.data() + rows, in.data() + 2 * rows };
+    auto run = [&](std::vector<double>& out, std::vector<int>& codes) {
+        out.assign(static_cast<size_t>(n) * rows * 2, 0.0);
+        codes.assign(out.size(), -1);
+        std::vector<double*> outp;
+        std::vector<int*> codep;
+        for (int k = 0; k < n; ++k) {
+            outp.push_back(&out[static_cast<size_t>(k) * rows]);
+            codep.push_back(&codes[static_cast<size_t>(k) * rows]);
+        }
+        g->evalBatchColumns(cols, rows, outp.data(), codep.data());
+        const size_t half = static_cast<size_t>(n) * rows;
+        for (int r = 0; r < rows; r += 7) {  // points, output by output behind the columns
+            const double at[] = { cols[0][r], cols[1][r], cols[2][r] };
+            g->eval(at, &out[half + static_cast<size_t>(r) * n],
+                &codes[half + static_cast<size_t>(r) * n]);
+        }
+    };
+    std::vector<double> want;
+    std::vector<int> wantCodes;
+    run(want, wantCodes);
+    std::vector<std::vector<double>> got(4);
+    std::vector<std::vector<int>> gotCodes(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back(
+            [&, t] { run(got[static_cast<size_t>(t)], gotCodes[static_cast<size_t>(t)]); });
+    for (std::thread& t : threads)
+        t.join();
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(std::memcmp(got[static_cast<size_t>(t)].data(), want.data(),
+                      want.size() * sizeof(double)),
+            0);
+        EXPECT_EQ(gotCodes[static_cast<size_t>(t)], wantCodes);
+    }
+}
+
+// Null where a derivative is null or the request is bad; bad batch arguments are refused.
+TEST(Gradient, NullCasesAndBadArguments)
+{
+    const struct {
+        const char* formula;
+        std::vector<std::string> names;
+        int order;
+    } rows[] = {
+        { "x % 2 + y", { "x" }, 1 },  // the modulo refuses
+        { "a = x; a * y", { "x" }, 1 },  // several statements
+        { "x * y", { "q" }, 1 },  // unknown name
+        { "x * y", { "x" }, 3 },  // order
+        { "x * y", { "x" }, 0 },
+        { "floor(x) + y", { "y", "x" }, 2 },  // only the second derivative refuses
+    };
+    for (const auto& row : rows) {
+        OxelExpression e;
+        declare(e);
+        ASSERT_EQ(e.initFromString(row.formula), 1);
+        EXPECT_FALSE(e.gradient(row.names, row.order)) << row.formula;
+    }
+    OxelExpression e;
+    declare(e);
+    ASSERT_EQ(e.initFromString("x * y"), 1);
+    const auto g = e.gradient({ "x", "y" }, 2);
+    ASSERT_TRUE(g);
+    EXPECT_EQ(g->numOutputs(), 6);
+    double col[1] = { 1.0 };
+    const double* cols[] = { col, col, col };
+    double o[6][1];
+    int c[6][1];
+    double* outs[] = { o[0], o[1], o[2], o[3], o[4], nullptr };
+    int* codes[] = { c[0], c[1], c[2], c[3], c[4], c[5] };
+    EXPECT_EQ(g->evalBatchColumns(cols, 1, outs, codes), -1);
+    outs[5] = o[5];
+    EXPECT_EQ(g->evalBatchColumns(cols, -1, outs, codes), -1);
+    EXPECT_EQ(g->evalBatchColumns(nullptr, 1, outs, codes), -1);
+    EXPECT_EQ(g->evalBatchColumns(cols, 1, outs, codes), 0);
+    EXPECT_EQ(o[4][0], 1.0);  // d2/dxdy of x*y
+}
+
+namespace {
+
+int calls = 0;
+
+// f(a, b) = sin(a) * b^2 and its partial derivatives along the marks.
+double field(const void*, int component, int nDiff, const int* dims, const double* args)
+{
+    ++calls;
+    int da = 0, db = 0;
+    for (int i = 0; i < nDiff; ++i)
+        (dims[i] == 0 ? da : db)++;
+    const double a = args[0], b = args[1];
+    const double fa[] = { std::sin(a), std::cos(a), -std::sin(a) };
+    const double fb[] = { b * b, 2 * b, 2.0, 0.0 };
+    return (component + 1) * fa[da % 3] * fb[db];
+}
+
+}  // namespace
+
+// Dependent variables: each distinct call once per point in the shared program, the results
+// those of the separate expressions.
+TEST(Gradient, DependentVariablesWithDerivatives)
+{
+    OxDepVarnode f("f", field, nullptr);
+    f.setUp(2, 2, 3, nullptr, nullptr);
+    OxelExpression e;
+    declare(e);
+    Oxel* args[]
+        = { new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y")) };
+    Oxel* again[]
+        = { new OxMal(new OxVar(0, "x"), new OxVar(1, "y")), new OxSqroot(new OxVar(1, "y")) };
+    e.setRoot(new OxPlus(new OxDepVar(&f, 1, 0, nullptr, args),
+        new OxMal(new OxVar(0, "x"), new OxDepVar(&f, 1, 0, nullptr, again))));
+    const std::vector<std::string> names { "x", "w" };
+    for (int order = 1; order <= 2; ++order) {
+        const auto sep = separate(e, names, order);
+        const auto g = e.gradient(names, order);
+        ASSERT_TRUE(g);
+        std::mt19937 rng(5);
+        EXPECT_EQ(compare(e, *g, sep, points(rng, 3)), "") << order;
+        const double at[] = { 0.5, 2.0, 0.0 };
+        std::vector<double> out(static_cast<size_t>(g->numOutputs()));
+        std::vector<int> codes(out.size());
+        calls = 0;
+        g->eval(at, out.data(), codes.data());
+        // Distinct calls: f, f_a, f_b (order 1), and f_aa, f_ab, f_ba, f_bb (order 2; the
+        // marks' order is kept apart).
+        EXPECT_EQ(calls, order == 1 ? 3 : 7);
+    }
+}
+
+// The C interface: the same outputs as the C++ object, and its refusals.
+TEST(Gradient, CInterfaceRoundTrip)
+{
+    oxel_expr* e = oxel_expr_new();
+    oxel_expr_add_var(e, "x");
+    oxel_expr_add_var(e, "y");
+    ASSERT_EQ(oxel_expr_parse(e, "exp(x*y) / (1 + x)"), 1);
+    const char* names[] = { "x", "y" };
+    EXPECT_EQ(oxel_expr_gradient(e, names, 2, 3), nullptr);
+    EXPECT_EQ(oxel_expr_gradient(e, nullptr, 2, 1), nullptr);
+    oxel_grad* g = oxel_expr_gradient(e, names, 2, 2);
+    ASSERT_NE(g, nullptr);
+    ASSERT_EQ(oxel_grad_outputs(g), 6);
+    const double at[] = { 0.5, 2.0 };
+    double out[6], colOut[6][1];
+    int codes[6], colCodes[6][1];
+    oxel_grad_eval(g, at, out, codes);
+    const double x[] = { 0.5 }, y[] = { 2.0 };
+    const double* cols[] = { x, y };
+    double* outs[6];
+    int* codep[6];
+    for (int k = 0; k < 6; ++k) {
+        outs[k] = colOut[k];
+        codep[k] = colCodes[k];
+    }
+    EXPECT_EQ(oxel_grad_eval_columns(g, cols, 1, outs, codep), 0);
+    EXPECT_EQ(oxel_grad_eval_columns(g, nullptr, 1, outs, codep), -1);
+    OxelExpression ref;
+    ref.addVar("x");
+    ref.addVar("y");
+    ref.initFromString("exp(x*y) / (1 + x)");
+    std::unique_ptr<OxelExpression> dy(ref.derivative("y"));
+    std::unique_ptr<OxelExpression> dyy(dy->derivative("y"));
+    double v[] = { 0.5, 2.0 };
+    int code = 0;
+    EXPECT_TRUE(sameBits(out[2], dy->eval(v, 2, code)));
+    EXPECT_TRUE(sameBits(out[5], dyy->eval(v, 2, code)));
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_TRUE(sameBits(out[k], colOut[k][0])) << k;
+        EXPECT_EQ(codes[k], 0);
+    }
+    oxel_grad_free(g);
+    oxel_expr_free(e);
+}
