@@ -123,14 +123,14 @@ TEST(DeepTrees, FlatAndNestedFullyUsable)
         long depth;
         double x, value, slope;  // slope kNone: the derivative is refused
     };
-    const long t = kFlat / 2;
+    const long t = kMax;
     const double m = kFlat, s1 = sines(1000, 0.9, false), d1 = sines(1000, 0.9, true);
     const double sk = sines(kMax, 0.9, false);
     const Row rows[] = {
         {"x" + repeat("+x", kFlat - 1), kFlat, 0.5, 0.5 * m, m},  // a generated sum
         {"", kFlat, 0.5, 0.5 * m, m},  // the same leaning right
         {"x*x" + repeat("+x*x", t - 1), t + 1, 0.5, 0.25 * t, double(t)},  // 2x per term
-        {"x" + repeat(";x", kFlat - 1), kFlat, 0.75, 0.75, kNone},  // statements chain as deep
+        {"x" + repeat(";x", kMax - 1), kMax, 0.75, 0.75, kNone},  // statements chain as deep
         {repeat("x = x + 1; ", 4000) + "x", 4000 + 3, 0.0, 4000, kNone},  // each sees the last
         {nest("(", "x", kMax), 1, 2.5, 2.5, 1.0},  // parser stack only, no nodes
         {nest("sin(", "x", 1000), 1001, 0.9, s1, d1},  // chain rule: half a million nodes
