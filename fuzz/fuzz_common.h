@@ -50,6 +50,10 @@ const long kMaxNodesForDiff = 400;
 // Simplification copies every sub-tree once per level above it, so its cost grows with
 // depth times size; past this product the targets skip it.
 const long kMaxDepthTimesNodesForSimplify = 1000000;
+// The node interface's recursions (value, count, dup, ==, ...) run on the caller's stack when
+// called on a node directly; deeper trees are exercised through the library's entry points
+// only (tests/deep_test.cpp goes deeper).
+const long kMaxDepthForDirectCalls = 10000;
 
 // jn and yn cost time linear in their order (up to 2^31, about ten seconds a call); inputs
 // that call them are skipped so that a huge order cannot pass for a hang.
@@ -131,6 +135,10 @@ inline void exerciseTree(Oxel* root, int numVars)
 {
     if (!root)
         return;
+    if (oxelDepth(root) > kMaxDepthForDirectCalls) {
+        (void)oxelToString(root);
+        return;
+    }
     std::vector<double> vals = sampleValues(numVars, 0.5);
     int err = 0;
     double v1 = root->value(vals.data(), err);

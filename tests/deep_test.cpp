@@ -14,12 +14,15 @@
 namespace {
 
 const long kMax = OXEL_MAX_DEPTH;
+const long kFlat = 1000000;            // terms of a generated sum: no nesting at all
 const double kNone = std::nan("");  // no derivative exists
-const char* const kTooDeep = "expression nested too deeply (more than 10000 levels)";
+const std::string kTooDeep =
+    "expression nested too deeply (more than " + std::to_string(kMax) + " levels)";
 
 std::string repeat(const std::string& s, long n)
 {
     std::string out;
+    out.reserve(s.size() * static_cast<size_t>(n));
     for (long i = 0; i < n; ++i)
         out += s;
     return out;
@@ -61,84 +64,115 @@ double sines(int n, double x, bool slope)
     return slope ? d : x;
 }
 
-// Uses every operation a host has on a tree: eval, print, count, dup, ==, simplify, destroy.
-// Copies of assignments only read the slots, so their values and node counts go unchecked.
+bool near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1 + std::fabs(b)); }
+
+// Uses every operation that the library starts on a whole tree: eval (point and batch), print,
+// formula text, simplify, destroy; the node interface's own recursions (dup, ==, count), which a
+// host calls on its own stack, only where that stack surely holds them. Copies of assignments only read the slots, so their
+// simplified values and node counts go unchecked.
 void useFully(OxelExpression& e, double x, double expected, bool assigns)
 {
     int err = 0;
-    EXPECT_NEAR(evalWith(e, x, err), expected, 1e-10 * std::fabs(expected));
+    EXPECT_TRUE(near(evalWith(e, x, err), expected)) << evalWith(e, x, err);
     EXPECT_EQ(err, 0);
+    std::vector<double> rows(2 * static_cast<size_t>(e.numVars()), 0.0), results(2);
+    rows[0] = x;
+    rows[static_cast<size_t>(e.numVars())] = x;
+    std::vector<int> errors(2);
+    ASSERT_EQ(e.evalBatch(rows.data(), 2, e.numVars(), results.data(), errors.data()), 0);
+    EXPECT_TRUE(assigns || (near(results[1], expected) && errors[1] == 0)) << results[1];
     Oxel* root = e.root();
     const std::string text = oxelToString(root);
     const long nodes = oxelNodeCount(root);
     EXPECT_GE(nodes, oxelDepth(root));
-    EXPECT_LE(root->count(), static_cast<int>(text.size()));  // never more than print
-    Oxel* copy = root->dup();
-    EXPECT_EQ(oxelToString(copy), text);
-    EXPECT_TRUE(assigns || oxelNodeCount(copy) == nodes);
-    (void)(*copy == *root);  // must terminate; equality of copies depends on the node classes
-    oxelDestroy(copy);
-    Oxel* simple = root->simplify();
+    const KxString formula = e.toFormula();
+    EXPECT_GT(formula.length(), 0);
+    if (oxelDepth(root) <= 1000) {
+        EXPECT_LE(root->count(), static_cast<int>(text.size()));  // never more than print
+        Oxel* copy = root->dup();
+        EXPECT_EQ(oxelToString(copy), text);
+        EXPECT_TRUE(assigns || oxelNodeCount(copy) == nodes);
+        (void)(*copy == *root);  // must terminate; equality of copies depends on the classes
+        oxelDestroy(copy);
+    }
+    OxelExpression* simple = e.simplified();
     ASSERT_NE(simple, nullptr);
-    std::vector<double> v(static_cast<size_t>(e.numVars()), 0.0);
-    v[0] = x;
-    double sv = simple->value(v.data(), err);
-    EXPECT_TRUE(assigns || std::fabs(sv - expected) <= 1e-9 * (1 + std::fabs(expected))) << sv;
-    EXPECT_FALSE(oxelToString(simple).empty());
-    oxelDestroy(simple);
+    double sv = evalWith(*simple, x, err);
+    EXPECT_TRUE(assigns || near(sv, expected)) << sv;
+    EXPECT_FALSE(oxelToString(simple->root()).empty());
+    delete simple;
+}
+
+// A right-leaning sum x + (x + (... + x)) of n terms, built by hand: text cannot nest it that far.
+Oxel* rightSum(long n)
+{
+    Oxel* tree = new OxVar(0, "x");
+    for (long i = 1; i < n; ++i)
+        tree = new OxPlus(new OxVar(0, "x"), tree);
+    return tree;
 }
 
 }  // namespace
 
-// Trees up to the depth limit, and their derivatives even where those grow deeper, are usable in
-// every way. Parentheses add no node but parser stack: 4095 pairs fit one 8192-character chunk.
-TEST(DeepTrees, UpToTheLimitFullyUsable)
+// Flat texts of any length and trees of any depth are usable in every way, and so are their
+// derivatives where those stay within the derivative's size bound. Parentheses add no node.
+TEST(DeepTrees, FlatAndNestedFullyUsable)
 {
     struct Row {
-        std::string text;
+        std::string text;  // empty: the hand-built right-leaning sum
         long depth;
         double x, value, slope;  // slope kNone: the derivative is refused
     };
-    const long t = kMax - 2;  // x*x terms: the derivative's products nest one level deeper
-    const double m = kMax, s1 = sines(1000, 0.9, false), d1 = sines(1000, 0.9, true);
+    const long t = kMax;
+    const double m = kFlat, s1 = sines(1000, 0.9, false), d1 = sines(1000, 0.9, true);
+    const double sk = sines(kMax, 0.9, false);
     const Row rows[] = {
-        {"x" + repeat("+x", kMax - 1), kMax, 0.5, 0.5 * m, m},  // a sum at the limit
+        {"x" + repeat("+x", kFlat - 1), kFlat, 0.5, 0.5 * m, m},  // a generated sum
+        {"", kFlat, 0.5, 0.5 * m, m},  // the same leaning right
         {"x*x" + repeat("+x*x", t - 1), t + 1, 0.5, 0.25 * t, double(t)},  // 2x per term
-        {"x" + repeat(";x", kMax - 1), kMax, 0.75, 0.75, kNone},  // statements at the limit
+        {"x" + repeat(";x", kMax - 1), kMax, 0.75, 0.75, kNone},  // statements chain as deep
         {repeat("x = x + 1; ", 4000) + "x", 4000 + 3, 0.0, 4000, kNone},  // each sees the last
-        {nest("(", "x", 4095), 1, 2.5, 2.5, 1.0},  // parser stack only, no nodes
+        {nest("(", "x", kMax), 1, 2.5, 2.5, 1.0},  // parser stack only, no nodes
         {nest("sin(", "x", 1000), 1001, 0.9, s1, d1},  // chain rule: half a million nodes
-        {repeat("- ", 4000) + "x", 4001, 1.75, 1.75, 1.0},  // one product per sign
+        {nest("sin(", "x", kMax), kMax + 1, 0.9, sk, kNone},  // its derivative is too large
+        {repeat("- ", kMax) + "x", kMax + 1, 1.75, 1.75, 1.0},  // one product per sign
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.text.substr(0, 40));
         OxelExpression e;
-        ASSERT_EQ(parse(e, r.text), 1) << e.lastError();
+        if (r.text.empty()) {
+            e.addVar("x");
+            e.setRoot(rightSum(r.depth));
+        } else {
+            ASSERT_EQ(parse(e, r.text), 1) << e.lastError();
+        }
         EXPECT_EQ(oxelDepth(e.root()), r.depth);
+        EXPECT_EQ(e.isVarNeeded("x"), 1);
         useFully(e, r.x, r.value, r.text.find('=') != std::string::npos);
         OxelExpression* d = e.derivative("x");
         EXPECT_EQ(d == nullptr, std::isnan(r.slope));
-        if (d)
-            useFully(*d, r.x, r.slope, false);
+        if (d) {
+            int err = 0;
+            EXPECT_TRUE(near(evalWith(*d, r.x, err), r.slope)) << evalWith(*d, r.x, err);
+            EXPECT_FALSE(oxelToString(d->root()).empty());
+        }
         delete d;
     }
 }
 
-// Beyond the limits a text is refused with its message, not a crash or a truncated tree, and
-// the expression keeps its default.
-TEST(DeepTrees, BeyondTheLimitsRefused)
+// Nesting beyond the parser's bound is refused with its message, not a crash or a truncated
+// tree, and the expression keeps its default. A level of parentheses takes one parser stack
+// entry and a call two, so the bound shows only far beyond the limit.
+TEST(DeepTrees, NestingBeyondTheLimitRefused)
 {
-    const std::pair<std::string, const char*> rows[] = {
-        {"x" + repeat("+x", kMax), kTooDeep},  // one level more than the limit
-        {"1" + repeat("+1", 999999), kTooDeep},  // two megabytes, a million levels
-        {"1" + repeat(";1", 999999), kTooDeep},  // a million statements chain as deep
-        {nest("(", "x", 10000), "memory exhausted near >(<"},  // the re-read run fills the stack
-        {nest("sin(", "x", 6000), "memory exhausted near >sin<"},  // so do function calls
+    const std::pair<std::string, std::string> rows[] = {
+        {nest("(", "x", 16 * kMax + 16), kTooDeep + " near >(<"},
+        {nest("sin(", "x", 8 * kMax + 8), kTooDeep + " near >sin<"},
     };
     for (const auto& r : rows) {
         OxelExpression e;
         EXPECT_EQ(parse(e, r.first), 0) << r.first.substr(0, 40);
-        EXPECT_STREQ(e.lastError(), r.second) << r.first.substr(0, 40);
+        EXPECT_EQ(e.lastError(), r.second) << r.first.substr(0, 40);
         EXPECT_EQ(e.numInternalVars(), 0);
         int err = 0;
         EXPECT_EQ(evalWith(e, 3.0, err), 0.0);

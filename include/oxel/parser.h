@@ -36,7 +36,8 @@ OXEL_API const char* const* oxelFunctionNames(int arity);
 /// Serialises every parse in the process; lexer and parser state is global.
 extern OXEL_API KxMutex strToOxelMutex;
 
-/// Trees deeper than this are refused by the parser, so that recursive walks stay on the stack.
-const long OXEL_MAX_DEPTH = 10000;
+/// Texts nested deeper than this (parentheses, calls, prefix operators) are refused by the
+/// parser; flat texts of any length and trees of any depth are fine.
+const long OXEL_MAX_DEPTH = 100000;
 
 #endif

@@ -1,10 +1,12 @@
 // Derivatives of leaves, operators, the sequence node and dependent variables.
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include <oxel/nodes.h>
 
 #include "algebra/trees.h"
+#include "core/deep.h"
 
 using namespace oxd;
 
@@ -212,11 +214,19 @@ thread_local long oxd::budget = oxd::kUnbounded;
 
 Oxel* oxd::boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarge)
 {
-    long saved = budget;
-    budget = maxNodes;
-    Oxel* d = tree->diff(var);
-    *tooLarge = budget == 0;
-    budget = saved;
+    const long depth = oxelDepth(tree);
+    Oxel* d = nullptr;
+    // The budget belongs to the thread that runs the rules.
+    oxs::withStackFor(depth, [&] {
+        std::unique_ptr<oxs::ConstancyMemo> memo;
+        if (depth > oxs::kShallowDepth)
+            memo.reset(new oxs::ConstancyMemo(tree, var));
+        long saved = budget;
+        budget = maxNodes;
+        d = tree->diff(var);
+        *tooLarge = budget == 0;
+        budget = saved;
+    });
     if (*tooLarge && d) {  // a rule that ignores a missing operand derivative kept a part
         oxelDestroy(d);
         d = nullptr;

@@ -9,6 +9,7 @@
 
 #include <oxel/nodes.h>
 
+#include "core/deep.h"
 #include "nodes/words.h"
 
 namespace {
@@ -234,6 +235,6 @@ KxString oxelToFormula(Oxel* tree)
     if (!tree)
         return KxString();
     Writer w;
-    w.statements(tree);
+    oxs::withStackFor(oxelDepth(tree), [&] { w.statements(tree); });
     return w.ok ? KxString(w.out.c_str()) : KxString();
 }

@@ -1,10 +1,37 @@
 // Simplification: constant folding and the rewriting rules of the arithmetic operators.
+#include <memory>
+
 #include <oxel/nodes.h>
 
+#include "core/deep.h"
 #include "nodes/kinds.h"
+
+namespace {
+
+// Set while a simplification runs on this thread: only the outermost call sizes the stack.
+thread_local bool simplifying = false;
+
+struct Simplifying {
+    Simplifying() { simplifying = true; }
+    ~Simplifying() { simplifying = false; }
+};
+
+}  // namespace
 
 Oxel* Oxel::simplify()
 {
+    if (__builtin_expect(!simplifying, 0)) {
+        const long depth = oxelDepth(this);
+        Oxel* result = nullptr;
+        oxs::withStackFor(depth, [&] {
+            Simplifying inside;
+            std::unique_ptr<oxs::ConstancyMemo> memo;
+            if (depth > oxs::kShallowDepth)
+                memo.reset(new oxs::ConstancyMemo(this, nullptr));
+            result = simplify();
+        });
+        return result;
+    }
     if (vconstant()) {
         int scratch = 0;  // errors of a folded constant are dropped
         return new OxZahl(value(nullptr, scratch));

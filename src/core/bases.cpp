@@ -6,10 +6,10 @@
 
 OxUnary::OxUnary(Oxel* operand) : arg_(operand) {}
 
+// Operands go without recursion, so a chain of any length can be deleted.
 OxUnary::~OxUnary()
 {
-    if (arg_)
-        delete arg_;
+    oxelDestroy(arg_);
 }
 
 int OxUnary::getNumChildren() { return 1; }
@@ -39,10 +39,8 @@ OxBinary::OxBinary(Oxel* left, Oxel* right) : left_(left), right_(right) {}
 
 OxBinary::~OxBinary()
 {
-    if (left_)
-        delete left_;
-    if (right_)
-        delete right_;
+    oxelDestroy(left_);
+    oxelDestroy(right_);
 }
 
 int OxBinary::getNumChildren() { return 2; }

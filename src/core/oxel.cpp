@@ -5,6 +5,8 @@
 
 #include <oxel/core.h>
 
+#include "core/deep.h"
+
 #include "support/messages.h"
 
 Oxel::~Oxel() {}
@@ -68,6 +70,8 @@ int Oxel::print(char* buf)
 int Oxel::vconstant()
 {
     int r = -1;
+    if (oxs::ConstancyMemo::lookup(this, nullptr, &r))
+        return r;
     int kids = getNumChildren();
     for (int i = 0; i < kids && r; ++i)
         if (Oxel* c = getChild(i))
@@ -78,6 +82,8 @@ int Oxel::vconstant()
 int Oxel::pconstant(const char* var)
 {
     int r = -1;
+    if (oxs::ConstancyMemo::lookup(this, var, &r))
+        return r;
     int kids = getNumChildren();
     for (int i = 0; i < kids && r; ++i)
         if (Oxel* c = getChild(i))

@@ -5,6 +5,8 @@
 
 #include <oxel/core.h>
 
+#include "core/deep.h"
+
 namespace {
 
 // OxBranch counts only non-null slots, so a branch with an empty first slot still keeps its
@@ -56,6 +58,10 @@ void oxelDestroy(Oxel* node)
 {
     if (!node)
         return;
+    if (!node->getChild(0) && !node->getChild(1) && node->getNumChildren() == 0) {
+        delete node;  // a leaf, as most operands are: no stack needed
+        return;
+    }
     std::vector<Oxel*> stack{node};
     while (!stack.empty()) {
         Oxel* cur = stack.back();
@@ -75,20 +81,23 @@ std::string oxelToString(Oxel* node)
     // Upper bound of what print() writes: per node its symbol between each pair of
     // children (or once for a leaf), two brackets per child and two for a function call.
     size_t bound = 1;
-    std::vector<Oxel*> stack{node};
+    long depth = 0;
+    std::vector<std::pair<Oxel*, long>> stack{{node, 1}};
     while (!stack.empty()) {
-        Oxel* cur = stack.back();
+        auto [cur, d] = stack.back();
         stack.pop_back();
+        depth = d > depth ? d : depth;
         int kids = 0;
-        forEachChild(cur, [&](int, Oxel* c) {
-            stack.push_back(c);
+        forEachChild(cur, [&, d = d](int, Oxel* c) {
+            stack.push_back({c, d + 1});
             ++kids;
         });
         size_t sym = std::strlen(cur->symbol());
         bound += sym * static_cast<size_t>(kids > 1 ? kids : 1) + 2 + 2 * static_cast<size_t>(kids);
     }
     std::string text(bound, '\0');
-    int n = node->print(&text[0]);
+    int n = 0;
+    oxs::withStackFor(depth, [&] { n = node->print(&text[0]); });
     text.resize(static_cast<size_t>(n));
     return text;
 }

@@ -8,6 +8,7 @@
 #include <oxel/formula.h>
 #include <oxel/nodes.h>
 
+#include "core/deep.h"
 #include "program/program.h"
 #include "nodes/kernels.h"
 #include "parser/converter.h"
@@ -20,7 +21,8 @@ const int kMaxSimplifyPasses = 100;
 }  // namespace
 
 OxelExpression::OxelExpression()
-    : root_(nullptr), aliases_(KxString("")), numInternal_(0), lastErrorOffset_(-1),
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), depth_(0),
+      lastErrorOffset_(-1),
       point_(nullptr), program_(nullptr)
 {
     clear();
@@ -88,7 +90,9 @@ int OxelExpression::isVarNeeded(const char* name) const
 {
     if (!name || !*name || !root_)
         return 0;
-    return root_->pconstant(name) == 0 ? 1 : 0;
+    int independent = 1;
+    oxs::withStackFor(depth_, [&] { independent = root_->pconstant(name); });
+    return independent == 0 ? 1 : 0;
 }
 
 // ---------------------------------------------------------------- parsing and lifecycle
@@ -141,7 +145,21 @@ inline double OxelExpression::evalAt(double* values, int count, int& err) const
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
+    if (__builtin_expect(depth_ > oxs::kShallowDepth, 0))
+        return evalDeep(values, err);
     return oxelPointRun(*pointProgram(), root_, values, err);
+}
+
+// A program that gives up on a tree hands the call to the tree walk, which recurses per level.
+__attribute__((noinline)) double OxelExpression::evalDeep(double* values, int& err) const
+{
+    double result = 0.0;
+    try {
+        oxs::withStackFor(depth_, [&] { result = oxelPointRun(*pointProgram(), root_, values, err); });
+    } catch (...) {
+        oxk::raise(err, OX_ERR_OVERFLOW);  // no room for a stack that deep
+    }
+    return result;
 }
 
 double OxelExpression::eval(KxDArray<double>& values, int& err) const
@@ -173,6 +191,7 @@ void OxelExpression::installTree(Oxel* tree)
     if (tree != root_)
         oxelDestroy(root_);
     root_ = tree;
+    depth_ = oxelDepth(tree);
 }
 
 void OxelExpression::clear()
@@ -303,7 +322,9 @@ int OxelExpression::evalBatch(const double* rows, int numRows, int stride, doubl
     if (!rows || !results || !errors || numRows < 0 || stride < numVars())
         return -1;
     if (numRows > 0)
-        oxelProgramRun(batchProgram(), rows, numRows, stride, results, errors);
+        oxs::withStackFor(depth_, [&] {
+            oxelProgramRun(batchProgram(), rows, numRows, stride, results, errors);
+        });
     return 0;
 }
 
@@ -313,7 +334,9 @@ int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
     if (!columns || !results || !errors || numRows < 0)
         return -1;
     if (numRows > 0)
-        oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors, errorsZeroed);
+        oxs::withStackFor(depth_, [&] {
+            oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors, errorsZeroed);
+        });
     return 0;
 }
 

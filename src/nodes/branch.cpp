@@ -27,10 +27,8 @@ Oxel* OxBranch::dup()
 
 OxBranch::~OxBranch()
 {
-    if (first_)
-        delete first_;
-    if (second_)
-        delete second_;
+    oxelDestroy(first_);
+    oxelDestroy(second_);
 }
 
 int OxBranch::priority() { return 1; }

@@ -135,8 +135,7 @@ Oxel* OxDepVar::dup()
 OxDepVar::~OxDepVar()
 {
     for (int i = 0; i < numChildren_; ++i)
-        if (children_[i])
-            delete children_[i];
+        oxelDestroy(children_[i]);
     delete[] children_;
     delete[] diffDims_;
     node_->unref();

@@ -118,8 +118,7 @@ Oxel* OxVar::dup() { return new OxVar(index_, name_.c_str()); }
 
 OxVar::~OxVar()
 {
-    if (bound_)
-        delete bound_;
+    oxelDestroy(bound_);
 }
 
 int OxVar::getNumChildren() { return bound_ ? 1 : 0; }

@@ -16,10 +16,11 @@ int OxConverter_yyNumDepVars = 0;
 
 std::string yyFehler;
 
-const char* const OxConverter_depthMessage =
-    "expression nested too deeply (more than 10000 levels)";
-
 namespace {
+
+// What a text nested beyond OXEL_MAX_DEPTH gets.
+const std::string depthMessage =
+    "expression nested too deeply (more than " + std::to_string(OXEL_MAX_DEPTH) + " levels)";
 
 // Message of the last failed parse, for OxConverter::lastError().
 std::string lastFailure;
@@ -125,11 +126,6 @@ int OxConverter_yyerror(const char* msg)
     return 1;
 }
 
-void OxConverter_plainError(const char* msg)
-{
-    yyFehler = msg;
-}
-
 Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
                         KxHashTable<KxString, KxString>* aliases, int numDepVars,
                         OxDepVarnode** depVars, std::string* error, int* errorOffset,
@@ -148,7 +144,6 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
     // The caller's text is cut at each ';' in place, and the ';' put back afterwards.
     char* start = const_cast<char*>(text);
     Oxel* result = nullptr;
-    long resultDepth = 0;
     for (;;) {
         char* semicolon = std::strchr(start, ';');
         if (semicolon)
@@ -162,18 +157,12 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
         OxConverter_yyrestart(nullptr);
         yyFehler.clear();
         yyOxel = nullptr;
-        OxConverter_yyparse();
+        // Only nesting fills the parser's stacks: a long flat text reduces as it goes.
+        if (OxConverter_yyparse() == 2)
+            OxConverter_yyerror(depthMessage.c_str());
 
         if (yyFehler.empty()) {
-            long depth = oxelDepth(yyOxel);
-            long chained = result ? (depth > resultDepth ? depth : resultDepth) + 1 : depth;
-            if (chained > OXEL_MAX_DEPTH) {
-                oxelDestroy(yyOxel);
-                OxConverter_plainError(OxConverter_depthMessage);
-            } else {
-                result = result ? new OxBranch(result, yyOxel) : yyOxel;
-                resultDepth = chained;
-            }
+            result = result ? new OxBranch(result, yyOxel) : yyOxel;
             yyOxel = nullptr;
         }
         if (!yyFehler.empty()) {

@@ -58,12 +58,6 @@ Oxel* NEW_ASSIGNMENT(char* name, Oxel* exp);
 Oxel* DEPVAR_CHECK_RETURN_OR_ERROR(int dims, OxDepVarnode* node, double component, Oxel** args);
 int OxConverter_yyerror(const char* msg);
 
-// Records a message without the " near >token<" suffix (for failures no token caused).
-void OxConverter_plainError(const char* msg);
-
-// The text of the depth refusal.
-extern const char* const OxConverter_depthMessage;
-
 // Component index of a dependent-variable reference: truncated toward zero, saturated
 // at the int range so that absurd literals cannot overflow the conversion.
 int OxConverter_component(double v);

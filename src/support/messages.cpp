@@ -57,3 +57,13 @@ OxelMessageQueue::~OxelMessageQueue()
             e.handler(e.kind, e.text.c_str(), e.userData);
     }
 }
+
+void* oxelMessageTarget()
+{
+    return queued;
+}
+
+void oxelMessageAdopt(void* target)
+{
+    queued = static_cast<std::vector<OxelMessageQueue::Entry>*>(target);
+}

@@ -33,4 +33,10 @@ private:
     OxelMessageQueue* outer_;
 };
 
+// Where this thread's messages are queued (null: straight to the handler), and making that
+// another thread's destination: a helper that works while its caller waits sends its messages
+// where the caller's would go.
+void* oxelMessageTarget();
+void oxelMessageAdopt(void* target);
+
 #endif
