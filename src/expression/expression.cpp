@@ -150,9 +150,13 @@ inline double OxelExpression::evalAt(double* values, int count, int& err) const
     return oxelPointRun(*pointProgram(), root_, values, err);
 }
 
-// A program that gives up on a tree hands the call to the tree walk, which recurses per level.
+// Programs run trees of any depth; only where one hands the call to the tree walk, which
+// recurses per level, does the call need a stack sized to the tree.
 __attribute__((noinline)) double OxelExpression::evalDeep(double* values, int& err) const
 {
+    const OxelPointProgram* p = pointProgram();
+    if (!oxelPointWalks(*p, err))
+        return oxelPointRun(*p, root_, values, err);
     double result = 0.0;
     try {
         oxs::withStackFor(depth_, [&] { result = oxelPointRun(*pointProgram(), root_, values, err); });

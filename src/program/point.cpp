@@ -333,6 +333,11 @@ OxelPointProgram* oxelPointCompile(Oxel* root, int numVars)
     return oxelPointBuild(oxp::lower(root, numVars));
 }
 
+bool oxelPointWalks(const OxelPointProgram& p, int err)
+{
+    return (p.walk && !p.wide) || (err != 0 && p.overwrites);
+}
+
 void oxelPointRelease(OxelPointProgram* p)
 {
     delete p;
