@@ -3,6 +3,7 @@
 // stays in a machine register) are encoded in the instruction itself, run by a threaded
 // interpreter with the hot operators inlined per operand combination.
 #include "program/program.h"
+#include "program/native/native.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -134,6 +135,7 @@ public:
     std::vector<oxk::PowPlan> plans;  // reserved up front: the instructions point into it
     bool walk = false;                // the tree walk serves eval
     bool overwrites = false;
+    oxn::PointTier native;            // machine code once the program is hot
 };
 
 namespace {
@@ -316,6 +318,7 @@ OxelPointProgram* oxelPointBuild(const oxp::Program& ir)
 {
     OxelPointProgram* p = new OxelPointProgram;
     p->overwrites = ir.overwrites;
+    p->native.setVars(static_cast<int>(ir.inputRead.size()));
     if (!ir.ok || !build(*p, ir)) {
         p->code.clear();
         p->walk = true;
@@ -339,6 +342,8 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
     if (p.walk || (err != 0 && p.overwrites))
         return root->value(vars, err);
+    if (oxn::PointFn f = p.native.get(root))
+        return oxn::runPoint(f, vars, err);
 #define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
 #define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,
