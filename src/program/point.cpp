@@ -336,14 +336,10 @@ void oxelPointRelease(OxelPointProgram* p)
     delete p;
 }
 
-double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err)
+namespace {
+
+[[gnu::noinline]] double interpret(const OxelPointProgram& p, double* vars, int& err)
 {
-    // A comparison may overwrite a code that was already set when eval() began; only the
-    // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
-    if (p.walk || (err != 0 && p.overwrites))
-        return root->value(vars, err);
-    if (oxn::PointFn f = p.native.get(root))
-        return oxn::runPoint(f, vars, err);
 #define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
 #define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,
@@ -437,4 +433,18 @@ L_return: {
 #undef OXP_V
 #undef OXP_R
 #undef OXP_NEXT
+}
+
+}  // namespace
+
+// Kept small: the native code's calls do not pay for the interpreter's frame.
+double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err)
+{
+    // A comparison may overwrite a code that was already set when eval() began; only the
+    // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
+    if (p.walk || (err != 0 && p.overwrites))
+        return root->value(vars, err);
+    if (oxn::PointFn f = p.native.get(root))
+        return oxn::runPoint(f, vars, err);
+    return interpret(p, vars, err);
 }

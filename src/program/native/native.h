@@ -16,8 +16,12 @@ namespace oxn {
 using PointFn = double (*)(double* vars, int* code);
 
 // Native code is used: the build has the generator, OXEL_JIT is not "0" and the host did
-// not switch it off.
-bool enabled();
+// not switch it off (false until the library's static initialisation has run).
+extern std::atomic<bool> gEnabled;
+inline bool enabled()
+{
+    return gEnabled.load(std::memory_order_relaxed);
+}
 
 // Programs with more steps than this stay in the interpreter: the generator's frame and code
 // grow with the steps, and such programs spend their time in the kernels anyway.

@@ -77,7 +77,11 @@ private:
     int step_ = 0;
     std::deque<Slow> slow_;
     std::map<uint64_t, Xbyak::Label> pool_;
-    int saveOff_ = 0, tempOff_ = 0, argOff_ = 0;
+    int saveOff_ = 0, tempOff_ = 0, argOff_ = 0, varsOff_ = 0, codeOff_ = 0;
+    // A leaf program calls nothing on its main path: it keeps the value vector in rdi and the
+    // code's address in the frame, and saves no register; slow paths reload rdi.
+    bool leaf_ = true;
+    Xbyak::Reg64 vars_{Xbyak::Operand::RDI};
 
     const Xbyak::Xmm s0{14}, s1{15};
 
@@ -97,7 +101,7 @@ private:
         case Operand::Const:
             return Place{false, -1, constant(o.k)};
         case Operand::Input:
-            return Place{false, -1, qword[rbx + 8 * o.index]};
+            return Place{false, -1, qword[vars_ + 8 * o.index]};
         case Operand::Reg:
             break;
         }
@@ -214,10 +218,33 @@ private:
         return (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
     }
 
+    void codePointer(const Xbyak::Reg64& r)
+    {
+        if (leaf_)
+            mov(r, qword[rsp + codeOff_]);
+        else
+            mov(r, r12);
+    }
+
     void callFn(const void* fn)
     {
         mov(rax, reinterpret_cast<uint64_t>(fn));
         call(rax);
+    }
+
+    // The kinds inlined() computes without a call on the main path.
+    static bool inlinable(const oxp::Step& s)
+    {
+        switch (s.kind) {
+        case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
+        case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
+        case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
+        case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
+        case Kind::OxBetrag:
+            return true;
+        default:
+            return false;
+        }
     }
 
     bool inlined(const oxp::Step& s);
@@ -384,9 +411,10 @@ void Generator::callStep(const oxp::Step& s)
 void Generator::raiseStep(int code)
 {
     Xbyak::Label done;
-    cmp(dword[r12], 0);
+    codePointer(rax);
+    cmp(dword[rax], 0);
     jne(done);
-    mov(dword[r12], code);
+    mov(dword[rax], code);
     L(done);
 }
 
@@ -413,7 +441,7 @@ void Generator::writeBack()
         values.push_back(stable(as.second));
     for (size_t i = 0; i < values.size(); ++i) {
         load(s0, values[i]);
-        movsd(qword[rbx + 8 * l_.assigned[i].first], s0);
+        movsd(qword[vars_ + 8 * l_.assigned[i].first], s0);
     }
     load(xmm0, result);
 }
@@ -435,8 +463,10 @@ void Generator::slowPaths()
         const oxk::KindRow& row = oxk::row(sl.kind);
         if (!row.un)
             arg(xmm1, sl.b);
-        mov(rdi, r12);
+        codePointer(rdi);
         callFn(row.un ? reinterpret_cast<const void*>(row.un) : reinterpret_cast<const void*>(row.bin));
+        if (leaf_)
+            mov(vars_, qword[rsp + varsOff_]);
         movapd(s0, xmm0);
         for (int r = 0; r < kAlloc; ++r)
             if ((sl.saved & (1u << r)) && r != sl.dst)
@@ -461,29 +491,44 @@ void Generator::run()
     saveOff_ = 8 * l_.numSlots;
     tempOff_ = saveOff_ + 8 * kAlloc;
     argOff_ = tempOff_ + 8 * (1 + static_cast<int>(l_.assigned.size()));
-    const int frame = (argOff_ + 8 * maxArgs + 15) & ~15;
-
-    // Three pushes after the return address leave rsp 16-byte aligned, as calls need it.
-    push(rbx);
-    push(r12);
-    push(rbp);
-    sub(rsp, frame);
-    mov(rbx, rdi);  // the caller's value vector
-    mov(r12, rsi);  // the error code
+    varsOff_ = argOff_ + 8 * maxArgs;
+    codeOff_ = varsOff_ + 8;
+    // Entered with rsp 8 below a multiple of 16: the frame (or three pushes) make calls aligned.
+    const int frame = (codeOff_ + 8 + 15) & ~15;
+    for (const oxp::Step& s : l_.steps)
+        if (s.kind != Kind::Unknown && (oxp::isCall(s) || !inlinable(s)))
+            leaf_ = false;
+    if (leaf_) {
+        sub(rsp, frame + 8);
+        mov(qword[rsp + varsOff_], rdi);
+        mov(qword[rsp + codeOff_], rsi);
+    } else {
+        vars_ = rbx;
+        push(rbx);
+        push(r12);
+        push(rbp);
+        sub(rsp, frame);
+        mov(rbx, rdi);  // the caller's value vector
+        mov(r12, rsi);  // the error code
+    }
     for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
         const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
         if (s.kind == Kind::Unknown)
             raiseStep(s.code);
         else if (oxp::isCall(s))
             callStep(s);
-        else if (!inlined(s))
+        else if (!inlinable(s) || !inlined(s))
             kernelCall(s);
     }
     writeBack();
-    add(rsp, frame);
-    pop(rbp);
-    pop(r12);
-    pop(rbx);
+    if (leaf_) {
+        add(rsp, frame + 8);
+    } else {
+        add(rsp, frame);
+        pop(rbp);
+        pop(r12);
+        pop(rbx);
+    }
     ret();
     slowPaths();
     align(16);

@@ -20,22 +20,13 @@ bool fromEnvironment()
 #endif
 }
 
-std::atomic<bool>& switchedOn()
-{
-    static std::atomic<bool> on{fromEnvironment()};
-    return on;
-}
-
 // Compiling costs 3-15 us (lowering again included), the interpreter about 10 ns more per call
 // than the code: a program pays back its compilation after about a thousand calls.
 std::atomic<int> gHotCalls{1000};
 
 }  // namespace
 
-bool enabled()
-{
-    return switchedOn().load(std::memory_order_relaxed);
-}
+std::atomic<bool> gEnabled{fromEnvironment()};
 
 PointFn PointTier::warm(Oxel* root) const
 {
@@ -65,7 +56,7 @@ void releaseNative(NativeCode&) {}
 
 void oxelSetNativeCode(bool on)
 {
-    oxn::switchedOn().store(on && oxn::fromEnvironment(), std::memory_order_relaxed);
+    oxn::gEnabled.store(on && oxn::fromEnvironment(), std::memory_order_relaxed);
 }
 
 int oxelNativeCompile(Oxel* root, int numVars)
