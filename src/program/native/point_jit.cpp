@@ -79,7 +79,7 @@ private:
     std::map<uint64_t, Xbyak::Label> pool_;
     int saveOff_ = 0, tempOff_ = 0, argOff_ = 0, varsOff_ = 0, codeOff_ = 0;
     // A leaf program calls nothing on its main path: it keeps the value vector in rdi and the
-    // code's address in the frame, and saves no register; slow paths reload rdi.
+    // code's address in rsi, and saves no register; slow paths keep both in the frame.
     bool leaf_ = true;
     Xbyak::Reg64 vars_{Xbyak::Operand::RDI};
 
@@ -218,13 +218,8 @@ private:
         return (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
     }
 
-    void codePointer(const Xbyak::Reg64& r)
-    {
-        if (leaf_)
-            mov(r, qword[rsp + codeOff_]);
-        else
-            mov(r, r12);
-    }
+    // The error code's address: rsi stays intact on a leaf program's main path.
+    const Xbyak::Reg64& codePointer() const { return leaf_ ? rsi : r12; }
 
     void callFn(const void* fn)
     {
@@ -411,10 +406,9 @@ void Generator::callStep(const oxp::Step& s)
 void Generator::raiseStep(int code)
 {
     Xbyak::Label done;
-    codePointer(rax);
-    cmp(dword[rax], 0);
+    cmp(dword[codePointer()], 0);
     jne(done);
-    mov(dword[rax], code);
+    mov(dword[codePointer()], code);
     L(done);
 }
 
@@ -463,10 +457,16 @@ void Generator::slowPaths()
         const oxk::KindRow& row = oxk::row(sl.kind);
         if (!row.un)
             arg(xmm1, sl.b);
-        codePointer(rdi);
+        if (leaf_) {  // the call may change both argument registers
+            mov(qword[rsp + varsOff_], rdi);
+            mov(qword[rsp + codeOff_], rsi);
+        }
+        mov(rdi, codePointer());
         callFn(row.un ? reinterpret_cast<const void*>(row.un) : reinterpret_cast<const void*>(row.bin));
-        if (leaf_)
-            mov(vars_, qword[rsp + varsOff_]);
+        if (leaf_) {
+            mov(rdi, qword[rsp + varsOff_]);
+            mov(rsi, qword[rsp + codeOff_]);
+        }
         movapd(s0, xmm0);
         for (int r = 0; r < kAlloc; ++r)
             if ((sl.saved & (1u << r)) && r != sl.dst)
@@ -500,8 +500,6 @@ void Generator::run()
             leaf_ = false;
     if (leaf_) {
         sub(rsp, frame + 8);
-        mov(qword[rsp + varsOff_], rdi);
-        mov(qword[rsp + codeOff_], rsi);
     } else {
         vars_ = rbx;
         push(rbx);
