@@ -89,12 +89,23 @@ TEST(NativeCode, CompilesTheLanguageAndRefusesOversizedPrograms)
     for (int i = 0; i < 300; ++i)
         texts.push_back("a = " + randomFormula(rng, 2, false, nullptr) + "; " +
                         randomFormula(rng, 5, true, nullptr));
+    // Forty values alive at once: more than the registers, so values are spilled and
+    // reloaded, also around the out-of-line guards.
+    std::string pressure, sum = "0";
+    for (int i = 1; i <= 40; ++i) {
+        pressure += "v" + std::to_string(i) + " = x / " + std::to_string(i) + " + y * z; ";
+        sum = "(" + sum + (i % 2 ? " + v" : " * v") + std::to_string(i) + ")";
+    }
+    texts.push_back(pressure + sum);
     for (const std::string& text : texts) {
         std::unique_ptr<OxelExpression> e = parsed(text);
         if (!e)
             continue;
         EXPECT_EQ(oxelNativeCompile(e->root(), e->numVars()), expected) << text;
     }
+    std::unique_ptr<OxelExpression> wide = parsed(texts.back());
+    ASSERT_TRUE(wide);
+    EXPECT_EQ(evalMismatch(*wide), "");
     std::unique_ptr<OxelExpression> e = parsed("0");
     e->setRoot(wideSum(0, oxn::kMaxSteps));
     EXPECT_GT(oxelProgramSteps(e->root(), e->numVars()), oxn::kMaxSteps);

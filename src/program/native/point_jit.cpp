@@ -545,7 +545,9 @@ PointFn compilePoint(const oxp::Program& ir, NativeCode& out)
         return nullptr;
     // Generated into an ordinary buffer and copied: the executable pages are never writable.
     // Jumps and constants are addressed relative to the code, so the copy runs anywhere.
-    const size_t size = 4096 + 256 * ir.steps.size() + 16 * ir.args.size();
+    // Bounds per step: the main path with a spill (about 80 bytes), an out-of-line guard
+    // saving and restoring all 14 registers (about 310) and three constants (48).
+    const size_t size = 4096 + 512 * ir.steps.size() + 24 * ir.args.size();
     std::vector<uint64_t> buf(size / 8 + 8);
     uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
     start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;  // aligned as the arena's
