@@ -11,8 +11,8 @@
 
 namespace oxn {
 
-// A compiled program: the value, first failure in *code (which starts at 0), assigned slots
-// written back into vars.
+// A compiled program: the value, the first failure in *code unless it is set already,
+// assigned slots written back into vars.
 using PointFn = double (*)(double* vars, int* code);
 
 // Native code is used: the build has the generator, OXEL_JIT is not "0" and the host did
@@ -68,13 +68,11 @@ private:
     mutable NativeCode code_;
 };
 
+// The code writes only while it is zero, so the caller's code serves directly: a nonzero one
+// stays as it is, as the interpreter leaves it.
 inline double runPoint(PointFn f, double* vars, int& err)
 {
-    int code = 0;
-    const double v = f(vars, &code);
-    if (err == 0)
-        err = code;
-    return v;
+    return f(vars, &err);
 }
 
 }  // namespace oxn
