@@ -53,6 +53,8 @@ need_packages() {
 }
 
 need_packages build-essential cmake flex bison libgtest-dev pkg-config
+# The machine-code back end of eval (headers only, needed at build time alone).
+need_packages libxbyak-dev
 # The Python module and its tests (numpy, Dask, pytest, the pip install check), all from Debian.
 need_packages python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-dask \
     python3-distributed python3-setuptools python3-wheel python3-venv python3-pip python3-build

@@ -215,6 +215,23 @@ void benchParse(benchmark::State& st, int f)
         benchmark::DoNotOptimize(e.initFromString(&t[0]));
 }
 
+// First use: declare the variables, parse, evaluate once (what a host pays for a formula it
+// evaluates a few times only).
+void benchFirst(benchmark::State& st, int f)
+{
+    const std::string t = text(f);
+    std::vector<double> vals(static_cast<size_t>(kStride), 1.5);
+    for (auto _ : st) {
+        OxelExpression e;
+        for (const char* n : kVarNames)
+            e.addVar(n);
+        std::string copy = t;
+        e.initFromString(&copy[0]);
+        int err = 0;
+        benchmark::DoNotOptimize(e.eval(vals.data(), static_cast<int>(vals.size()), err));
+    }
+}
+
 void benchDiff(benchmark::State& st, int f)
 {
     OxelExpression* e = parseOxel(f);
@@ -412,6 +429,7 @@ void registerAll()
         }
 #endif
         reg("parse", benchParse);
+        reg("first", benchFirst);
         reg("diff", benchDiff);
         if (arithmeticOfFour(f)) {
             for (auto large : {std::make_pair("threads-1", &benchLargeOne),
@@ -548,7 +566,8 @@ void printSummary()
     std::printf("| formula | eval | batch | muparser | fparser | native | eval/mu | batch/mu | "
                 "batch/native | parse | parse mu | parse fp | d/dx+simp |\n");
     std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
-    std::vector<double> evalMu, batchMu, batchNative, evalFp, parse, parseMu, diff;
+    std::vector<double> evalMu, batchMu, batchNative, evalFp, parse, parseMu, diff, evalNative,
+        firstMu;
     for (int f = 0; f < kNumFormulas; ++f) {
         double ev = perPoint("eval", f), ba = perPoint("batch", f), na = perPoint("native", f);
         double mu = perPoint("muparser", f), fp = perPoint("fparser", f);
@@ -560,6 +579,10 @@ void printSummary()
             batchMu.push_back(ratio(ba, mu));
         if (ratio(ba, na) > 0)
             batchNative.push_back(ratio(ba, na));
+        if (ratio(ev, na) > 0)
+            evalNative.push_back(ratio(ev, na));
+        if (ratio(perCall("first", f), pm) > 0)
+            firstMu.push_back(ratio(perCall("first", f), pm));
         if (ratio(ev, fp) > 0)
             evalFp.push_back(ratio(ev, fp));
         if (pa > 0)
@@ -576,8 +599,9 @@ void printSummary()
                     cell(di, "%.0f").c_str());
     }
     std::printf("\nmedians: eval/muparser %.2f, batch/muparser %.2f, batch/native %.2f, "
-                "eval/fparser %.2f\n",
-                median(evalMu), median(batchMu), median(batchNative), median(evalFp));
+                "eval/fparser %.2f, eval/native %.2f, first use/muparser's %.2f\n",
+                median(evalMu), median(batchMu), median(batchNative), median(evalFp),
+                median(evalNative), median(firstMu));
     // Powers against the C library's pow on the same points (the power formulas only).
     std::vector<double> evalLibm, batchLibm;
     std::printf("\n| power formula | eval | batch | native | C pow | eval/pow | batch/pow |\n");

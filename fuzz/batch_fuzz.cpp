@@ -1,5 +1,5 @@
-// libFuzzer target: eval()'s compiled program and the batch must give the tree walk's value,
-// error code and slot values on every row.
+// libFuzzer target: eval()'s compiled program (native code included) and the batch must give
+// the tree walk's value, error code and slot values on every row.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fuzz_common.h"
+#include "program/native/native.h"
 
 namespace {
 
@@ -46,6 +47,8 @@ double pickValue(uint8_t b)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
+    // eval() runs native code (where the build has it) from the first call on.
+    oxelNativeHotCalls(0);
     // The lexer echoes unknown characters on stdout.
     if (!std::freopen("/dev/null", "w", stdout))
         return 0;

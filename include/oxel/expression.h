@@ -149,4 +149,9 @@ private:
 OXEL_API void oxelSetBatchThreads(int n);
 OXEL_API int oxelBatchThreads();
 
+/// Whether eval (and the row-by-row batches) may run formulas as native machine code, once a
+/// formula has been evaluated often enough; on by default where the processor and the system
+/// allow it, and never when the environment has OXEL_JIT=0. Results are the same bits either way.
+OXEL_API void oxelSetNativeCode(bool on);
+
 #endif

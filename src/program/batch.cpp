@@ -1,5 +1,6 @@
 // Running the column program: the loops of every kind, blocks of rows, worker threads.
 #include "program/batch.h"
+#include "program/native/wide.h"
 
 #include <algorithm>
 #include <array>
@@ -155,6 +156,8 @@ Runner selectRunner(const oxp::Step& s)
 {
     if (s.kind == oxk::Kind::Unknown)
         return &raiseLoop;
+    if (Runner wide = oxn::wideRunner(s))
+        return wide;
     const bool aConst = s.a.mode == oxp::Operand::Const;
     const bool bConst = s.b.mode == oxp::Operand::Const;
     if (oxp::plannedPower(s))

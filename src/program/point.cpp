@@ -3,6 +3,7 @@
 // stays in a machine register) are encoded in the instruction itself, run by a threaded
 // interpreter with the hot operators inlined per operand combination.
 #include "program/program.h"
+#include "program/native/native.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -135,7 +136,8 @@ public:
     bool walk = false;                // the tree walk or, with wide set, the step interpreter
     bool wide = false;                // serves eval
     bool overwrites = false;
-    oxp::Program steps;               // the steps, for a wide program
+    oxp::Program steps;               // the steps: for a wide program, and for native code
+    oxn::PointTier native;            // machine code once the program is hot
 };
 
 namespace {
@@ -314,7 +316,7 @@ bool build(OxelPointProgram& p, const oxp::Program& l)
 
 }  // namespace
 
-OxelPointProgram* oxelPointBuild(const oxp::Program& ir)
+OxelPointProgram* oxelPointBuild(oxp::Program ir)
 {
     OxelPointProgram* p = new OxelPointProgram;
     p->overwrites = ir.overwrites;
@@ -322,9 +324,8 @@ OxelPointProgram* oxelPointBuild(const oxp::Program& ir)
         p->code.clear();
         p->walk = true;
         p->wide = ir.ok;
-        if (p->wide)
-            p->steps = ir;
     }
+    p->steps = std::move(ir);
     return p;
 }
 
@@ -348,13 +349,10 @@ bool oxelPointBuilt(const OxelPointProgram& p)
     return !p.walk;
 }
 
-double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err)
+namespace {
+
+[[gnu::noinline]] double interpret(const OxelPointProgram& p, double* vars, int& err)
 {
-    // A comparison may overwrite a code that was already set when eval() began; only the
-    // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
-    if (p.walk || (err != 0 && p.overwrites))
-        return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
-                                                     : root->value(vars, err);
 #define OXP_LABEL_MODE(Cls, A, B) &&L_##Cls##_##A##B,
 #define OXP_LABELS(Cls) OXP_MODES(OXP_LABEL_MODE, Cls)
 #define OXP_LABEL_UNARY_MODE(Cls, A) &&L_##Cls##_##A,
@@ -448,4 +446,19 @@ L_return: {
 #undef OXP_V
 #undef OXP_R
 #undef OXP_NEXT
+}
+
+}  // namespace
+
+// Kept small: the native code's calls do not pay for the interpreter's frame.
+double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err)
+{
+    // A comparison may overwrite a code that was already set when eval() began; only the
+    // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
+    if (p.walk || (err != 0 && p.overwrites))
+        return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
+                                                     : root->value(vars, err);
+    if (oxn::PointFn f = p.native.get(p.steps))
+        return oxn::runPoint(f, vars, err);
+    return interpret(p, vars, err);
 }

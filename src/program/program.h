@@ -11,7 +11,7 @@
 class OxelPointProgram;
 OxelPointProgram* oxelPointCompile(Oxel* root, int numVars);
 // The same from a program lowered already (ir.ok).
-OxelPointProgram* oxelPointBuild(const oxp::Program& ir);
+OxelPointProgram* oxelPointBuild(oxp::Program ir);
 void oxelPointRelease(OxelPointProgram* p);
 // False when the tree walk serves the program (it could not be built).
 bool oxelPointBuilt(const OxelPointProgram& p);

@@ -1,0 +1,86 @@
+// Native code behind eval(): the switch, the hot-call tier and the generator's entry point.
+#ifndef OXEL_PROGRAM_NATIVE_NATIVE_H
+#define OXEL_PROGRAM_NATIVE_NATIVE_H
+
+#include <atomic>
+
+#include <oxel/export.h>
+
+#include "program/ir.h"
+#include "program/native/arena.h"
+
+namespace oxn {
+
+// A compiled program: the value, the first failure in *code unless it is set already,
+// assigned slots written back into vars.
+using PointFn = double (*)(double* vars, int* code);
+
+// Native code is used: the build has the generator, OXEL_JIT is not "0" and the host did
+// not switch it off (false until the library's static initialisation has run).
+extern std::atomic<bool> gEnabled;
+inline bool enabled()
+{
+    return gEnabled.load(std::memory_order_relaxed);
+}
+
+// Programs with more steps than this stay in the interpreter: the generator's frame and code
+// grow with the steps, and such programs spend their time in the kernels anyway.
+const int kMaxSteps = 20000;
+
+// A compiled program: its code and what the code points into (plans, calls).
+struct Extras;
+struct NativeCode {
+    CodeBlock block;
+    Extras* extras = nullptr;
+};
+
+// Machine code for a lowered program (ir.ok); null when it cannot be had.
+PointFn compilePoint(const oxp::Program& ir, NativeCode& out);
+void releaseNative(NativeCode& code);
+
+// The single-point program's native tier: the interpreter serves the first calls, and the
+// call that makes the program hot compiles it; every thread then runs the published code.
+class PointTier {
+public:
+    PointTier() = default;
+    PointTier(const PointTier&) = delete;
+    PointTier& operator=(const PointTier&) = delete;
+    ~PointTier() { releaseNative(code_); }
+
+    // The code to run for this call of the program ir, or null for the interpreter.
+    PointFn get(const oxp::Program& ir) const
+    {
+        PointFn f = fn_.load(std::memory_order_acquire);
+        if (f)
+            return enabled() ? f : nullptr;
+        return warm(ir);
+    }
+
+private:
+    PointFn warm(const oxp::Program& ir) const;
+
+    mutable std::atomic<PointFn> fn_{nullptr};
+    mutable std::atomic<int> calls_{0};
+    mutable std::atomic<bool> claimed_{false};  // one thread compiles (or gave up)
+    mutable NativeCode code_;
+};
+
+// The code writes only while it is zero, so the caller's code serves directly: a nonzero one
+// stays as it is, as the interpreter leaves it.
+inline double runPoint(PointFn f, double* vars, int& err)
+{
+    return f(vars, &err);
+}
+
+}  // namespace oxn
+
+// For tests: 1 when the generator gives code for the tree's program (0: the interpreter keeps
+// it), and the arena's chunks mapped now.
+OXEL_API int oxelNativeCompile(Oxel* root, int numVars);
+OXEL_API int oxelNativeArenaChunks();
+
+// Calls of one program before it is compiled (0: the first call compiles). For tests and
+// measurements; the default suits programs evaluated many times.
+OXEL_API void oxelNativeHotCalls(int calls);
+
+#endif

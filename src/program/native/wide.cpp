@@ -1,0 +1,162 @@
+// Four-lane AVX2 column loops: + - * / with their results tested (a result below 2^1022 in
+// magnitude is the kernel's own, see point_jit.cpp; other lanes run the kernel), min, max,
+// comparisons, connectives, negation, abs and sqrt, all of them the scalar kernels' bits.
+#include "program/native/wide.h"
+
+#include <array>
+#include <utility>
+
+#include "program/native/native.h"
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define OXN_WIDE 1
+#endif
+
+namespace oxn {
+
+#ifdef OXN_WIDE
+namespace {
+
+using oxk::Kind;
+
+#define OXN_AVX2 [[gnu::target("avx2"), gnu::always_inline]] inline
+
+OXN_AVX2 __m256d truth(__m256d mask)
+{
+    return _mm256_and_pd(mask, _mm256_set1_pd(1.0));
+}
+
+// minpd/maxpd give the second operand unless the first is strictly smaller/larger, which is
+// the kernels' a < b ? a : b, NaN and signed zeros included.
+template <Kind K>
+OXN_AVX2 __m256d op(__m256d a, __m256d b)
+{
+    const __m256d small = _mm256_set1_pd(1e-8);
+    if constexpr (K == Kind::OxPlus)
+        return _mm256_add_pd(a, b);
+    else if constexpr (K == Kind::OxMinus)
+        return _mm256_sub_pd(a, b);
+    else if constexpr (K == Kind::OxMal)
+        return _mm256_mul_pd(a, b);
+    else if constexpr (K == Kind::OxDurch)
+        return _mm256_div_pd(a, b);
+    else if constexpr (K == Kind::OxMin)
+        return _mm256_min_pd(a, b);
+    else if constexpr (K == Kind::OxMax)
+        return _mm256_max_pd(a, b);
+    else if constexpr (K == Kind::OxLess)
+        return truth(_mm256_cmp_pd(a, b, _CMP_LT_OQ));
+    else if constexpr (K == Kind::OxGreater)
+        return truth(_mm256_cmp_pd(a, b, _CMP_GT_OQ));
+    else if constexpr (K == Kind::OxLessEqual)
+        return truth(_mm256_cmp_pd(a, b, _CMP_LE_OQ));
+    else if constexpr (K == Kind::OxGreaterEqual)
+        return truth(_mm256_cmp_pd(a, b, _CMP_GE_OQ));
+    else if constexpr (K == Kind::OxEqual)
+        return truth(_mm256_cmp_pd(a, b, _CMP_EQ_OQ));
+    else if constexpr (K == Kind::OxAnd)
+        return truth(_mm256_and_pd(_mm256_cmp_pd(a, small, _CMP_GT_OQ),
+                                   _mm256_cmp_pd(b, small, _CMP_GT_OQ)));
+    else if constexpr (K == Kind::OxOr)
+        return truth(_mm256_or_pd(_mm256_cmp_pd(a, small, _CMP_GT_OQ),
+                                  _mm256_cmp_pd(b, small, _CMP_GT_OQ)));
+    else if constexpr (K == Kind::OxNot)
+        return truth(_mm256_cmp_pd(a, small, _CMP_LT_OQ));
+    else if constexpr (K == Kind::OxBetrag)
+        return _mm256_andnot_pd(_mm256_set1_pd(-0.0), a);
+    else
+        return _mm256_sqrt_pd(a);
+}
+
+// Lanes that may differ from the kernel: results of + - * / not below 2^1022 (NaN included),
+// NaN square roots (negative or NaN radicands).
+template <Kind K>
+OXN_AVX2 bool unsure(__m256d r)
+{
+    if constexpr (K == Kind::OxPlus || K == Kind::OxMinus || K == Kind::OxMal ||
+                  K == Kind::OxDurch) {
+        const __m256d mag = _mm256_andnot_pd(_mm256_set1_pd(-0.0), r);
+        return _mm256_movemask_pd(_mm256_cmp_pd(mag, _mm256_set1_pd(0x1p1022), _CMP_LT_OQ)) != 15;
+    } else if constexpr (K == Kind::OxSqroot) {
+        return _mm256_movemask_pd(_mm256_cmp_pd(r, r, _CMP_UNORD_Q)) != 0;
+    } else {
+        return false;
+    }
+}
+
+// Four rows per step over the whole block (a partial block's tail computes on stale rows that
+// nobody reads: columns hold a full block); rows of an unsure group take the kernel, which
+// also records their codes.
+template <Kind K, bool AConst, bool BConst>
+[[gnu::target("avx2")]] void wideLoop(const oxb::Insn& in, const oxb::Frame& f)
+{
+    constexpr bool un = oxk::row(K).un != nullptr;
+    const double* a = AConst ? nullptr : f.cols[in.a];
+    const double* b = (BConst || un) ? nullptr : f.cols[in.b];
+    double* r = f.cols[in.out];
+    const __m256d ka = _mm256_set1_pd(in.ka);
+    const __m256d kb = _mm256_set1_pd(in.kb);
+    const int end = (f.n + 3) & ~3;
+    for (int i = 0; i < end; i += 4) {
+        const __m256d va = AConst ? ka : _mm256_loadu_pd(a + i);
+        const __m256d vb = (BConst || un) ? kb : _mm256_loadu_pd(b + i);
+        const __m256d v = op<K>(va, vb);
+        _mm256_storeu_pd(r + i, v);
+        if (!unsure<K>(v))
+            continue;
+        for (int j = i; j < i + 4 && j < f.n; ++j) {
+            const double x = AConst ? in.ka : a[j];
+            if constexpr (un)
+                r[j] = oxk::row(K).un(x, f.err[j]);
+            else
+                r[j] = oxk::row(K).bin(x, BConst ? in.kb : b[j], f.err[j]);
+        }
+    }
+}
+
+// The kinds with a four-lane form.
+#define OXN_WIDE_KINDS(X)                                                                   \
+    X(OxPlus) X(OxMinus) X(OxMal) X(OxDurch) X(OxMin) X(OxMax) X(OxLess) X(OxGreater)      \
+    X(OxLessEqual) X(OxGreaterEqual) X(OxEqual) X(OxAnd) X(OxOr) X(OxNot) X(OxBetrag)       \
+    X(OxSqroot)
+
+bool haveAvx2()
+{
+    static const bool have = __builtin_cpu_supports("avx2");
+    return have;
+}
+
+}  // namespace
+
+oxb::Runner wideRunner(const oxp::Step& s)
+{
+    if (!enabled() || !haveAvx2() || oxp::plannedPower(s))
+        return nullptr;
+    const bool aConst = s.a.mode == oxp::Operand::Const;
+    const bool bConst = s.b.mode == oxp::Operand::Const;
+    switch (s.kind) {
+#define OXN_CASE(Cls)                                                   \
+    case Kind::Cls:                                                     \
+        if (oxk::row(Kind::Cls).un)                                     \
+            return &wideLoop<Kind::Cls, false, false>;                  \
+        return aConst ? &wideLoop<Kind::Cls, true, false>               \
+                      : bConst ? &wideLoop<Kind::Cls, false, true>      \
+                               : &wideLoop<Kind::Cls, false, false>;
+        OXN_WIDE_KINDS(OXN_CASE)
+#undef OXN_CASE
+    default:
+        return nullptr;
+    }
+}
+
+#else
+
+oxb::Runner wideRunner(const oxp::Step&)
+{
+    return nullptr;
+}
+
+#endif
+
+}  // namespace oxn

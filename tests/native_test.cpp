@@ -1,0 +1,153 @@
+// Tests of the native code behind eval: the generator takes the whole language and refuses
+// oversized programs, switching it off changes no bit, and its arena gives back what it takes.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <oxel/oxel.h>
+
+#include "program/native/native.h"
+#include "program/program.h"
+
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std::string* shared);
+
+namespace {
+
+// The generator is expected to take every formula: the build has it and the environment does
+// not switch it off.
+bool nativeExpected()
+{
+#ifdef OXEL_TEST_NATIVE
+    const char* v = std::getenv("OXEL_JIT");
+    return !(v && std::strcmp(v, "0") == 0);
+#else
+    return false;
+#endif
+}
+
+bool sameBits(double a, double b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+std::unique_ptr<OxelExpression> parsed(const std::string& text)
+{
+    std::unique_ptr<OxelExpression> e(new OxelExpression);
+    for (const char* name : {"x", "y", "z"})
+        e->addVar(name);
+    std::vector<char> buf(text.begin(), text.end());
+    buf.push_back('\0');
+    return e->initFromString(buf.data()) == 1 ? std::move(e) : nullptr;
+}
+
+// eval() against the tree walk at special points: value bits, code and the slots it leaves.
+std::string evalMismatch(OxelExpression& e)
+{
+    const double points[] = {0.5, -0.0, NAN, INFINITY, -INFINITY, 1e-320, 1e308, -3.0, 710.0};
+    const int nv = e.numVars();
+    for (double x : points) {
+        std::vector<double> walked(static_cast<size_t>(nv), x), ran(walked);
+        if (nv > 1)
+            walked[1] = ran[1] = -x / 3;
+        int codeWalk = 0, codeRun = 0;
+        const double w = e.root()->value(walked.data(), codeWalk);
+        const double r = e.eval(ran.data(), nv, codeRun);
+        if (!sameBits(w, r) || codeWalk != codeRun ||
+            std::memcmp(walked.data(), ran.data(), sizeof(double) * walked.size()) != 0)
+            return "at " + std::to_string(x) + ": tree " + std::to_string(w) + " code " +
+                   std::to_string(codeWalk) + ", eval " + std::to_string(r) + " code " +
+                   std::to_string(codeRun);
+    }
+    return "";
+}
+
+// A balanced sum of n distinct products: about 2n steps, shallow enough to lower.
+Oxel* wideSum(int first, int n)
+{
+    if (n == 1)
+        return new OxMal(new OxVar(0, "x"), new OxZahl(first + 0.5));
+    return new OxPlus(wideSum(first, n / 2), wideSum(first + n / 2, n - n / 2));
+}
+
+}  // namespace
+
+// Random formulas of the whole language, calls included, compile; a program above the step
+// limit stays in the interpreter with the tree's results.
+TEST(NativeCode, CompilesTheLanguageAndRefusesOversizedPrograms)
+{
+    const int expected = nativeExpected() ? 1 : 0;
+    std::mt19937 rng(77);
+    std::vector<std::string> texts = {"rand() * x + gauss()", "a = x; x = y; y = a; x - y",
+                                      "ln(x) + sqrt(-1) / 0"};
+    for (int i = 0; i < 300; ++i)
+        texts.push_back("a = " + randomFormula(rng, 2, false, nullptr) + "; " +
+                        randomFormula(rng, 5, true, nullptr));
+    // Forty values alive at once: more than the registers, so values are spilled and
+    // reloaded, also around the out-of-line guards.
+    std::string pressure, sum = "0";
+    for (int i = 1; i <= 40; ++i) {
+        pressure += "v" + std::to_string(i) + " = x / " + std::to_string(i) + " + y * z; ";
+        sum = "(" + sum + (i % 2 ? " + v" : " * v") + std::to_string(i) + ")";
+    }
+    texts.push_back(pressure + sum);
+    for (const std::string& text : texts) {
+        std::unique_ptr<OxelExpression> e = parsed(text);
+        if (!e)
+            continue;
+        EXPECT_EQ(oxelNativeCompile(e->root(), e->numVars()), expected) << text;
+    }
+    std::unique_ptr<OxelExpression> wide = parsed(texts.back());
+    ASSERT_TRUE(wide);
+    EXPECT_EQ(evalMismatch(*wide), "");
+    std::unique_ptr<OxelExpression> e = parsed("0");
+    e->setRoot(wideSum(0, oxn::kMaxSteps));
+    EXPECT_GT(oxelProgramSteps(e->root(), e->numVars()), oxn::kMaxSteps);
+    EXPECT_EQ(oxelNativeCompile(e->root(), e->numVars()), 0);
+    EXPECT_EQ(evalMismatch(*e), "");
+}
+
+// A compiled expression gives the same bits with native code switched off and on again.
+TEST(NativeCode, SwitchingOffKeepsEveryBit)
+{
+    for (const char* text : {"a = x / y; a * a - max(z, a) + (x < y)", "sqrt(x) + exp(y) * z"}) {
+        std::unique_ptr<OxelExpression> e = parsed(text);
+        ASSERT_TRUE(e) << text;
+        for (bool on : {true, false, true}) {
+            oxelSetNativeCode(on);
+            EXPECT_EQ(evalMismatch(*e), "") << text << (on ? " native" : " interpreted");
+        }
+    }
+}
+
+// Thousands of programs fill several chunks of executable memory, run correctly from any of
+// them, and give all but one chunk back when their expressions die.
+TEST(NativeCode, ArenaGivesBackEveryProgram)
+{
+    const int before = oxelNativeArenaChunks();
+    std::vector<std::unique_ptr<OxelExpression>> alive;
+    std::string text = "x";
+    for (int i = 0; i < 1500; ++i) {
+        text = "(" + text + ") * y + sin(z) - " + std::to_string(i);
+        if (text.size() > 400)
+            text = "x / " + std::to_string(i);
+        alive.push_back(parsed(text));
+        ASSERT_TRUE(alive.back()) << text;
+        ASSERT_EQ(evalMismatch(*alive.back()), "") << text;  // the first call compiles
+    }
+    if (nativeExpected()) {
+        EXPECT_GT(oxelNativeArenaChunks(), 1);
+    }
+    for (size_t i = 0; i < alive.size(); i += 2)  // holes everywhere, then the rest
+        alive[i].reset();
+    for (size_t i = 1; i < alive.size(); i += 2)
+        EXPECT_EQ(evalMismatch(*alive[i]), "");
+    alive.clear();
+    EXPECT_LE(oxelNativeArenaChunks(), std::max(before, 1));
+}
