@@ -245,134 +245,12 @@ void benchDiff(benchmark::State& st, int f)
     delete e;
 }
 
-// ---------------------------------------------------------------- value with derivatives
-
-// What a gradient benchmark runs: the value alone, the fused program, or the separate
-// derivative expressions (value, first derivatives and, for order 2, the Hessian's triangle).
-enum class GradMode { Value, Fused, Separate };
-
-struct GradSetup {
-    std::unique_ptr<OxelExpression> e{new OxelExpression};
-    std::unique_ptr<OxelGradient> g;
-    std::vector<std::unique_ptr<OxelExpression>> separate;
-    std::vector<std::vector<double>> cols;
-    std::vector<const double*> colp;
-    int outputs = 1;
-
-    GradSetup(int f, GradMode mode, int order)
-    {
-        const GradientFormula& gf = kGradientSuite[f];
-        for (const char* n : {"x", "y", "z"})
-            e->addVar(n);
-        if (!e->initFromString(gf.oxel))
-            std::fprintf(stderr, "oxel_bench: cannot parse %s\n", gf.oxel);
-        const std::vector<std::string> names(kVarNames, kVarNames + gf.numVars);
-        if (mode == GradMode::Fused) {
-            g = e->gradient(names, order);
-            outputs = g->numOutputs();
-        }
-        if (mode == GradMode::Separate) {
-            for (const std::string& n : names)
-                separate.emplace_back(e->derivative(n.c_str()));
-            for (int i = 0; order == 2 && i < gf.numVars; ++i)
-                for (int j = i; j < gf.numVars; ++j)
-                    separate.emplace_back(
-                        separate[static_cast<size_t>(i)]->derivative(kVarNames[j]));
-            outputs = 1 + static_cast<int>(separate.size());
-        }
-        for (int v = 0; v < 3; ++v) {
-            cols.emplace_back(kPoints);
-            for (int r = 0; r < kPoints; ++r)
-                cols.back()[static_cast<size_t>(r)] = rows()[static_cast<size_t>(r) * kStride + v];
-            colp.push_back(cols.back().data());
-        }
-    }
-
-    const OxelExpression& output(int k) const
-    {
-        return k == 0 ? *e : *separate[static_cast<size_t>(k - 1)];
-    }
-};
-
-void benchGradPoint(benchmark::State& st, int f, GradMode mode, int order)
-{
-    GradSetup s(f, mode, order);
-    std::vector<double> res(static_cast<size_t>(kPoints) * s.outputs);
-    std::vector<int> err(res.size());
-    double vals[3];
-    for (auto _ : st) {
-        for (int r = 0; r < kPoints; ++r) {
-            for (int v = 0; v < 3; ++v)
-                vals[v] = s.colp[static_cast<size_t>(v)][r];
-            const size_t at = static_cast<size_t>(r) * static_cast<size_t>(s.outputs);
-            if (s.g) {
-                s.g->eval(vals, &res[at], &err[at]);
-                continue;
-            }
-            for (int k = 0; k < s.outputs; ++k) {
-                int ev = 0;
-                res[at + static_cast<size_t>(k)] = s.output(k).eval(vals, 3, ev);
-                err[at + static_cast<size_t>(k)] = ev;
-            }
-        }
-        benchmark::DoNotOptimize(res.data());
-        benchmark::ClobberMemory();
-    }
-}
-
-void benchGradBatch(benchmark::State& st, int f, GradMode mode, int order)
-{
-    GradSetup s(f, mode, order);
-    std::vector<std::vector<double>> res(static_cast<size_t>(s.outputs),
-                                         std::vector<double>(kPoints));
-    std::vector<std::vector<int>> err(res.size(), std::vector<int>(kPoints));
-    std::vector<double*> resp;
-    std::vector<int*> errp;
-    for (size_t k = 0; k < res.size(); ++k) {
-        resp.push_back(res[k].data());
-        errp.push_back(err[k].data());
-    }
-    for (auto _ : st) {
-        if (s.g) {
-            s.g->evalBatchColumns(s.colp.data(), kPoints, resp.data(), errp.data());
-        } else {
-            for (int k = 0; k < s.outputs; ++k)
-                s.output(k).evalBatchColumns(s.colp.data(), kPoints, resp[static_cast<size_t>(k)],
-                                             errp[static_cast<size_t>(k)]);
-        }
-        benchmark::DoNotOptimize(resp.data());
-        benchmark::ClobberMemory();
-    }
-}
-
-// The gradient benchmarks' names: grad-<what>[-batch]/<family>.
-const char* const kGradKinds[] = {"value", "1", "2", "sep-1", "sep-2"};
-
-std::string gradKey(int kind, bool batch, int f)
-{
-    std::string k = std::string("grad-") + kGradKinds[kind] + (batch ? "-batch/" : "/") +
-                    kGradientSuite[f].family;
-    std::replace(k.begin(), k.end(), ' ', '-');
-    return k;
-}
-
-void registerGradients()
-{
-    const GradMode modes[] = {GradMode::Value, GradMode::Fused, GradMode::Fused,
-                              GradMode::Separate, GradMode::Separate};
-    const int orders[] = {1, 1, 2, 1, 2};
-    for (int f = 0; f < kNumGradientFormulas; ++f)
-        for (int kind = 0; kind < 5; ++kind)
-            for (bool batch : {false, true})
-                benchmark::RegisterBenchmark(gradKey(kind, batch, f).c_str(),
-                                             batch ? benchGradBatch : benchGradPoint, f,
-                                             modes[kind], orders[kind])
-                    ->Unit(benchmark::kNanosecond)
-                    ->MinTime(0.1);
-}
-
 // Nanoseconds per iteration of every benchmark, by name.
+}  // namespace
+
 std::map<std::string, double> g_times;
+
+namespace {
 
 class CollectingReporter : public benchmark::ConsoleReporter {
 public:
@@ -455,26 +333,6 @@ double perCall(const char* kind, int f)
     return it == g_times.end() ? -1.0 : it->second;
 }
 
-double median(std::vector<double> v)
-{
-    if (v.empty())
-        return -1.0;
-    std::sort(v.begin(), v.end());
-    size_t n = v.size();
-    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
-}
-
-std::string cell(double v, const char* fmt = "%.1f")
-{
-    if (v < 0)
-        return "-";
-    char buf[32];
-    std::snprintf(buf, sizeof buf, fmt, v);
-    return buf;
-}
-
-double ratio(double a, double b) { return (a < 0 || b <= 0) ? -1.0 : a / b; }
-
 // Values of the other libraries at the first points must agree with eval(); otherwise their
 // syntax string is not the same formula and their timing would mean nothing.
 void crossCheck()
@@ -521,42 +379,6 @@ void crossCheck()
         }
         delete e;
     }
-}
-
-// Each way of computing derivatives against the value alone, per formula, with medians.
-void printGradientSummary()
-{
-    std::printf("\n| value with derivatives | value ns (point) | 1 | 2 | sep 1 | sep 2 "
-                "| value ns (batch) | 1 | 2 | sep 1 | sep 2 |\n");
-    std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
-    std::vector<double> ratios[2][4];
-    bool any = false;
-    for (int f = 0; f < kNumGradientFormulas; ++f) {
-        std::string line = std::string("| `") + kGradientSuite[f].oxel + "` |";
-        for (bool batch : {false, true}) {
-            auto time = [&](int kind) {
-                auto it = g_times.find(gradKey(kind, batch, f));
-                return it == g_times.end() ? -1.0 : it->second / kPoints;
-            };
-            const double value = time(0);
-            line += " " + cell(value) + " |";
-            for (int kind = 1; kind < 5; ++kind) {
-                const double r = ratio(time(kind), value);
-                if (r > 0)
-                    ratios[batch][kind - 1].push_back(r);
-                line += " " + cell(r, "%.2fx") + " |";
-            }
-            any = any || value > 0;
-        }
-        std::printf("%s\n", line.c_str());
-    }
-    if (!any)
-        return;
-    for (bool batch : {false, true})
-        std::printf("%s medians against the value: gradient %.2fx, with Hessian %.2fx; "
-                    "separate expressions %.2fx and %.2fx\n",
-                    batch ? "batch" : "point", median(ratios[batch][0]), median(ratios[batch][1]),
-                    median(ratios[batch][2]), median(ratios[batch][3]));
 }
 
 void printSummary()
@@ -648,6 +470,6 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     printSummary();
-    printGradientSummary();
+    printGradientSummary(g_times);
     return 0;
 }

@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdio>
+#include <algorithm>
 
 #include "nodes/kernels.h"
 
@@ -212,5 +214,25 @@ const std::vector<double>& rows()
     static const std::vector<double> data = makeRows();
     return data;
 }
+
+double median(std::vector<double> v)
+{
+    if (v.empty())
+        return -1.0;
+    std::sort(v.begin(), v.end());
+    size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+std::string cell(double v, const char* fmt)
+{
+    if (v < 0)
+        return "-";
+    char buf[32];
+    std::snprintf(buf, sizeof buf, fmt, v);
+    return buf;
+}
+
+double ratio(double a, double b) { return (a < 0 || b <= 0) ? -1.0 : a / b; }
 
 }  // namespace oxbench

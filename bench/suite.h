@@ -2,6 +2,8 @@
 #ifndef OXEL_BENCH_SUITE_H
 #define OXEL_BENCH_SUITE_H
 
+#include <map>
+#include <string>
 #include <vector>
 
 namespace oxbench {
@@ -37,6 +39,14 @@ extern const int kNumGradientFormulas;
 
 // kPoints rows of kStride values each, the same for every run.
 const std::vector<double>& rows();
+
+// The value benchmarks and the gradient benchmarks (grad_bench.cpp) share these.
+double median(std::vector<double> v);
+std::string cell(double v, const char* fmt = "%.1f");
+double ratio(double a, double b);
+void registerGradients();
+// Each way of computing derivatives against the value alone, from the times by name (ns).
+void printGradientSummary(const std::map<std::string, double>& times);
 
 }  // namespace oxbench
 
