@@ -44,6 +44,8 @@ struct Args {
     std::string file;                                          // from --file
     bool hasFile = false;
     bool simplify = false, once = false, csv = false, tree = false, value = false;
+    bool passes = false;
+    std::string format;  // from --format: formula, c or latex
 };
 
 std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
@@ -68,12 +70,18 @@ struct Formula {
 Formula formulaOf(const Args& a);
 
 // Which options a command accepts besides --alias, --var and --file.
-enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16 };
+enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kFormat = 32, kPasses = 64 };
 
 void rejectOptions(const Args& a, int accepted);
 
 // A result tree as a formula that reads back, or as the library prints it.
 void printResult(Oxel* tree, bool asTree);
+
+// forms.cpp: the simplified expression that the options ask for (the normal form, unless
+// --once, --passes or --tree ask for the library's simplification pass), and the result
+// printed as --format says, or as printResult does.
+OxelExpression* simplifiedAs(const Args& a, const OxelExpression& e);
+void printAs(const Args& a, Oxel* tree, bool asTree);
 
 // The commands, one source file each.
 int runEval(const Args& a);
