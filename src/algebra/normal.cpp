@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <typeinfo>
 
@@ -22,6 +23,13 @@ std::string numberKey(double v)
 }
 
 bool integral(double v) { return std::isfinite(v) && v == std::floor(v); }
+
+// k is n/3 for a whole n, up to the rounding that summing thirds leaves.
+bool thirds(double k)
+{
+    double n = std::nearbyint(k * 3);
+    return std::fabs(k * 3 - n) < 1e-12 && std::fmod(n, 3) != 0;
+}
 
 E make(Term t) { return std::make_shared<const Term>(std::move(t)); }
 
@@ -141,12 +149,32 @@ E add(const std::vector<std::pair<E, double>>& parts)
     double constant = 0;
     bool ordered = false;
     std::vector<std::pair<E, double>> list;
-    auto push = [&](const E& e, double c) {
+    // A product with one sum in it is multiplied out into the terms, where like terms meet:
+    // u'/v - u*v'/v^2 rather than (u'*v - u*v')/v^2. Alone it stays a product.
+    std::function<void(const E&, double)> push = [&](const E& e, double c) {
         ordered = ordered || e->ordered;
-        if (e->kind == Kind::Prod && e->num != 1)
-            list.emplace_back(monic(e), c * e->num);
-        else
+        if (e->kind != Kind::Prod) {
             list.emplace_back(e, c);
+            return;
+        }
+        size_t sums = 0, at = 0;
+        for (size_t i = 0; i < e->factors.size(); ++i) {
+            double k;
+            if (e->factors[i].first->kind == Kind::Sum && isNum(e->factors[i].second, &k) && k == 1)
+                ++sums, at = i;
+        }
+        if (sums != 1 || e->ordered) {
+            list.emplace_back(monic(e), c * e->num);
+            return;
+        }
+        std::vector<std::pair<E, E>> rest = e->factors;
+        E sum = rest[at].first;
+        rest.erase(rest.begin() + static_cast<long>(at));
+        E others = makeProd(1, rest, false);
+        for (const auto& [t, k] : sum->terms)
+            push(mul({others, t}), c * e->num * k);
+        if (sum->num != 0)
+            push(others, c * e->num * sum->num);
     };
     for (const auto& [e, c] : parts) {
         if (e->kind == Kind::Num) {
@@ -263,6 +291,11 @@ E power(const E& base, const E& exponent)
                 return number(r);
         }
         // (u*v)^k is u^k * v^k, and (u^a)^k is u^(a*k), for whole k only: sqrt(x*x) is no x.
+        // Odd roots of whole powers are real everywhere: cbrt(u^a) is u^(a/3).
+        bool oddRoot = base->kind == Kind::Prod && base->num == 1 && base->factors.size() == 1 &&
+                       isNum(base->factors[0].second, &b) && integral(b) && thirds(k);
+        if (oddRoot)
+            return power(base->factors[0].first, number(b * k));
         if (base->kind == Kind::Prod && integral(k)) {
             std::vector<E> parts{number(std::pow(base->num, k))};
             for (const auto& [u, a] : base->factors)
@@ -337,8 +370,11 @@ E fromTree(Oxel* node)
     Oxel* a = node->getNumChildren() > 0 ? node->getChild(0) : nullptr;
     Oxel* b = node->getNumChildren() > 1 ? node->getChild(1) : nullptr;
     bool two = a && b && dynamic_cast<OxBinary*>(node);
-    if (auto* z = dynamic_cast<OxZahl*>(node))
-        return number(z->number());
+    if (auto* z = dynamic_cast<OxZahl*>(node)) {
+        // The constant of log10's derivative reads as what it is.
+        static OxLn* ln10 = new OxLn(new OxZahl(10));
+        return z->number() == std::log(10.0) ? opaque(ln10, draws) : number(z->number());
+    }
     if (two && type == typeid(OxPlus))
         return add({{fromTree(a), 1}, {fromTree(b), 1}});
     if (two && type == typeid(OxMinus))
@@ -351,6 +387,8 @@ E fromTree(Oxel* node)
         return power(fromTree(a), fromTree(b));
     if (a && type == typeid(OxSqroot))
         return power(fromTree(a), number(0.5));
+    if (a && type == typeid(OxCbroot))
+        return power(fromTree(a), number(1.0 / 3));
     return opaque(node, draws);
 }
 
