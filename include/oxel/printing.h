@@ -19,9 +19,10 @@ OXEL_API Oxel* oxelNormalized(Oxel* tree);
 /// what the language has beyond C (sgn, logic, comparisons giving 1.0 and 0.0, its remainder,
 /// bitwise operators on 32-bit integers, single-precision hypot) is written out in plain C.
 /// The evaluation guards (overflow, domain errors) are not reproduced; an operand that such a
-/// rewrite uses twice is written twice. jn, yn, j0, j1, y0 and y1 need _XOPEN_SOURCE; internal
-/// variables (assignments) must be declared by the caller. Empty for what C cannot express:
-/// gauss(), dependent variables, a class of the host's own.
+/// rewrite uses twice is written twice. jn, yn, j0, j1, y0 and y1 need _XOPEN_SOURCE. Statements
+/// become comma expressions; internal variables must be declared by the caller. Empty for what
+/// C cannot express: gauss(), dependent variables, an assignment inside an expression (C
+/// leaves its order to other operands open), a class of the host's own.
 OXEL_API KxString oxelToC(Oxel* tree);
 
 /// tree as math-mode LaTeX (no surrounding $): \frac, \sqrt, \sin, e^{...}, \left( \right).

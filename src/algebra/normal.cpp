@@ -17,6 +17,7 @@ namespace {
 
 std::string numberKey(double v)
 {
+    v += 0.0;  // -0 and 0 are one number here
     char buf[40];
     auto res = std::to_chars(buf, buf + sizeof buf, v);
     return std::string(buf, res.ptr);
@@ -349,12 +350,13 @@ E opaque(Oxel* node, int& draws)
     t.key += ")";
     E e = make(std::move(t));
     // A function of numbers whose value is whole folds: sin(0) is 0, sqrt(4) is 2; ln(2) stays.
+    // So do infinities and NaN, which print as such functions of numbers.
     if (numeric && !var && type != typeid(OxBranch) && !dynamic_cast<OxDepVar*>(node)) {
         Oxel* tree = toTree(e);
         int err = 0;
         double v = tree ? tree->value(nullptr, err) : 0;
         oxelDestroy(tree);
-        if (tree && err == 0 && integral(v) && std::fabs(v) < 1e15)
+        if (tree && err == 0 && ((integral(v) && std::fabs(v) < 1e15) || !std::isfinite(v)))
             return number(v);
     }
     return e;

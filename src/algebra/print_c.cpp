@@ -3,9 +3,11 @@
 
 #include <cmath>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <typeindex>
 #include <unordered_map>
+#include <vector>
 
 #include <oxel/nodes.h>
 
@@ -72,6 +74,21 @@ class CWriter {
 public:
     bool ok = true;
 
+    // The statements of the top-level sequence: only there may an assignment stand, since C
+    // leaves two assignments inside one expression unsequenced.
+    explicit CWriter(Oxel* root)
+    {
+        std::vector<Oxel*> todo{root};
+        while (!todo.empty()) {
+            Oxel* n = todo.back();
+            todo.pop_back();
+            statements_.insert(n);
+            if (n && typeid(*n) == typeid(OxBranch))
+                for (int i = 0; i < n->getNumChildren(); ++i)
+                    todo.push_back(n->getChild(i));
+        }
+    }
+
     // The node's text, bracketed when its level is below need.
     std::string operand(Oxel* node, int need)
     {
@@ -125,6 +142,8 @@ private:
             std::string name = var->name().c_str();
             if (!var->bound())
                 return {name, kAtom};
+            if (!statements_.count(node))
+                ok = false;
             return {"(" + name + " = " + operand(var->bound(), kAny) + ")", kAtom};
         }
         if (type == typeid(OxRand))
@@ -173,6 +192,8 @@ private:
         ok = false;
         return {"", kAtom};
     }
+
+    std::set<Oxel*> statements_;
 };
 
 }  // namespace
@@ -181,7 +202,7 @@ KxString oxelToC(Oxel* tree)
 {
     if (!tree)
         return KxString();
-    CWriter w;
+    CWriter w(tree);
     std::string text = w.operand(tree, kAny);
     return w.ok ? KxString(text.c_str()) : KxString();
 }
