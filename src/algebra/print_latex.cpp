@@ -50,11 +50,11 @@ const std::unordered_map<std::type_index, Infix>& infixes()
 {
     static const std::unordered_map<std::type_index, Infix> table = {
         {typeid(OxPlus), {" + ", kAdd}},          {typeid(OxMinus), {" - ", kAdd}},
-        {typeid(OxModulo), {" \\bmod ", kAdd}},   {typeid(OxLess), {" < ", kCompare}},
+        {typeid(OxModulo), {" \\ \\mathrm{mod}\\ ", kAdd}},   {typeid(OxLess), {" < ", kCompare}},
         {typeid(OxGreater), {" > ", kCompare}},   {typeid(OxLessEqual), {" \\leq ", kCompare}},
         {typeid(OxGreaterEqual), {" \\geq ", kCompare}}, {typeid(OxEqual), {" = ", kCompare}},
-        {typeid(OxAnd), {" \\land ", kLogic}},    {typeid(OxOr), {" \\lor ", kLogic}},
-        {typeid(OxBitOr), {" \\mid ", kMul}},     {typeid(OxBitAnd), {" \\& ", kMul}},
+        {typeid(OxAnd), {" \\wedge ", kLogic}},    {typeid(OxOr), {" \\vee ", kLogic}},
+        {typeid(OxBitOr), {" \\mid ", kMul}},     {typeid(OxBitAnd), {" \\ \\mathrm{and}\\ ", kMul}},
         {typeid(OxBitXOr), {" \\oplus ", kMul}},  {typeid(OxShiftLeft), {" \\ll ", kMul}},
         {typeid(OxShiftRight), {" \\gg ", kMul}},
     };
@@ -197,7 +197,7 @@ private:
             if (typeid(*a) == typeid(OxEqual))
                 return {operand(a->getChild(0), kAdd) + " \\neq " + operand(a->getChild(1), kAdd),
                         kCompare};
-            return {"\\lnot " + operand(a, kPow), kNeg};
+            return {"\\neg " + operand(a, kPow), kNeg};
         }
         auto in = infixes().find(type);
         if (in != infixes().end() && n == 2) {
