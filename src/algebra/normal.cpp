@@ -145,6 +145,47 @@ E number(double v)
     return make(std::move(t));
 }
 
+std::vector<std::pair<E, E>> commonFactors(const std::vector<std::pair<E, double>>& terms,
+                                           const std::vector<size_t>& members)
+{
+    auto factorsOf = [&](size_t i) {
+        const E& t = terms[i].first;
+        return t->kind == Kind::Prod ? t->factors : std::vector<std::pair<E, E>>{{t, number(1)}};
+    };
+    std::vector<std::pair<E, E>> common;
+    for (const auto& [base, exponent] : factorsOf(members[0])) {
+        double k;
+        if (!isNum(exponent, &k))
+            continue;
+        bool shared = true;
+        for (size_t m = 1; m < members.size() && shared; ++m) {
+            shared = false;
+            for (const auto& [b, x] : factorsOf(members[m])) {
+                double j;
+                if (b->key == base->key && isNum(x, &j) && (j > 0) == (k > 0)) {
+                    shared = true;
+                    k = std::fabs(j) < std::fabs(k) ? j : k;
+                }
+            }
+        }
+        if (shared && !(base->kind == Kind::Sum && k == 1))
+            common.emplace_back(base, number(k));
+    }
+    return common;
+}
+
+E reducedSum(const std::vector<std::pair<E, double>>& terms, const std::vector<size_t>& members,
+             const std::vector<std::pair<E, E>>& common)
+{
+    std::vector<E> divisor;
+    for (const auto& [base, exponent] : common)
+        divisor.push_back(power(base, exponent));
+    std::vector<std::pair<E, double>> parts;
+    for (size_t m : members)
+        parts.emplace_back(mul({terms[m].first}, divisor), terms[m].second);
+    return add(parts);
+}
+
 E add(const std::vector<std::pair<E, double>>& parts)
 {
     double constant = 0;
@@ -207,6 +248,19 @@ E add(const std::vector<std::pair<E, double>>& parts)
         return number(constant);
     if (merged.size() == 1 && constant == 0)
         return mul({number(merged[0].second), merged[0].first});
+    // What every term shares comes out: x*y + x*z is x*(y + z).
+    if (constant == 0 && !ordered) {
+        std::vector<size_t> all(merged.size());
+        for (size_t i = 0; i < all.size(); ++i)
+            all[i] = i;
+        std::vector<std::pair<E, E>> common = commonFactors(merged, all);
+        if (!common.empty()) {
+            std::vector<E> parts{reducedSum(merged, all, common)};
+            for (const auto& [base, exponent] : common)
+                parts.push_back(power(base, exponent));
+            return mul(parts);
+        }
+    }
     return makeSum(constant, std::move(merged), ordered);
 }
 

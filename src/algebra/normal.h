@@ -38,6 +38,15 @@ E mul(const std::vector<E>& num, const std::vector<E>& den = {});
 E power(const E& base, const E& exponent);
 
 // Terms refer to the nodes of the tree they were read from, which must outlive them.
+// The factors that the terms at members share: bases with a numeric exponent of one sign in
+// each, at the exponent nearest zero. A sum to the first power is left inside (a product with
+// one such sum is multiplied out again within sums).
+std::vector<std::pair<E, E>> commonFactors(const std::vector<std::pair<E, double>>& terms,
+                                           const std::vector<size_t>& members);
+// The terms at members divided by common, with their coefficients: a new sum.
+E reducedSum(const std::vector<std::pair<E, double>>& terms, const std::vector<size_t>& members,
+             const std::vector<std::pair<E, E>>& common);
+
 E fromTree(Oxel* tree);
 Oxel* toTree(const E& e);
 

@@ -1,7 +1,10 @@
 // The normal form written back as a tree, in the shape that prints shortest and reads back.
 #include <charconv>
 #include <cmath>
+#include <algorithm>
 #include <cstring>
+#include <map>
+#include <string>
 #include <typeinfo>
 
 #include <oxel/nodes.h>
@@ -85,7 +88,10 @@ Oxel* product(double c, const std::vector<std::pair<E, E>>& factors)
         num.push_back(new OxZahl(std::isnan(c) ? c : p));
     if (q != 1)
         den.push_back(new OxZahl(q));
-    for (const auto& [base, exponent] : factors) {
+    std::vector<std::pair<E, E>> ordered = factors;  // sums last: x * (y + z)
+    std::stable_partition(ordered.begin(), ordered.end(),
+                          [](const auto& f) { return f.first->kind != Kind::Sum; });
+    for (const auto& [base, exponent] : ordered) {
         double k;
         if (!isNum(exponent, &k))
             num.push_back(new OxHoch(toTree(base), toTree(exponent)));
@@ -108,6 +114,31 @@ Oxel* product(double c, const std::vector<std::pair<E, E>>& factors)
     return den.empty() ? t : new OxDurch(t, chain(den));
 }
 
+// -t, with the sign on a leading number where there is one (-2 * x, not -(2 * x)).
+Oxel* negated(Oxel* t)
+{
+    Oxel* first = t;
+    Oxel* parent = nullptr;
+    while (typeid(*first) == typeid(OxMal) || typeid(*first) == typeid(OxDurch)) {
+        parent = first;
+        first = first->getChild(0);
+    }
+    if (auto* z = dynamic_cast<OxZahl*>(first)) {
+        Oxel* n = new OxZahl(-z->number());
+        if (!parent) {
+            delete first;
+            return n;
+        }
+        parent->setChild(0, n);
+        delete first;
+        return t;
+    }
+    if (!parent)
+        return new OxMal(new OxZahl(-1), t);
+    parent->setChild(0, new OxMal(new OxZahl(-1), first));
+    return t;
+}
+
 Oxel* scaledTerm(const E& term, double c)
 {
     if (term->kind == Kind::Prod)
@@ -115,28 +146,64 @@ Oxel* scaledTerm(const E& term, double c)
     return product(c, {{term, number(1)}});
 }
 
-// Terms in canonical order, except that a positive one leads when there is one; subtraction
-// for the negative ones; the constant last.
+using Terms = std::vector<std::pair<E, double>>;
+
+// The terms as signed pieces. Terms that share factors are written once as their product
+// with the sum of what remains, the factor shared most widely first (x*(u + 1)/v - w rather
+// than x*u/v + x/v - w); such a product is multiplied out again when the text is read.
+void pieces(const Terms& terms, bool ordered, std::vector<std::pair<Oxel*, double>>& out)
+{
+    std::map<std::string, std::vector<size_t>> holders;  // base and sign: the terms with it
+    for (size_t i = 0; i < terms.size() && !ordered; ++i) {
+        const E& t = terms[i].first;
+        for (const auto& [base, exponent] : t->kind == Kind::Prod ? t->factors
+                                            : std::vector<std::pair<E, E>>{{t, number(1)}}) {
+            double k;
+            if (isNum(exponent, &k) && !(base->kind == Kind::Sum && k == 1))
+                holders[base->key + (k > 0 ? "+" : "-")].push_back(i);
+        }
+    }
+    const std::vector<size_t>* best = nullptr;
+    for (const auto& [key, members] : holders)
+        if (members.size() >= 2 && (!best || members.size() > best->size()))
+            best = &members;
+    if (!best) {
+        for (const auto& [t, c] : terms)
+            out.emplace_back(scaledTerm(t, std::fabs(c)), c);
+        return;
+    }
+    std::vector<std::pair<E, E>> common = commonFactors(terms, *best);
+    std::vector<E> parts{reducedSum(terms, *best, common)};
+    for (const auto& [base, exponent] : common)
+        parts.push_back(power(base, exponent));
+    out.emplace_back(toTree(mul(parts)), 1);
+    Terms rest;
+    for (size_t i = 0; i < terms.size(); ++i)
+        if (std::find(best->begin(), best->end(), i) == best->end())
+            rest.push_back(terms[i]);
+    pieces(rest, ordered, out);
+}
+
+// The pieces with a positive one leading when there is one; subtraction for the negative
+// ones; the constant last.
 Oxel* sum(const E& e)
 {
-    const auto& terms = e->terms;
+    std::vector<std::pair<Oxel*, double>> parts;
+    pieces(e->terms, e->ordered, parts);
+    if (e->num != 0)
+        parts.emplace_back(product(std::fabs(e->num), {}), e->num);
     size_t lead = 0;
-    while (!e->ordered && lead < terms.size() && !(terms[lead].second > 0))
+    while (!e->ordered && lead < parts.size() && !(parts[lead].second > 0))
         ++lead;
-    if (lead == terms.size())
+    if (lead == parts.size())
         lead = 0;
-    Oxel* t = scaledTerm(terms[lead].first, terms[lead].second);
-    auto append = [&t](Oxel* positive, bool minus) {
-        t = minus ? static_cast<Oxel*>(new OxMinus(t, positive)) : new OxPlus(t, positive);
-    };
-    for (size_t i = 0; i < terms.size(); ++i) {
+    Oxel* t = parts[lead].second < 0 ? negated(parts[lead].first) : parts[lead].first;
+    for (size_t i = 0; i < parts.size(); ++i) {
         if (i == lead)
             continue;
-        double c = terms[i].second;
-        append(scaledTerm(terms[i].first, std::fabs(c)), c < 0);
+        Oxel* p = parts[i].first;
+        t = parts[i].second < 0 ? static_cast<Oxel*>(new OxMinus(t, p)) : new OxPlus(t, p);
     }
-    if (e->num != 0)
-        append(product(std::fabs(e->num), {}), e->num < 0);
     return t;
 }
 
