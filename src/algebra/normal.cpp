@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <typeinfo>
@@ -21,6 +23,24 @@ std::string numberKey(double v)
     char buf[40];
     auto res = std::to_chars(buf, buf + sizeof buf, v);
     return std::string(buf, res.ptr);
+}
+
+// Keys stay short however deep the term: a long one keeps its head for the order and a hash
+// of the rest (two independent 64-bit hashes) for equality.
+void bounded(std::string& key)
+{
+    if (key.size() <= 160)
+        return;
+    uint64_t a = 1469598103934665603ull, b = 0x9e3779b97f4a7c15ull;
+    for (unsigned char c : key) {
+        a = (a ^ c) * 1099511628211ull;
+        b = (b + c) * 0xff51afd7ed558ccdull;
+        b ^= b >> 29;
+    }
+    char tail[40];
+    std::snprintf(tail, sizeof tail, "~%016llx%016llx", static_cast<unsigned long long>(a),
+                  static_cast<unsigned long long>(b));
+    key = key.substr(0, 80) + tail;
 }
 
 bool integral(double v) { return std::isfinite(v) && v == std::floor(v); }
@@ -54,6 +74,7 @@ E makeSum(double constant, std::vector<std::pair<E, double>> terms, bool ordered
     for (const auto& [term, c] : terms)
         t.key += numberKey(c) + "*" + term->key + ";";
     t.key += numberKey(constant) + ")";
+    bounded(t.key);
     t.terms = std::move(terms);
     return make(std::move(t));
 }
@@ -75,6 +96,7 @@ E makeProd(double coefficient, std::vector<std::pair<E, E>> factors, bool ordere
     for (const auto& [base, exponent] : factors)
         t.key += ";" + base->key + "^" + exponent->key;
     t.key += ")";
+    bounded(t.key);
     t.factors = std::move(factors);
     return make(std::move(t));
 }
@@ -402,6 +424,7 @@ E opaque(Oxel* node, int& draws)
         t.args.push_back(std::move(arg));
     }
     t.key += ")";
+    bounded(t.key);
     E e = make(std::move(t));
     // A function of numbers whose value is whole folds: sin(0) is 0, sqrt(4) is 2; ln(2) stays.
     // So do infinities and NaN, which print as such functions of numbers.
@@ -420,8 +443,52 @@ thread_local int draws = 0;
 
 }  // namespace
 
+namespace {
+
+bool isBinary(Oxel* node, const std::type_info& type)
+{
+    return typeid(*node) == type && node->getChild(0) && node->getChild(1);
+}
+
+// The operands of a chain of + and - (or of * and /) with their signs (or sides), walked
+// without recursion: a sum of ten thousand terms is one sum, built once.
+void chainOperands(Oxel* root, bool sum, std::vector<std::pair<Oxel*, bool>>& out)
+{
+    const std::type_info& same = sum ? typeid(OxPlus) : typeid(OxMal);
+    const std::type_info& flip = sum ? typeid(OxMinus) : typeid(OxDurch);
+    std::vector<std::pair<Oxel*, bool>> todo{{root, false}};
+    while (!todo.empty()) {
+        auto [node, flipped] = todo.back();
+        todo.pop_back();
+        if (isBinary(node, same) || isBinary(node, flip)) {
+            todo.emplace_back(node->getChild(1), flipped != isBinary(node, flip));
+            todo.emplace_back(node->getChild(0), flipped);
+        } else {
+            out.emplace_back(node, flipped);
+        }
+    }
+}
+
+}  // namespace
+
 E fromTree(Oxel* node)
 {
+    if (isBinary(node, typeid(OxPlus)) || isBinary(node, typeid(OxMinus))) {
+        std::vector<std::pair<Oxel*, bool>> operands;
+        chainOperands(node, true, operands);
+        std::vector<std::pair<E, double>> parts;
+        for (const auto& [o, minus] : operands)
+            parts.emplace_back(fromTree(o), minus ? -1 : 1);
+        return add(parts);
+    }
+    if (isBinary(node, typeid(OxMal)) || isBinary(node, typeid(OxDurch))) {
+        std::vector<std::pair<Oxel*, bool>> operands;
+        chainOperands(node, false, operands);
+        std::vector<E> num, den;
+        for (const auto& [o, divisor] : operands)
+            (divisor ? den : num).push_back(fromTree(o));
+        return mul(num, den);
+    }
     const std::type_info& type = typeid(*node);
     Oxel* a = node->getNumChildren() > 0 ? node->getChild(0) : nullptr;
     Oxel* b = node->getNumChildren() > 1 ? node->getChild(1) : nullptr;
@@ -431,14 +498,6 @@ E fromTree(Oxel* node)
         static OxLn* ln10 = new OxLn(new OxZahl(10));
         return z->number() == std::log(10.0) ? opaque(ln10, draws) : number(z->number());
     }
-    if (two && type == typeid(OxPlus))
-        return add({{fromTree(a), 1}, {fromTree(b), 1}});
-    if (two && type == typeid(OxMinus))
-        return add({{fromTree(a), 1}, {fromTree(b), -1}});
-    if (two && type == typeid(OxMal))
-        return mul({fromTree(a), fromTree(b)});
-    if (two && type == typeid(OxDurch))
-        return mul({fromTree(a)}, {fromTree(b)});
     if (two && type == typeid(OxHoch))
         return power(fromTree(a), fromTree(b));
     if (a && type == typeid(OxSqroot))

@@ -10,6 +10,7 @@
 #include <oxel/nodes.h>
 
 #include "algebra/normal.h"
+#include "nodes/kinds.h"
 
 namespace oxn {
 
@@ -151,10 +152,11 @@ using Terms = std::vector<std::pair<E, double>>;
 // The terms as signed pieces. Terms that share factors are written once as their product
 // with the sum of what remains, the factor shared most widely first (x*(u + 1)/v - w rather
 // than x*u/v + x/v - w); such a product is multiplied out again when the text is read.
+// Longer sums are written term by term (the search would take time quadratic in them).
 void pieces(const Terms& terms, bool ordered, std::vector<std::pair<Oxel*, double>>& out)
 {
     std::map<std::string, std::vector<size_t>> holders;  // base and sign: the terms with it
-    for (size_t i = 0; i < terms.size() && !ordered; ++i) {
+    for (size_t i = 0; i < terms.size() && !ordered && terms.size() <= 64; ++i) {
         const E& t = terms[i].first;
         for (const auto& [base, exponent] : t->kind == Kind::Prod ? t->factors
                                             : std::vector<std::pair<E, E>>{{t, number(1)}}) {
@@ -215,9 +217,18 @@ Oxel* call(const E& e)
             return new OxVar(var->index(), var->name().c_str(), toTree(e->args[0]));
         return var->bound() ? node->dup() : new OxVar(var->index(), var->name().c_str());
     }
-    Oxel* copy = node->dup();
     if (e->args.size() != static_cast<size_t>(node->getNumChildren()))
-        return copy;
+        return node->dup();
+    // Classes with a builder are made from the new operands; copying the node first would
+    // copy its whole subtree once per level.
+    const oxk::KindRow& row = oxk::row(oxk::kindOf(node));
+    if (e->args.size() == 1 && row.make1)
+        return row.make1(toTree(e->args[0]));
+    if (e->args.size() == 2 && row.make2) {
+        Oxel* a = toTree(e->args[0]);
+        return row.make2(a, toTree(e->args[1]));
+    }
+    Oxel* copy = node->dup();
     for (size_t i = 0; i < e->args.size(); ++i) {
         int at = static_cast<int>(i);
         Oxel* old = copy->getChild(at);

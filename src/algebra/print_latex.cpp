@@ -133,9 +133,11 @@ private:
     Text product(Oxel* a, Oxel* b)
     {
         std::string left = operand(a, kNeg), right = operand(b, kMul);
-        // 2 x, but 2 \cdot 3 and x \cdot y.
-        bool juxtapose = dynamic_cast<OxZahl*>(a) && !dynamic_cast<OxZahl*>(b) &&
-                         (std::isalpha(static_cast<unsigned char>(right[0])) || right[0] == '\\');
+        if (left == right && dynamic_cast<OxVar*>(a))
+            return {left + "^{2}", kPow};  // x x is x^{2}
+        // 2 x and x y, but 2 \cdot 3 and x \cdot 2.
+        bool juxtapose = std::isalpha(static_cast<unsigned char>(right[0])) ||
+                         (right[0] == '\\' && right.compare(0, 5, "\\left") != 0);
         return {left + (juxtapose ? " " : " \\cdot ") + right, kMul};
     }
 
