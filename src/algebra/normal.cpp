@@ -139,6 +139,24 @@ double content(const E& sum)
     return sum->terms.front().second < 0 ? -g : g;
 }
 
+// Pairs with equal keys as one, at the first one's place, their values combined.
+template <class V, class Combine>
+std::vector<std::pair<E, V>> mergedByKey(const std::vector<std::pair<E, V>>& list, Combine combine)
+{
+    std::vector<std::pair<E, V>> merged;
+    std::map<std::string, size_t> seen;
+    for (const auto& [e, v] : list) {
+        auto it = seen.find(e->key);
+        if (it == seen.end()) {
+            seen.emplace(e->key, merged.size());
+            merged.emplace_back(e, v);
+        } else {
+            combine(merged[it->second].second, v);
+        }
+    }
+    return merged;
+}
+
 E scaled(const E& sum, double g)
 {
     std::vector<std::pair<E, double>> terms = sum->terms;
@@ -252,17 +270,7 @@ E add(const std::vector<std::pair<E, double>>& parts)
         }
     }
     // Like terms, first occurrence first.
-    std::vector<std::pair<E, double>> merged;
-    std::map<std::string, size_t> seen;
-    for (const auto& [t, c] : list) {
-        auto it = seen.find(t->key);
-        if (it == seen.end()) {
-            seen.emplace(t->key, merged.size());
-            merged.emplace_back(t, c);
-        } else {
-            merged[it->second].second += c;
-        }
-    }
+    auto merged = mergedByKey(list, [](double& c, double more) { c += more; });
     merged.erase(std::remove_if(merged.begin(), merged.end(),
                                 [](const auto& p) { return p.second == 0; }),
                  merged.end());
@@ -323,18 +331,7 @@ E mul(const std::vector<E>& num, const std::vector<E>& den)
     if (c == 0)
         return number(0);
     // Equal bases: one power with the summed exponent.
-    std::vector<std::pair<E, E>> merged;
-    std::map<std::string, size_t> seen;
-    for (const auto& [base, exponent] : list) {
-        auto it = seen.find(base->key);
-        if (it == seen.end()) {
-            seen.emplace(base->key, merged.size());
-            merged.emplace_back(base, exponent);
-        } else {
-            E& x = merged[it->second].second;
-            x = add({{x, 1}, {exponent, 1}});
-        }
-    }
+    auto merged = mergedByKey(list, [](E& x, const E& more) { x = add({{x, 1}, {more, 1}}); });
     std::vector<std::pair<E, E>> factors;
     for (auto& f : merged) {
         double k;

@@ -61,6 +61,12 @@ const std::unordered_map<std::type_index, Infix>& infixes()
     return table;
 }
 
+struct Around {
+    const char* before;
+    const char* after;
+    int level;
+};
+
 struct Text {
     std::string s;
     int level;
@@ -183,18 +189,18 @@ private:
                 return {"\\sqrt{" + operand(a, kAny) + "}", kAtom};
             return power(a, operand(b, kAny));
         }
-        if (type == typeid(OxSqroot))
-            return {"\\sqrt{" + operand(a, kAny) + "}", kAtom};
-        if (type == typeid(OxCbroot))
-            return {"\\sqrt[3]{" + operand(a, kAny) + "}", kAtom};
-        if (type == typeid(OxExp))
-            return {"e^{" + operand(a, kAny) + "}", kPow};
-        if (type == typeid(OxBetrag))
-            return {"\\left|" + operand(a, kAny) + "\\right|", kAtom};
-        if (type == typeid(OxCeil))
-            return {"\\left\\lceil " + operand(a, kAny) + "\\right\\rceil", kAtom};
-        if (type == typeid(OxFloor))
-            return {"\\left\\lfloor " + operand(a, kAny) + "\\right\\rfloor", kAtom};
+        // Functions that LaTeX writes around their argument.
+        static const std::unordered_map<std::type_index, Around> around = {
+            {typeid(OxSqroot), {"\\sqrt{", "}", kAtom}},
+            {typeid(OxCbroot), {"\\sqrt[3]{", "}", kAtom}},
+            {typeid(OxExp), {"e^{", "}", kPow}},
+            {typeid(OxBetrag), {"\\left|", "\\right|", kAtom}},
+            {typeid(OxCeil), {"\\left\\lceil ", "\\right\\rceil", kAtom}},
+            {typeid(OxFloor), {"\\left\\lfloor ", "\\right\\rfloor", kAtom}},
+        };
+        auto wrap = around.find(type);
+        if (wrap != around.end())
+            return {wrap->second.before + operand(a, kAny) + wrap->second.after, wrap->second.level};
         if (type == typeid(OxNot)) {
             if (typeid(*a) == typeid(OxEqual))
                 return {operand(a->getChild(0), kAdd) + " \\neq " + operand(a->getChild(1), kAdd),
