@@ -232,7 +232,9 @@ E add(const std::vector<std::pair<E, double>>& parts)
     bool ordered = false;
     std::vector<std::pair<E, double>> list;
     // A product with one sum in it is multiplied out into the terms, where like terms meet:
-    // u'/v - u*v'/v^2 rather than (u'*v - u*v')/v^2. Alone it stays a product.
+    // u'/v - u*v'/v^2 rather than (u'*v - u*v')/v^2. Alone it stays a product, and so does a
+    // sum of more than 32 terms (multiplying out nested ones, a Horner scheme, say, would
+    // take time quadratic in the depth).
     std::function<void(const E&, double)> push = [&](const E& e, double c) {
         ordered = ordered || e->ordered;
         if (e->kind != Kind::Prod) {
@@ -245,7 +247,7 @@ E add(const std::vector<std::pair<E, double>>& parts)
             if (e->factors[i].first->kind == Kind::Sum && isNum(e->factors[i].second, &k) && k == 1)
                 ++sums, at = i;
         }
-        if (sums != 1 || e->ordered) {
+        if (sums != 1 || e->ordered || e->factors[at].first->terms.size() > 32) {
             list.emplace_back(monic(e), c * e->num);
             return;
         }
