@@ -66,6 +66,11 @@ public:
     OxelExpression* simplified() const;
     /// Repeats the simplification pass until the printed text stops changing.
     OxelExpression* simplifiedFully() const;
+    /// The same function in a normal form (oxelNormalized): equal mathematically, not bit for bit.
+    OxelExpression* normalized() const;
+    /// The tree as a C99 expression (oxelToC) and as LaTeX (oxelToLatex); empty where they fail.
+    KxString toC() const;
+    KxString toLatex() const;
 
     /// Evaluates many points at once: row r holds its variable values at rows[r * stride]
     /// (stride >= numVars()); results[r] and errors[r] receive what eval() would give for that

@@ -11,5 +11,6 @@
 #include <oxel/package.h>
 #include <oxel/messages.h>
 #include <oxel/formula.h>
+#include <oxel/printing.h>
 
 #endif

@@ -236,6 +236,12 @@ public:
 
     const std::string& text() const { return recipe_.text; }
 
+    std::string printed(KxString (OxelExpression::*form)() const)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return ((*expr_).*form)().c_str();
+    }
+
     std::string print()
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -378,6 +384,8 @@ private:
             return expr_->simplified();
         if (op == "simplified_fully")
             return expr_->simplifiedFully();
+        if (op == "normalized")
+            return expr_->normalized();
         throw py::value_error("oxel: unknown step '" + op + "'");
     }
 
@@ -528,6 +536,26 @@ int32 array of error codes (0 where evaluation succeeded).)");
         .def(
             "simplified_fully", [](PyExpression& e) { return e.derive("simplified_fully", ""); },
             "Simplification repeated until the printed text stops changing.")
+        .def(
+            "normalized", [](PyExpression& e) { return e.derive("normalized", ""); },
+            "The same function in a normal form (like terms collected, powers and quotients\n"
+            "folded): equal mathematically, rounding may differ.")
+        .def(
+            "to_formula", [](PyExpression& e) { return e.printed(&OxelExpression::toFormula); },
+            "The formula text that reads back to the same values ('' where there is none).")
+        .def(
+            "to_c", [](PyExpression& e) { return e.printed(&OxelExpression::toC); },
+            "A C99 expression over <math.h> ('' where C cannot express it).")
+        .def(
+            "to_latex", [](PyExpression& e) { return e.printed(&OxelExpression::toLatex); },
+            "Math-mode LaTeX, without the surrounding $.")
+        .def(
+            "_repr_latex_",
+            [](PyExpression& e) -> py::object {
+                std::string t = e.printed(&OxelExpression::toLatex);
+                return t.empty() ? py::object(py::none()) : py::str("$" + t + "$");
+            },
+            "LaTeX for notebooks: $...$.")
         .def_property_readonly(
             "variables", &PyExpression::variables, "The declared variables, in index order.")
         .def_property_readonly("aliases", &PyExpression::aliases, "{alias: variable}")

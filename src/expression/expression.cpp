@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <oxel/formula.h>
+#include <oxel/printing.h>
 #include <oxel/nodes.h>
 
 #include "core/deep.h"
@@ -278,6 +279,14 @@ OxelExpression* OxelExpression::simplifiedFully() const
     }
     return withSameNames(tree);
 }
+
+OxelExpression* OxelExpression::normalized() const
+{
+    return root_ ? withSameNames(oxelNormalized(root_)) : nullptr;
+}
+
+KxString OxelExpression::toC() const { return oxelToC(root_); }
+KxString OxelExpression::toLatex() const { return oxelToLatex(root_); }
 
 // ---------------------------------------------------------------- batch evaluation
 

@@ -148,6 +148,10 @@ const Case kCases[] = {
     {{"eval", "t", "x=1", "--alias", "t=x", "--alias", "t=y"}, 1, "", "alias 't' stands for both 'x' and 'y'"},
     {{"eval", "x", "--var", "y", "x=1"}, 1, "", "no value for variable 'y'"},
     {{"print", "x", "x", "--once"}, 1, "", "--once applies to simplify only"},
+    {{"eval", "x", "x=1", "--format=c"}, 1, "", "--format applies to diff, simplify and print only"},
+    {{"print", "x", "--format=tex"}, 1, "", "--format must be formula, c or latex"},
+    {{"print", "x", "--passes"}, 1, "", "--passes applies to diff and simplify only"},
+    {{"diff", "x", "x", "--tree", "--format=c"}, 1, "", "--tree and --format exclude each other"},
     {{"eval", "x", "x=1", "--tree"}, 1, "", "--tree applies to diff, simplify and print only"},
     {{"diff", "x", "x", "--value"}, 1, "", "--value applies to eval only"},
     {{"names", "x", "y"}, 1, "", "names takes nothing but the formula"},
@@ -202,8 +206,9 @@ TEST(OxelProgram, TableWritesEveryRowAcrossBlocks)
 }
 
 // diff, simplify and print show exactly what the library makes of the formula over x and y
-// after the steps: d the derivative by x, f full simplification, o one simplification pass.
-// diff and simplify write a formula that reads back, or with --tree the library's print.
+// after the steps: d the derivative by x, f simplification (the normal form, or with --tree or
+// --passes the repeated simplification pass), o one simplification pass. diff and simplify
+// write a formula that reads back, or with --tree the library's print.
 TEST(OxelProgram, TreeCommandsPrintFormulasOrTheLibraryText)
 {
     const struct { std::vector<std::string> args; const char *formula, *steps; } cases[] = {
@@ -216,24 +221,40 @@ TEST(OxelProgram, TreeCommandsPrintFormulasOrTheLibraryText)
         {{"diff", "t*y", "t", "y", "--alias", "t=x"}, "x*y", "d"},
         {{"simplify", "2+3*x*1", "x", "y=4"}, "2+3*x*1", "f"},
         {{"simplify", "(x+0)*(1*y)", "--once"}, "(x+0)*(1*y)", "o"},
+        {{"simplify", "x*y + y*x*1", "--passes"}, "x*y + y*x*1", "f"},
+        {{"diff", "x*x*y", "x", "--simplify", "--passes"}, "x*x*y", "df"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.args[1]);
-        std::unique_ptr<OxelExpression> t(new OxelExpression);
-        t->addVar("x");
-        t->addVar("y");
-        ASSERT_EQ(t->initFromString(c.formula), 1);
-        for (const char* step = c.steps; *step; ++step) {
-            t.reset(*step == 'd' ? t->derivative("x") : *step == 'f' ? t->simplifiedFully() : t->simplified());
-            ASSERT_TRUE(t);
-        }
+        bool passes = std::find(c.args.begin(), c.args.end(), "--passes") != c.args.end();
         std::vector<std::string> treeArgs = c.args;
         treeArgs.push_back("--tree");
         for (bool tree : {false, true}) {
+            std::unique_ptr<OxelExpression> t(new OxelExpression);
+            t->addVar("x");
+            t->addVar("y");
+            ASSERT_EQ(t->initFromString(c.formula), 1);
+            for (const char* step = c.steps; *step; ++step) {
+                t.reset(*step == 'd'                ? t->derivative("x")
+                        : *step == 'o'              ? t->simplified()
+                        : tree || passes            ? t->simplifiedFully()
+                                                    : t->normalized());
+                ASSERT_TRUE(t);
+            }
             Result r = runOxel(tree ? treeArgs : c.args);
             EXPECT_EQ(r.status, 0) << r.err;
             bool formula = !tree && c.args[0] != "print";
             EXPECT_EQ(r.out, std::string(formula ? oxelToFormula(t->root()).c_str() : oxelToString(t->root())) + "\n");
+            if (tree)
+                continue;
+            // --format: the same tree as C and as LaTeX (print: the parsed tree).
+            for (const char* format : {"c", "latex"}) {
+                std::vector<std::string> args = c.args;
+                args.push_back(std::string("--format=") + format);
+                Result f = runOxel(args);
+                EXPECT_EQ(f.status, 0) << f.err;
+                EXPECT_EQ(f.out, std::string(*format == 'c' ? t->toC().c_str() : t->toLatex().c_str()) + "\n");
+            }
         }
     }
 }
@@ -258,7 +279,8 @@ TEST(OxelProgram, PrintedFormulasEvaluateBack)
         int err = 0;
         char expected[40];
         std::snprintf(expected, sizeof expected, "%.17g", slope->eval(v, err));
-        EXPECT_EQ(std::strtod(e.out.c_str(), nullptr), std::strtod(expected, nullptr)) << printed;
+        double want = std::strtod(expected, nullptr);  // the normal form rounds its own way
+        EXPECT_NEAR(std::strtod(e.out.c_str(), nullptr), want, 1e-13 * std::fabs(want)) << printed;
     }
 }
 
@@ -309,7 +331,7 @@ TEST(OxelProgram, HelpNamesEveryCommandAndExitStatus)
         EXPECT_EQ(r.status, 0);
         for (const char* word : {"eval FORMULA", "diff FORMULA", "simplify FORMULA", "print FORMULA",
                                  "table FORMULA", "names FORMULA", "--file", "--tree", "--value",
-                                 "--csv", "--alias", "--var", "--simplify", "--once",
+                                 "--csv", "--alias", "--var", "--simplify", "--once", "--passes", "--format",
                                  "--version", "0  success", "1  usage error", "2  the formula does not parse",
                                  "3  evaluation error", "4  no derivative"})
             EXPECT_NE(r.out.find(word), std::string::npos) << word;

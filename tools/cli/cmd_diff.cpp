@@ -10,7 +10,7 @@ namespace oxcli {
 
 int runDiff(const Args& a)
 {
-    rejectOptions(a, kSimplify | kTree);
+    rejectOptions(a, kSimplify | kTree | kFormat | kPasses);
     Formula f = formulaOf(a);
     if (a.positional.size() < f.firstArg + 1)
         usage("diff needs the variable to differentiate by");
@@ -27,11 +27,11 @@ int runDiff(const Args& a)
         return kNoDerivative;
     }
     if (a.simplify) {
-        std::unique_ptr<OxelExpression> simple(d->simplifiedFully());
+        std::unique_ptr<OxelExpression> simple(simplifiedAs(a, *d));
         if (simple)
             d = std::move(simple);
     }
-    printResult(d->root(), a.tree);
+    printAs(a, d->root(), a.tree);
     return kOk;
 }
 

@@ -11,7 +11,7 @@ namespace oxcli {
 // in what they print by default.
 int printTree(const Args& a, bool simplifyIt)
 {
-    rejectOptions(a, simplifyIt ? kOnce | kTree : kTree);
+    rejectOptions(a, kFormat | (simplifyIt ? kOnce | kTree | kPasses : kTree));
     Formula f = formulaOf(a);
     Session s(a);
     declareArguments(s, a.positional, f.firstArg, true);
@@ -20,9 +20,9 @@ int printTree(const Args& a, bool simplifyIt)
         return kParse;
     std::unique_ptr<OxelExpression> simple;
     if (simplifyIt)
-        simple.reset(a.once ? s.expression().simplified() : s.expression().simplifiedFully());
+        simple.reset(simplifiedAs(a, s.expression()));
     Oxel* tree = simple ? simple->root() : s.expression().root();
-    printResult(tree, a.tree || !simplifyIt);
+    printAs(a, tree, a.tree || !simplifyIt);
     return kOk;
 }
 

@@ -161,6 +161,12 @@ Args parseArgs(int argc, char** argv)
             a.hasFile = true;
         } else if (arg == "--simplify") {
             a.simplify = true;
+        } else if (opt == "--format") {
+            a.format = takeValue();
+            if (a.format != "formula" && a.format != "c" && a.format != "latex")
+                usage("--format must be formula, c or latex");
+        } else if (arg == "--passes") {
+            a.passes = true;
         } else if (arg == "--once") {
             a.once = true;
         } else if (arg == "--csv") {
@@ -284,6 +290,8 @@ void rejectOptions(const Args& a, int accepted)
         {a.value, kValue, "--value applies to eval only"},
         {a.hessian, kHessian, "--hessian applies to grad only"},
         {!a.grad.empty(), kGrad, "--grad applies to table only"},
+        {!a.format.empty(), kFormat, "--format applies to diff, simplify and print only"},
+        {a.passes, kPasses, "--passes applies to diff and simplify only"},
     };
     for (const auto& o : options)
         if (o.given && !(accepted & o.flag))

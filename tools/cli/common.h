@@ -46,6 +46,8 @@ struct Args {
     bool simplify = false, once = false, csv = false, tree = false, value = false;
     bool hessian = false;
     std::vector<std::string> grad;  // from --grad: table adds these partial derivatives
+    bool passes = false;
+    std::string format;  // from --format: formula, c or latex
 };
 
 std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
@@ -70,8 +72,17 @@ struct Formula {
 Formula formulaOf(const Args& a);
 
 // Which options a command accepts besides --alias, --var and --file.
-enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kHessian = 32,
-               kGrad = 64 };
+enum Accepts {
+    kSimplify = 1,
+    kOnce = 2,
+    kCsv = 4,
+    kTree = 8,
+    kValue = 16,
+    kHessian = 32,
+    kGrad = 64,
+    kFormat = 128,
+    kPasses = 256
+};
 
 void rejectOptions(const Args& a, int accepted);
 
@@ -81,6 +92,12 @@ int evalStatus(int err);
 
 // A result tree as a formula that reads back, or as the library prints it.
 void printResult(Oxel* tree, bool asTree);
+
+// forms.cpp: the simplified expression that the options ask for (the normal form, unless
+// --once, --passes or --tree ask for the library's simplification pass), and the result
+// printed as --format says, or as printResult does.
+OxelExpression* simplifiedAs(const Args& a, const OxelExpression& e);
+void printAs(const Args& a, Oxel* tree, bool asTree);
 
 // The commands, one source file each.
 int runEval(const Args& a);
