@@ -1,4 +1,4 @@
-// Benchmark: liboxel eval and batch against muparser, fparser and hand-written C++ per formula.
+// Benchmark: liboxel eval and batch against muparser, fparser, ExprTk and hand-written C++.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -26,6 +26,9 @@ namespace {
 using namespace oxbench;
 
 std::string text(int f) { return kSuite[f].oxel; }
+
+// Formulas that ExprTk reads and evaluates as eval() does (crossCheck fills it in).
+std::vector<bool> g_exprtk(static_cast<size_t>(kNumFormulas), false);
 
 // An expression with the eight variables declared and formula f parsed.
 OxelExpression* parseOxel(int f)
@@ -306,6 +309,10 @@ void registerAll()
             reg("parse-fparser", benchFpParse);
         }
 #endif
+#ifdef OXEL_BENCH_EXPRTK
+        if (g_exprtk[static_cast<size_t>(f)])
+            reg("exprtk", benchExprtk);
+#endif
         reg("parse", benchParse);
         reg("first", benchFirst);
         reg("diff", benchDiff);
@@ -342,12 +349,14 @@ void crossCheck()
         OxelExpression* e = parseOxel(f);
         KxDArray<double> vals;
         vals.setLength(e->numVars());
+        std::vector<double> wants;
         for (int r = 0; r < 50; ++r) {
             const double* row = data + static_cast<size_t>(r) * kStride;
             for (int i = 0; i < kDeclared; ++i)
                 vals[i] = row[i];
             int err = 0;
             double want = e->eval(vals, err);
+            wants.push_back(want);
             auto close = [&](double got) {
                 return std::fabs(got - want) <= 1e-6 * std::max(1.0, std::fabs(want));
             };
@@ -377,6 +386,9 @@ void crossCheck()
                 break;
             }
         }
+#ifdef OXEL_BENCH_EXPRTK
+        g_exprtk[static_cast<size_t>(f)] = exprtkAgrees(f, wants);
+#endif
         delete e;
     }
 }
@@ -424,6 +436,24 @@ void printSummary()
                 "eval/fparser %.2f, eval/native %.2f, first use/muparser's %.2f\n",
                 median(evalMu), median(batchMu), median(batchNative), median(evalFp),
                 median(evalNative), median(firstMu));
+    // ExprTk, where its header was found and it reads the formula.
+    std::vector<double> evalTk, batchTk;
+    for (int f = 0; f < kNumFormulas; ++f) {
+        double tk = perPoint("exprtk", f), ev = perPoint("eval", f), ba = perPoint("batch", f);
+        if (tk <= 0)
+            continue;
+        if (evalTk.empty())
+            std::printf("\n| formula | eval | batch | ExprTk | eval/ExprTk | batch/ExprTk |\n"
+                        "|---|---:|---:|---:|---:|---:|\n");
+        evalTk.push_back(ratio(ev, tk));
+        batchTk.push_back(ratio(ba, tk));
+        std::printf("| %s | %s | %s | %s | %s | %s |\n", kSuite[f].family, cell(ev).c_str(),
+                    cell(ba).c_str(), cell(tk).c_str(), cell(ratio(ev, tk), "%.2f").c_str(),
+                    cell(ratio(ba, tk), "%.2f").c_str());
+    }
+    if (!evalTk.empty())
+        std::printf("\nmedians: eval/ExprTk %.2f, batch/ExprTk %.2f\n", median(evalTk),
+                    median(batchTk));
     // Powers against the C library's pow on the same points (the power formulas only).
     std::vector<double> evalLibm, batchLibm;
     std::printf("\n| power formula | eval | batch | native | C pow | eval/pow | batch/pow |\n");

@@ -2,6 +2,8 @@
 #ifndef OXEL_BENCH_SUITE_H
 #define OXEL_BENCH_SUITE_H
 
+#include <benchmark/benchmark.h>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -45,6 +47,11 @@ double median(std::vector<double> v);
 std::string cell(double v, const char* fmt = "%.1f");
 double ratio(double a, double b);
 void registerGradients();
+#ifdef OXEL_BENCH_EXPRTK
+// ExprTk (exprtk_bench.cpp): whether it parses formula f and gives want[r] at the first rows.
+bool exprtkAgrees(int f, const std::vector<double>& want);
+void benchExprtk(benchmark::State& st, int f);
+#endif
 // Each way of computing derivatives against the value alone, from the times by name (ns).
 void printGradientSummary(const std::map<std::string, double>& times);
 
