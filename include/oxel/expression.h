@@ -97,7 +97,6 @@ public:
 
 private:
     double evalAt(double* values, int count, int& err) const;
-    double evalDeep(double* values, int& err) const;
     OxelExpression* withSameNames(Oxel* tree) const;
     void installTree(Oxel* tree);
     void dropProgram();
@@ -108,7 +107,6 @@ private:
     KxDArray<KxString> names_;
     KxHashTable<KxString, KxString> aliases_;
     int numInternal_;
-    long depth_;  // of root_: a tree too deep for the caller's stack is evaluated on one that fits
     KxString lastError_;
     int lastErrorOffset_;
     // Compiled forms of root_, each built on first use by whichever thread gets there first

@@ -22,8 +22,7 @@ const int kMaxSimplifyPasses = 100;
 }  // namespace
 
 OxelExpression::OxelExpression()
-    : root_(nullptr), aliases_(KxString("")), numInternal_(0), depth_(0),
-      lastErrorOffset_(-1),
+    : root_(nullptr), aliases_(KxString("")), numInternal_(0), lastErrorOffset_(-1),
       point_(nullptr), program_(nullptr)
 {
     clear();
@@ -92,7 +91,7 @@ int OxelExpression::isVarNeeded(const char* name) const
     if (!name || !*name || !root_)
         return 0;
     int independent = 1;
-    oxs::withStackFor(depth_, [&] { independent = root_->pconstant(name); });
+    oxs::withStackFor(oxelDepth(root_), [&] { independent = root_->pconstant(name); });
     return independent == 0 ? 1 : 0;
 }
 
@@ -146,25 +145,7 @@ inline double OxelExpression::evalAt(double* values, int count, int& err) const
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
-    if (__builtin_expect(depth_ > oxs::kShallowDepth, 0))
-        return evalDeep(values, err);
     return oxelPointRun(*pointProgram(), root_, values, err);
-}
-
-// Programs run trees of any depth; only where one hands the call to the tree walk, which
-// recurses per level, does the call need a stack sized to the tree.
-__attribute__((noinline)) double OxelExpression::evalDeep(double* values, int& err) const
-{
-    const OxelPointProgram* p = pointProgram();
-    if (!oxelPointWalks(*p, err))
-        return oxelPointRun(*p, root_, values, err);
-    double result = 0.0;
-    try {
-        oxs::withStackFor(depth_, [&] { result = oxelPointRun(*pointProgram(), root_, values, err); });
-    } catch (...) {
-        oxk::raise(err, OX_ERR_OVERFLOW);  // no room for a stack that deep
-    }
-    return result;
 }
 
 double OxelExpression::eval(KxDArray<double>& values, int& err) const
@@ -196,7 +177,6 @@ void OxelExpression::installTree(Oxel* tree)
     if (tree != root_)
         oxelDestroy(root_);
     root_ = tree;
-    depth_ = oxelDepth(tree);
 }
 
 void OxelExpression::clear()
@@ -335,9 +315,7 @@ int OxelExpression::evalBatch(const double* rows, int numRows, int stride, doubl
     if (!rows || !results || !errors || numRows < 0 || stride < numVars())
         return -1;
     if (numRows > 0)
-        oxs::withStackFor(depth_, [&] {
-            oxelProgramRun(batchProgram(), rows, numRows, stride, results, errors);
-        });
+        oxelProgramRun(batchProgram(), rows, numRows, stride, results, errors);
     return 0;
 }
 
@@ -347,9 +325,7 @@ int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
     if (!columns || !results || !errors || numRows < 0)
         return -1;
     if (numRows > 0)
-        oxs::withStackFor(depth_, [&] {
-            oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors, errorsZeroed);
-        });
+        oxelProgramRunColumns(batchProgram(), columns, numRows, results, errors, errorsZeroed);
     return 0;
 }
 

@@ -3,6 +3,8 @@
 // stays in a machine register) are encoded in the instruction itself, run by a threaded
 // interpreter with the hot operators inlined per operand combination.
 #include "program/program.h"
+
+#include "core/deep.h"
 #include "program/native/native.h"
 
 #include <algorithm>
@@ -334,15 +336,26 @@ OxelPointProgram* oxelPointCompile(Oxel* root, int numVars)
     return oxelPointBuild(oxp::lower(root, numVars));
 }
 
-bool oxelPointWalks(const OxelPointProgram& p, int err)
-{
-    return (p.walk && !p.wide) || (err != 0 && p.overwrites);
-}
-
 void oxelPointRelease(OxelPointProgram* p)
 {
     delete p;
 }
+
+namespace {
+
+// The tree walk recurses per level: a deep tree gets a stack that holds it.
+[[gnu::noinline]] double walk(Oxel* root, double* vars, int& err)
+{
+    double result = 0.0;
+    try {
+        oxs::withStackFor(oxelDepth(root), [&] { result = root->value(vars, err); });
+    } catch (...) {
+        oxk::raise(err, OX_ERR_OVERFLOW);  // no room for a stack that deep
+    }
+    return result;
+}
+
+}  // namespace
 
 bool oxelPointBuilt(const OxelPointProgram& p)
 {
@@ -457,7 +470,7 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     // tree knows which, so such calls take it. Otherwise no node writes a nonzero code.
     if (p.walk || (err != 0 && p.overwrites))
         return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
-                                                     : root->value(vars, err);
+                                                     : walk(root, vars, err);
     if (oxn::PointFn f = p.native.get(p.steps))
         return oxn::runPoint(f, vars, err);
     return interpret(p, vars, err);

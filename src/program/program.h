@@ -17,8 +17,6 @@ void oxelPointRelease(OxelPointProgram* p);
 bool oxelPointBuilt(const OxelPointProgram& p);
 // What eval() gives for one value vector: Oxel::value's value, code and slot writes.
 double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err);
-// Whether oxelPointRun hands a call with this starting code to the tree walk, which recurses.
-bool oxelPointWalks(const OxelPointProgram& p, int err);
 
 namespace oxp {
 
