@@ -91,7 +91,7 @@ OXN_AVX2 bool unsure(__m256d r)
 template <Kind K, bool AConst, bool BConst>
 [[gnu::target("avx2")]] void wideLoop(const oxb::Insn& in, const oxb::Frame& f)
 {
-    constexpr bool un = oxk::row(K).un != nullptr;
+    constexpr bool un = oxk::row(K).arity == 1;
     const double* a = AConst ? nullptr : f.cols[in.a];
     const double* b = (BConst || un) ? nullptr : f.cols[in.b];
     double* r = f.cols[in.out];
