@@ -52,6 +52,10 @@ Oxel* toTree(const E& e);
 
 bool isNum(const E& e, double* v = nullptr);
 
+// k is n/3 for a whole, moderate n that 3 does not divide (up to the rounding that summing
+// thirds leaves): such a power is written as a cube root.
+bool thirds(double k);
+
 }  // namespace oxn
 
 #endif

@@ -58,10 +58,10 @@ void powerFactors(const E& base, double k, std::vector<Oxel*>& out)
         out.push_back(toTree(base));
     } else if (k == 0.5) {
         out.push_back(new OxSqroot(toTree(base)));
-    } else if (double n = std::nearbyint(k * 3); std::fabs(k * 3 - n) < 1e-12 && std::fmod(n, 3) != 0) {
+    } else if (thirds(k)) {
         // u^(n/3): the cube root, real for a negative u as well
         std::vector<Oxel*> inner;
-        powerFactors(base, n, inner);
+        powerFactors(base, std::nearbyint(k * 3), inner);
         out.push_back(new OxCbroot(chain(inner)));
     } else if ((k == 2 || k == 3) && isPlainVariable(base)) {
         for (int i = 0; i < k; ++i)
