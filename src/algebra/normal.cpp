@@ -13,7 +13,7 @@
 #include <oxel/nodes.h>
 #include <oxel/printing.h>
 
-namespace oxn {
+namespace oxnf {
 
 namespace {
 
@@ -508,12 +508,12 @@ bool thirds(double k)
     return std::fabs(k) < 1e6 && std::fabs(k * 3 - n) < 1e-12 && std::fmod(n, 3) != 0;
 }
 
-}  // namespace oxn
+}  // namespace oxnf
 
 Oxel* oxelNormalized(Oxel* tree)
 {
     if (!tree)
         return nullptr;
-    oxn::draws = 0;
-    return oxn::toTree(oxn::fromTree(tree));
+    oxnf::draws = 0;
+    return oxnf::toTree(oxnf::fromTree(tree));
 }

@@ -9,7 +9,7 @@
 
 #include <oxel/core.h>
 
-namespace oxn {
+namespace oxnf {
 
 struct Term;
 using E = std::shared_ptr<const Term>;
@@ -56,6 +56,6 @@ bool isNum(const E& e, double* v = nullptr);
 // thirds leaves): such a power is written as a cube root.
 bool thirds(double k);
 
-}  // namespace oxn
+}  // namespace oxnf
 
 #endif

@@ -12,7 +12,7 @@
 #include "algebra/normal.h"
 #include "nodes/kinds.h"
 
-namespace oxn {
+namespace oxnf {
 
 namespace {
 
@@ -255,4 +255,4 @@ Oxel* toTree(const E& e)
     return call(e);
 }
 
-}  // namespace oxn
+}  // namespace oxnf
