@@ -26,7 +26,9 @@ const size_t kChunk = 256 * 1024;
 const size_t kAlign = 64;
 
 std::mutex gLock;
-std::vector<Chunk*> gChunks;
+// Never destroyed: the chunk kept for the next program stays reachable until the process ends,
+// whatever order static objects are torn down in.
+std::vector<Chunk*>& gChunks = *new std::vector<Chunk*>;
 
 Chunk* mapChunk(size_t size)
 {
