@@ -54,18 +54,7 @@ bool exprtkAgrees(int f, const std::vector<double>& want)
 void benchExprtk(benchmark::State& st, int f)
 {
     TkSetup t(f);
-    const double* data = rows().data();
-    std::vector<double> res(kPoints);
-    for (auto _ : st) {
-        for (int r = 0; r < kPoints; ++r) {
-            const double* row = data + static_cast<size_t>(r) * kStride;
-            for (int i = 0; i < kDeclared; ++i)
-                t.vars[i] = row[i];
-            res[static_cast<size_t>(r)] = t.expr.value();
-        }
-        benchmark::DoNotOptimize(res.data());
-        benchmark::ClobberMemory();
-    }
+    benchBoundVariables(st, t.vars, [&] { return t.expr.value(); });
 }
 
 }  // namespace oxbench

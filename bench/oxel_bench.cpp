@@ -158,18 +158,7 @@ struct MuSetup {
 void benchMu(benchmark::State& st, int f)
 {
     MuSetup m(kSuite[f].mu);
-    const double* data = rows().data();
-    std::vector<double> res(kPoints);
-    for (auto _ : st) {
-        for (int r = 0; r < kPoints; ++r) {
-            const double* row = data + static_cast<size_t>(r) * kStride;
-            for (int i = 0; i < kDeclared; ++i)
-                m.vars[i] = row[i];
-            res[static_cast<size_t>(r)] = m.p.Eval();
-        }
-        benchmark::DoNotOptimize(res.data());
-        benchmark::ClobberMemory();
-    }
+    benchBoundVariables(st, m.vars, [&] { return m.p.Eval(); });
 }
 
 void benchMuParse(benchmark::State& st, int f)

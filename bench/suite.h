@@ -47,6 +47,25 @@ double median(std::vector<double> v);
 std::string cell(double v, const char* fmt = "%.1f");
 double ratio(double a, double b);
 void registerGradients();
+// A library that reads its variables through addresses bound once (muparser, ExprTk): each
+// point is copied into vars, then eval() gives its value.
+template <class Eval>
+void benchBoundVariables(benchmark::State& st, double* vars, Eval eval)
+{
+    const double* data = rows().data();
+    std::vector<double> res(kPoints);
+    for (auto _ : st) {
+        for (int r = 0; r < kPoints; ++r) {
+            const double* row = data + static_cast<size_t>(r) * kStride;
+            for (int i = 0; i < kDeclared; ++i)
+                vars[i] = row[i];
+            res[static_cast<size_t>(r)] = eval();
+        }
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+}
+
 #ifdef OXEL_BENCH_EXPRTK
 // ExprTk (exprtk_bench.cpp): whether it parses formula f and gives want[r] at the first rows.
 bool exprtkAgrees(int f, const std::vector<double>& want);

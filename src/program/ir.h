@@ -102,7 +102,6 @@ struct Program {
     std::vector<bool> inputRead;                    // slots read before any assignment
     bool overwrites = false;  // has an ordering comparison (matters when err starts nonzero)
     bool several = false;     // lowerSeveral: assigned holds the trees' results
-    int merged = 0;           // steps saved by sharing
 
     // Liveness and slot allocation, the same for every back end. lastUse[i] is the last step
     // that reads step i (kLive: the result or an assigned value; -1: nobody). slot[i] is the

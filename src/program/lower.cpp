@@ -223,7 +223,6 @@ struct Lowerer {
         const int next = static_cast<int>(out.steps.size());
         const int earlier = shared.findOrAdd(s, next);
         if (earlier >= 0) {
-            ++out.merged;
             return reg(earlier);
         }
         out.steps.push_back(s);
@@ -266,8 +265,7 @@ struct Lowerer {
         if (mergeCalls && kind == oxk::Kind::OxDepVar) {
             const int earlier = sameCall(static_cast<const OxDepVar*>(node), values, n);
             if (earlier >= 0) {
-                ++out.merged;
-                return reg(earlier);
+                    return reg(earlier);
             }
         }
         const int first = static_cast<int>(out.args.size());

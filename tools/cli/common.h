@@ -72,17 +72,8 @@ struct Formula {
 Formula formulaOf(const Args& a);
 
 // Which options a command accepts besides --alias, --var and --file.
-enum Accepts {
-    kSimplify = 1,
-    kOnce = 2,
-    kCsv = 4,
-    kTree = 8,
-    kValue = 16,
-    kHessian = 32,
-    kGrad = 64,
-    kFormat = 128,
-    kPasses = 256
-};
+enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kHessian = 32,
+               kGrad = 64, kFormat = 128, kPasses = 256 };
 
 void rejectOptions(const Args& a, int accepted);
 
