@@ -102,6 +102,7 @@ private:
     void dropProgram();
     OxelProgram* batchProgram() const;
     OxelPointProgram* pointProgram() const;
+    double evalSlow(double* values, int count, int& err) const;
 
     Oxel* root_;
     KxDArray<KxString> names_;
@@ -113,6 +114,8 @@ private:
     // (the others discard theirs), so that threads may share one expression.
     mutable std::atomic<OxelPointProgram*> point_;
     mutable std::atomic<OxelProgram*> program_;
+    // The point program's machine code once it is published: eval() calls it directly.
+    mutable std::atomic<double (*)(double*, int*)> native_;
 };
 
 /// A value and its partial derivatives run as one program whose equal steps are computed

@@ -10,6 +10,7 @@
 #include <oxel/nodes.h>
 
 #include "core/deep.h"
+#include "program/native/native.h"
 #include "program/program.h"
 #include "nodes/kernels.h"
 #include "parser/converter.h"
@@ -23,7 +24,7 @@ const int kMaxSimplifyPasses = 100;
 
 OxelExpression::OxelExpression()
     : root_(nullptr), aliases_(KxString("")), numInternal_(0), lastErrorOffset_(-1),
-      point_(nullptr), program_(nullptr)
+      point_(nullptr), program_(nullptr), native_(nullptr)
 {
     clear();
 }
@@ -133,8 +134,20 @@ int OxelExpression::initFromString(const char* text)
 }
 
 // Both forms of eval() inline this: a call from one exported function to another would go
-// through the symbol table.
+// through the symbol table. Once the program runs as machine code, a call with a whole vector
+// and no code set yet goes straight to it: one load and one call.
 inline double OxelExpression::evalAt(double* values, int count, int& err) const
+{
+    auto f = native_.load(std::memory_order_acquire);
+    if (__builtin_expect(f != nullptr, 1) && count >= names_.length() && values && err == 0
+        && oxn::enabled())
+        return f(values, &err);
+    return evalSlow(values, count, err);
+}
+
+// Out of line, so that the fast path above saves no register.
+__attribute__((noinline)) double OxelExpression::evalSlow(double* values, int count,
+                                                          int& err) const
 {
     if (!root_)
         return 0.0;
@@ -145,7 +158,12 @@ inline double OxelExpression::evalAt(double* values, int count, int& err) const
         oxk::raise(err, OX_ERR_ILLEGAL_ARGUMENT);
         return 0.0;
     }
-    return oxelPointRun(*pointProgram(), root_, values, err);
+    const OxelPointProgram& p = *pointProgram();
+    const double v = oxelPointRun(p, root_, values, err);
+    if (!native_.load(std::memory_order_relaxed))
+        if (auto f = oxelPointNative(p))
+            native_.store(f, std::memory_order_release);
+    return v;
 }
 
 double OxelExpression::eval(KxDArray<double>& values, int& err) const
@@ -331,6 +349,7 @@ int OxelExpression::evalBatchColumns(const double* const* columns, int numRows,
 
 void OxelExpression::dropProgram()
 {
+    native_.store(nullptr, std::memory_order_relaxed);
     if (OxelProgram* p = program_.exchange(nullptr))
         oxelProgramRelease(p);
     oxelPointRelease(point_.exchange(nullptr));

@@ -475,3 +475,8 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
         return oxn::runPoint(f, vars, err);
     return interpret(p, vars, err);
 }
+
+OxelNativeFn oxelPointNative(const OxelPointProgram& p)
+{
+    return p.walk ? nullptr : p.native.published();
+}

@@ -17,6 +17,10 @@ void oxelPointRelease(OxelPointProgram* p);
 bool oxelPointBuilt(const OxelPointProgram& p);
 // What eval() gives for one value vector: Oxel::value's value, code and slot writes.
 double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err);
+// The program's published machine code where it alone gives what oxelPointRun gives for a
+// full vector and a zero code; null while the interpreter or the tree walk serves it.
+using OxelNativeFn = double (*)(double*, int*);
+OxelNativeFn oxelPointNative(const OxelPointProgram& p);
 
 namespace oxp {
 

@@ -56,6 +56,9 @@ public:
         return warm(ir);
     }
 
+    // The code once some call has compiled it, whether or not native code is on now.
+    PointFn published() const { return fn_.load(std::memory_order_acquire); }
+
 private:
     PointFn warm(const oxp::Program& ir) const;
 
