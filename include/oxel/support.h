@@ -98,11 +98,12 @@ public:
     }
 
     /// Inserts v before position pos (0..length), moving later elements up.
-    void insert(int pos, const T& v)
+    void insert(int pos, const T& v) { insert(pos, T(v)); }
+    void insert(int pos, T&& v)
     {
         if (pos < 0 || pos > len_)
             return;
-        T copy(v);
+        T copy(std::move(v));  // v may live inside this array
         if (len_ == cap_)
             reserve(grownCapacity());
         new (&data_[len_]) T();

@@ -21,6 +21,36 @@ void forEachChild(Oxel* node, F f)
             f(i, c);
 }
 
+// A work stack whose first entries live in the frame: the small trees of everyday formulas
+// take no heap, however often they are built and destroyed.
+template <class T>
+class WorkStack {
+public:
+    explicit WorkStack(T first) { push(first); }
+    bool empty() const { return n_ == 0 && more_.empty(); }
+    void push(T v)
+    {
+        if (n_ < kLocal)
+            local_[n_++] = v;
+        else
+            more_.push_back(v);
+    }
+    T pop()
+    {
+        if (more_.empty())
+            return local_[--n_];
+        T v = more_.back();
+        more_.pop_back();
+        return v;
+    }
+
+private:
+    static const int kLocal = 32;
+    T local_[kLocal];
+    int n_ = 0;
+    std::vector<T> more_;
+};
+
 }  // namespace
 
 long oxelNodeCount(Oxel* node)
@@ -28,12 +58,11 @@ long oxelNodeCount(Oxel* node)
     if (!node)
         return 0;
     long n = 0;
-    std::vector<Oxel*> stack{node};
+    WorkStack<Oxel*> stack(node);
     while (!stack.empty()) {
-        Oxel* cur = stack.back();
-        stack.pop_back();
+        Oxel* cur = stack.pop();
         ++n;
-        forEachChild(cur, [&](int, Oxel* c) { stack.push_back(c); });
+        forEachChild(cur, [&](int, Oxel* c) { stack.push(c); });
     }
     return n;
 }
@@ -43,13 +72,12 @@ long oxelDepth(Oxel* node)
     if (!node)
         return 0;
     long deepest = 0;
-    std::vector<std::pair<Oxel*, long>> stack{{node, 1}};
+    WorkStack<std::pair<Oxel*, long>> stack({node, 1});
     while (!stack.empty()) {
-        auto [cur, d] = stack.back();
-        stack.pop_back();
+        auto [cur, d] = stack.pop();
         if (d > deepest)
             deepest = d;
-        forEachChild(cur, [&, d = d](int, Oxel* c) { stack.push_back({c, d + 1}); });
+        forEachChild(cur, [&, d = d](int, Oxel* c) { stack.push({c, d + 1}); });
     }
     return deepest;
 }
@@ -62,12 +90,11 @@ void oxelDestroy(Oxel* node)
         delete node;  // a leaf, as most operands are: no stack needed
         return;
     }
-    std::vector<Oxel*> stack{node};
+    WorkStack<Oxel*> stack(node);
     while (!stack.empty()) {
-        Oxel* cur = stack.back();
-        stack.pop_back();
+        Oxel* cur = stack.pop();
         forEachChild(cur, [&](int i, Oxel* c) {
-            stack.push_back(c);
+            stack.push(c);
             cur->setChild(i, nullptr);
         });
         delete cur;
@@ -82,14 +109,13 @@ std::string oxelToString(Oxel* node)
     // children (or once for a leaf), two brackets per child and two for a function call.
     size_t bound = 1;
     long depth = 0;
-    std::vector<std::pair<Oxel*, long>> stack{{node, 1}};
+    WorkStack<std::pair<Oxel*, long>> stack({node, 1});
     while (!stack.empty()) {
-        auto [cur, d] = stack.back();
-        stack.pop_back();
+        auto [cur, d] = stack.pop();
         depth = d > depth ? d : depth;
         int kids = 0;
         forEachChild(cur, [&, d = d](int, Oxel* c) {
-            stack.push_back({c, d + 1});
+            stack.push({c, d + 1});
             ++kids;
         });
         size_t sym = std::strlen(cur->symbol());

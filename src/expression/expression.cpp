@@ -59,13 +59,15 @@ int OxelExpression::varIndex(const char* name) const
 {
     if (!name || !*name)
         return -1;
-    KxString wanted(name);
-    if (KxString* target = aliases_.lookup(wanted))
-        wanted = *target;
+    // Most hosts declare no alias: then the name is looked up as it stands, without a copy.
+    const char* wanted = name;
+    if (aliases_.count() > 0)
+        if (const KxString* target = aliases_.lookup(KxString(name)))
+            wanted = target->c_str();
+    const int length = static_cast<int>(std::strlen(wanted));
     int declared = numVars() - numInternal_;
     for (int i = 0; i < declared; ++i)
-        if (names_[i].length() == wanted.length() &&
-            std::strcmp(names_[i].c_str(), wanted.c_str()) == 0)
+        if (names_[i].length() == length && std::strcmp(names_[i].c_str(), wanted) == 0)
             return i;
     return -1;
 }

@@ -37,7 +37,7 @@ public:
 
 int OxConverter_getVarIndex(const char* name)
 {
-    if (OxConverter_yyVarAlias) {
+    if (OxConverter_yyVarAlias && OxConverter_yyVarAlias->count() > 0) {
         if (KxString* target = OxConverter_yyVarAlias->lookup(KxString(name)))
             name = target->c_str();
     }
