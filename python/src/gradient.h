@@ -29,35 +29,28 @@ public:
                 values.data(), out.mutable_data(), reinterpret_cast<int*>(codes.mutable_data()));
             return py::make_tuple(out, codes);
         }
-        PyExpression::Columns columns = PyExpression::columnsOf(given);
+        const PyExpression::Columns columns = PyExpression::columnsOf(given);
         std::vector<py::ssize_t> shape{n};
         for (auto d : py::tuple(columns.shape))
             shape.push_back(py::cast<py::ssize_t>(d));
         py::array_t<double> out(shape);
         py::array_t<std::int32_t> codes(shape);
-        const py::ssize_t total = out.size() / n;
-        std::vector<const double*> base;
-        for (const auto& c : columns.arrays)
-            base.push_back(c.data());
+        const py::ssize_t total = columns.total;
         double* outBase = out.mutable_data();
         int* codeBase = reinterpret_cast<int*>(codes.mutable_data());
         int status = 0;
         {
             py::gil_scoped_release released; // threads may share a gradient, as an expression
-            std::vector<const double*> cols(static_cast<size_t>(nv), nullptr);
             std::vector<double*> outs(static_cast<size_t>(n));
             std::vector<int*> codep(static_cast<size_t>(n));
-            for (py::ssize_t start = 0; start < total && status == 0;) {
-                int rows = static_cast<int>(std::min<py::ssize_t>(total - start, INT_MAX));
-                for (size_t i = 0; i < base.size(); ++i)
-                    cols[i] = base[i] + start;
+            status = columns.forChunks(nv, [&](const double* const* cols, py::ssize_t start,
+                                               int rows) {
                 for (int k = 0; k < n; ++k) {
                     outs[static_cast<size_t>(k)] = outBase + k * total + start;
                     codep[static_cast<size_t>(k)] = codeBase + k * total + start;
                 }
-                status = grad_->evalBatchColumns(cols.data(), rows, outs.data(), codep.data());
-                start += rows;
-            }
+                return grad_->evalBatchColumns(cols, rows, outs.data(), codep.data());
+            });
         }
         if (status != 0)
             throw std::runtime_error("oxel: batch evaluation refused its arguments");

@@ -339,19 +339,74 @@ public:
         return given;
     }
 
-    // The inputs broadcast, each one contiguous float64 column, and their common shape.
+    // The inputs over their common shape, as float64 columns. An array of that shape serves
+    // as it stands where it is contiguous float64; a number (or a 0-d array) becomes a short
+    // constant column that every chunk of rows reuses, so that a scalar never costs a whole
+    // column of fresh memory; other arrays are broadcast into a column of their own.
     struct Columns {
-        std::vector<py::array_t<double, py::array::c_style | py::array::forcecast>> arrays;
+        std::vector<py::object> arrays;             // the columns made here, kept alive
+        std::vector<std::vector<double>> constants; // by input: empty for an array
+        std::vector<const double*> base;            // by input: its column or constant
         py::object shape;
+        py::ssize_t total = 1;
+
+        // Calls run(cols, start, rows) for consecutive chunks covering every row, cols holding
+        // numVars column pointers (internal variables null, read as 0); stops at a nonzero
+        // status and returns it. Needs no interpreter lock.
+        template <class Run>
+        int forChunks(int numVars, Run run) const
+        {
+            std::vector<const double*> cols(static_cast<size_t>(numVars), nullptr);
+            const py::ssize_t chunk = chunkRows();
+            int status = 0;
+            for (py::ssize_t start = 0; start < total && status == 0;) {
+                const int rows = static_cast<int>(std::min(total - start, chunk));
+                for (size_t i = 0; i < base.size(); ++i)
+                    cols[i] = constants[i].empty() ? base[i] + start : base[i];
+                status = run(cols.data(), start, rows);
+                start += rows;
+            }
+            return status;
+        }
+
+        py::ssize_t chunkRows() const
+        {
+            for (const auto& c : constants)
+                if (!c.empty())
+                    return kConstantRows;
+            return INT_MAX;
+        }
+        // Rows per call when a constant column is reused: 1 MB each, and enough rows for
+        // the library to share them among its threads.
+        static constexpr py::ssize_t kConstantRows = 1 << 17;
     };
     static Columns columnsOf(const std::vector<py::object>& given)
     {
         py::handle np = numpy;
-        py::tuple broadcast = np.attr("broadcast_arrays")(*py::cast(given));
+        py::list shapes;
+        for (const auto& g : given)
+            shapes.append(np.attr("shape")(g));
         Columns c;
-        for (auto a : broadcast)
-            c.arrays.emplace_back(np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
-        c.shape = broadcast[0].attr("shape");
+        c.shape = np.attr("broadcast_shapes")(*shapes);
+        for (auto d : py::tuple(c.shape))
+            c.total *= py::cast<py::ssize_t>(d);
+        for (size_t i = 0; i < given.size(); ++i) {
+            py::object a = given[i];
+            if (np.attr("ndim")(a).cast<int>() == 0) {
+                c.constants.emplace_back(
+                    static_cast<size_t>(std::min(c.total, Columns::kConstantRows)),
+                    py::cast<double>(np.attr("float64")(a)));
+                c.base.push_back(c.constants.back().data());
+                continue;
+            }
+            if (!py::object(shapes[i]).equal(c.shape))
+                a = np.attr("broadcast_to")(a, c.shape);
+            c.constants.emplace_back();
+            py::array_t<double, py::array::c_style | py::array::forcecast> column(
+                np.attr("ascontiguousarray")(a, "dtype"_a = "float64"));
+            c.base.push_back(column.data());
+            c.arrays.push_back(std::move(column));
+        }
         return c;
     }
 
@@ -424,32 +479,21 @@ private:
     py::tuple evalArrays(const std::vector<py::object>& given)
     {
         py::handle np = numpy;
-        Columns prepared = columnsOf(given);
-        const auto& columns = prepared.arrays;
-        py::object shape = prepared.shape;
-        py::array_t<double> results(py::cast<std::vector<py::ssize_t>>(shape));
+        const Columns columns = columnsOf(given);
+        py::array_t<double> results(py::cast<std::vector<py::ssize_t>>(columns.shape));
         // Zero-mapped by numpy.zeros: the batch writes only the rows that fail, so the pages
         // of an error-free result are never touched.
-        py::array_t<std::int32_t> errors = np.attr("zeros")(shape, "dtype"_a = "int32");
-        const py::ssize_t total = results.size();
-        std::vector<const double*> base;
-        for (auto& c : columns)
-            base.push_back(c.data());
+        py::array_t<std::int32_t> errors = np.attr("zeros")(columns.shape, "dtype"_a = "int32");
         double* out = results.mutable_data();
         int* codes = reinterpret_cast<int*>(errors.mutable_data());
         int status = 0;
         {
             // Evaluation needs no lock: the library lets threads share an expression.
             py::gil_scoped_release released;
-            // Internal variables get null columns, which read as 0.
-            std::vector<const double*> cols(static_cast<size_t>(expr_->numVars()), nullptr);
-            for (py::ssize_t start = 0; start < total && status == 0;) {
-                int n = static_cast<int>(std::min<py::ssize_t>(total - start, INT_MAX));
-                for (size_t i = 0; i < base.size(); ++i)
-                    cols[i] = base[i] + start;
-                status = expr_->evalBatchColumns(cols.data(), n, out + start, codes + start, true);
-                start += n;
-            }
+            status = columns.forChunks(expr_->numVars(), [&](const double* const* cols,
+                                                             py::ssize_t start, int rows) {
+                return expr_->evalBatchColumns(cols, rows, out + start, codes + start, true);
+            });
         }
         if (status != 0)
             throw std::runtime_error("oxel: batch evaluation refused its arguments");

@@ -92,6 +92,12 @@ def test_broadcasting_shapes_and_layouts():
     values, _ = e.eval(x=[1.0, 2.0], y=3.0, z=0.5)    # lists and scalars mix
     assert values.tolist() == [3.5, 6.5]
     assert e.eval(x=np.zeros(0), y=1.0, z=1.0)[0].shape == (0,)
+    # Numbers beside long arrays are reused chunk after chunk: as good as their full columns.
+    root = oxel.Expression("sqrt(x) * y - z", variables=["x", "y", "z"])
+    x = np.linspace(-3, 3, 300_001)
+    for f in (root, root.gradient(["x", "y"])):
+        (v, c), (w, d) = f.eval(x=x, y=2.5, z=-1), f.eval(x=x, y=x * 0 + 2.5, z=x * 0 - 1)
+        assert np.array_equal(bits(v), bits(w)) and np.array_equal(c, d) and c.any()
     with pytest.raises(ValueError):
         e.eval(x=np.zeros(3), y=np.zeros(4), z=0.0)
 
