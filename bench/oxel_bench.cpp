@@ -79,6 +79,22 @@ void benchBatch(benchmark::State& st, int f)
     delete e;
 }
 
+// The column batch over one array per variable (assigned variables read 0).
+void benchColumns(benchmark::State& st, int f)
+{
+    OxelExpression* e = parseOxel(f);
+    std::vector<const double*> cols(columns(), columns() + kDeclared);
+    cols.resize(static_cast<size_t>(std::max(e->numVars(), kDeclared)), nullptr);
+    std::vector<double> res(kPoints);
+    std::vector<int> err(kPoints);
+    for (auto _ : st) {
+        e->evalBatchColumns(cols.data(), kPoints, res.data(), err.data());
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+    delete e;
+}
+
 // Large batches for the worker threads: 10^7 rows, one thread against the
 // default count, in wall time (CPU time would add the threads up).
 const int kLargeRows = 10000000;
@@ -126,18 +142,19 @@ bool arithmeticOfFour(int f)
     return false;
 }
 
-void runNative(benchmark::State& st, Native fn)
+void runNative(benchmark::State& st, Native fn, const double* const* cols = nullptr)
 {
     std::vector<double> res(kPoints);
     std::vector<int> err(kPoints);
     for (auto _ : st) {
-        fn(rows().data(), kPoints, kStride, res.data(), err.data());
+        fn(rows().data(), kStride, cols, kPoints, res.data(), err.data());
         benchmark::DoNotOptimize(res.data());
         benchmark::ClobberMemory();
     }
 }
 
 void benchNative(benchmark::State& st, int f) { runNative(st, kSuite[f].native); }
+void benchNativeColumns(benchmark::State& st, int f) { runNative(st, kSuite[f].native, columns()); }
 void benchLibm(benchmark::State& st, int f) { runNative(st, kSuite[f].libm); }
 
 #ifdef OXEL_BENCH_MUPARSER
@@ -284,6 +301,8 @@ void registerAll()
         reg("eval", benchEval);
         reg("batch", benchBatch);
         reg("native", benchNative);
+        reg("columns", benchColumns);
+        reg("native-columns", benchNativeColumns);
         if (kSuite[f].libm)
             reg("libm", benchLibm);
 #ifdef OXEL_BENCH_MUPARSER
@@ -369,7 +388,7 @@ void crossCheck()
 #endif
             int en = 0;
             double nat = 0.0;
-            kSuite[f].native(row, 1, kStride, &nat, &en);
+            kSuite[f].native(row, kStride, nullptr, 1, &nat, &en);
             if (std::memcmp(&nat, &want, sizeof nat) != 0 || en != err) {
                 std::printf("warning: native code disagrees on '%s'\n", kSuite[f].oxel);
                 break;
@@ -390,7 +409,7 @@ void printSummary()
                 "batch/native | parse | parse mu | parse fp | d/dx+simp |\n");
     std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     std::vector<double> evalMu, batchMu, batchNative, evalFp, parse, parseMu, diff, evalNative,
-        firstMu;
+        firstMu, columnsNative;
     for (int f = 0; f < kNumFormulas; ++f) {
         double ev = perPoint("eval", f), ba = perPoint("batch", f), na = perPoint("native", f);
         double mu = perPoint("muparser", f), fp = perPoint("fparser", f);
@@ -404,6 +423,8 @@ void printSummary()
             batchNative.push_back(ratio(ba, na));
         if (ratio(ev, na) > 0)
             evalNative.push_back(ratio(ev, na));
+        if (ratio(perPoint("columns", f), perPoint("native-columns", f)) > 0)
+            columnsNative.push_back(ratio(perPoint("columns", f), perPoint("native-columns", f)));
         if (ratio(perCall("first", f), pm) > 0)
             firstMu.push_back(ratio(perCall("first", f), pm));
         if (ratio(ev, fp) > 0)
@@ -422,9 +443,10 @@ void printSummary()
                     cell(di, "%.0f").c_str());
     }
     std::printf("\nmedians: eval/muparser %.2f, batch/muparser %.2f, batch/native %.2f, "
-                "eval/fparser %.2f, eval/native %.2f, first use/muparser's %.2f\n",
+                "eval/fparser %.2f, eval/native %.2f, first use/muparser's %.2f, "
+                "columns/native over columns %.2f\n",
                 median(evalMu), median(batchMu), median(batchNative), median(evalFp),
-                median(evalNative), median(firstMu));
+                median(evalNative), median(firstMu), median(columnsNative));
     // ExprTk, where its header was found and it reads the formula.
     std::vector<double> evalTk, batchTk;
     for (int f = 0; f < kNumFormulas; ++f) {

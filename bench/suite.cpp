@@ -13,8 +13,20 @@ namespace oxbench {
 // Hand-written evaluation: the same guarded kernels in the same order as the tree, inlined
 // into the loop. This is the limit a formula compiler could reach.
 template <class F>
-inline void nativeLoop(F f, const double* rows, int n, int stride, double* res, int* err)
+inline void nativeLoop(F f, const double* rows, int stride, const double* const* columns, int n,
+                       double* res, int* err)
 {
+    if (columns) {
+        for (int r = 0; r < n; ++r) {
+            double p[kDeclared];
+            for (int i = 0; i < kDeclared; ++i)
+                p[i] = columns[i][r];
+            int e = 0;
+            res[r] = f(p, e);
+            err[r] = e;
+        }
+        return;
+    }
     for (int r = 0; r < n; ++r) {
         int e = 0;
         res[r] = f(rows + static_cast<size_t>(r) * static_cast<size_t>(stride), e);
@@ -23,7 +35,7 @@ inline void nativeLoop(F f, const double* rows, int n, int stride, double* res, 
 }
 
 #define NATIVE(body)                                                                       \
-    [](const double* rows, int n, int stride, double* res, int* err) {                     \
+    [](const double* rows, int stride, const double* const* cols, int n, double* res, int* err) { \
         nativeLoop(                                                                        \
             [](const double* p, int& e) -> double {                                        \
                 [[maybe_unused]] const double x = p[0], y = p[1], z = p[2], w = p[3];      \
@@ -31,7 +43,7 @@ inline void nativeLoop(F f, const double* rows, int n, int stride, double* res, 
                 (void)e;                                                                   \
                 body                                                                       \
             },                                                                             \
-            rows, n, stride, res, err);                                                    \
+            rows, stride, cols, n, res, err);                                              \
     }
 
 using namespace oxk;
@@ -213,6 +225,24 @@ const std::vector<double>& rows()
 {
     static const std::vector<double> data = makeRows();
     return data;
+}
+
+const double* const* columns()
+{
+    static const std::vector<std::vector<double>> data = [] {
+        std::vector<std::vector<double>> c(kDeclared, std::vector<double>(kPoints));
+        for (size_t r = 0; r < kPoints; ++r)
+            for (size_t v = 0; v < kDeclared; ++v)
+                c[v][r] = rows()[r * kStride + v];
+        return c;
+    }();
+    static const std::vector<const double*> pointers = [] {
+        std::vector<const double*> p;
+        for (const auto& c : data)
+            p.push_back(c.data());
+        return p;
+    }();
+    return pointers.data();
 }
 
 double median(std::vector<double> v)

@@ -15,7 +15,10 @@ const int kStride = 10;     // eight declared variables and room for two assigne
 const char* const kVarNames[] = {"x", "y", "z", "w", "u", "v", "s", "t"};
 const int kDeclared = 8;
 
-using Native = void (*)(const double* rows, int n, int stride, double* res, int* err);
+// Hand-written evaluation of n points: rows with a stride, or (columns not null) one array
+// per declared variable.
+using Native = void (*)(const double* rows, int stride, const double* const* columns, int n,
+                        double* res, int* err);
 
 struct Formula {
     const char* family;
@@ -41,6 +44,8 @@ extern const int kNumGradientFormulas;
 
 // kPoints rows of kStride values each, the same for every run.
 const std::vector<double>& rows();
+// The same points as one array per declared variable.
+const double* const* columns();
 
 // The value benchmarks and the gradient benchmarks (grad_bench.cpp) share these.
 double median(std::vector<double> v);
