@@ -471,7 +471,17 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     if (p.walk || (err != 0 && p.overwrites))
         return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
                                                      : walk(root, vars, err);
-    if (oxn::PointFn f = p.native.get(p.steps))
-        return oxn::runPoint(f, vars, err);
+    if (!p.steps.several)
+        if (oxn::PointFn f = p.native.get(p.steps))
+            return oxn::runPoint(f, vars, err);
     return interpret(p, vars, err);
+}
+
+OxelSeveralFn oxelPointSeveral(const OxelPointProgram& p)
+{
+    if (p.walk || !p.steps.several)
+        return nullptr;
+    // Through void (*)(): the code was generated for the three arguments.
+    return reinterpret_cast<OxelSeveralFn>(
+        reinterpret_cast<void (*)()>(p.native.get(p.steps)));
 }
