@@ -164,6 +164,7 @@ TEST(Gradient, FailureInOnePartialOnly)
         "y / x + x*x",  // every output divides by x
         "atan2(x, y) + 1e308 * x * y",  // overflow in the value and d/dy, not in d/dx
         "exp(x) * y + x*x*x*x*y",  // exp(x)*1 near the overflow limit, x^4 up to 2^256
+        "pow(x, 2) * y + pow(y, 2)",  // the derivatives' x^1 and y^1 are x and y, -0 included
     };
     for (const char* text : formulas) {
         OxelExpression e;
@@ -175,8 +176,9 @@ TEST(Gradient, FailureInOnePartialOnly)
             const auto g = e.gradient(names, order);
             ASSERT_TRUE(g);
             std::vector<double> rows;
-            for (double x : { 0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64 })
-                for (double y : { 0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN() })
+            for (double x : { 0.0, -0.0, 5e-324, 1.0, -2.0, 2.0, 1e300, 709.7, 0x1p64 })
+                for (double y : { 0.0, -0.0, 3.0, -0x1p64,
+                                  std::numeric_limits<double>::signaling_NaN() })
                     rows.insert(rows.end(), { x, y, 0.0 });
             EXPECT_EQ(compare(e, *g, sep, rows), "") << text;
         }
