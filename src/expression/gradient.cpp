@@ -231,8 +231,9 @@ int OxelGradient::evalBatchColumns(
         if (!out[k] || !codes[k])
             return -1;
     const size_t nv = static_cast<size_t>(g.numVars);
-    PointSlots slots(2 * nv);  // the copy that eval may write, then the row's values
-    double* values = slots.get() + nv;
+    // A row's values and the copy that eval may write; not PointSlots, whose thread buffer
+    // the calls below take for themselves.
+    std::vector<double> values(nv), slots(nv);
     std::vector<double> outRow(static_cast<size_t>(n));
     std::vector<int> codeRow(static_cast<size_t>(n));
     auto gather = [&](int r) {
@@ -242,7 +243,7 @@ int OxelGradient::evalBatchColumns(
     if (!g.columns) {  // calls keep their row order, as in evalBatch
         for (int r = 0; r < numRows; ++r) {
             gather(r);
-            g.run(values, outRow.data(), codeRow.data());
+            g.run(values.data(), outRow.data(), codeRow.data());
             for (int k = 0; k < n; ++k) {
                 out[k][r] = outRow[static_cast<size_t>(k)];
                 codes[k][r] = codeRow[static_cast<size_t>(k)];
@@ -266,7 +267,7 @@ int OxelGradient::evalBatchColumns(
             continue;
         gather(r);
         for (int k = 0; k < n; ++k)
-            out[k][r] = g.own(k, values, slots.get(), codes[k][r]);
+            out[k][r] = g.own(k, values.data(), slots.data(), codes[k][r]);
     }
     return 0;
 }
