@@ -164,6 +164,7 @@ TEST(Gradient, FailureInOnePartialOnly)
         "y / x + x*x",  // every output divides by x
         "atan2(x, y) + 1e308 * x * y",  // overflow in the value and d/dy, not in d/dx
         "exp(x) * y + x*x*x*x*y",  // exp(x)*1 near the overflow limit, x^4 up to 2^256
+        "pow(x, 2) * y + pow(y, 2)",  // the derivatives' x^1 and y^1 are x and y, -0 included
     };
     for (const char* text : formulas) {
         OxelExpression e;
@@ -175,8 +176,9 @@ TEST(Gradient, FailureInOnePartialOnly)
             const auto g = e.gradient(names, order);
             ASSERT_TRUE(g);
             std::vector<double> rows;
-            for (double x : { 0.0, 1.0, 2.0, 1e300, 709.7, 0x1p64 })
-                for (double y : { 0.0, 3.0, -0x1p64, std::numeric_limits<double>::signaling_NaN() })
+            for (double x : { 0.0, -0.0, 5e-324, 1.0, -2.0, 2.0, 1e300, 709.7, 0x1p64 })
+                for (double y : { 0.0, -0.0, 3.0, -0x1p64,
+                                  std::numeric_limits<double>::signaling_NaN() })
                     rows.insert(rows.end(), { x, y, 0.0 });
             EXPECT_EQ(compare(e, *g, sep, rows), "") << text;
         }
@@ -192,6 +194,60 @@ TEST(Gradient, FailureInOnePartialOnly)
     EXPECT_EQ(codes[0], 0);
     EXPECT_NE(codes[1], 0);
     EXPECT_EQ(codes[2], 0);
+}
+
+// The column program takes the sine and the cosine of one argument from one sincos: the same
+// bits as the C library's sin and cos (and as the points, which call those), at special values,
+// bit patterns of every magnitude, multiples of pi/4 and the benchmark's range.
+TEST(Gradient, SineAndCosineFromOnePass)
+{
+    std::vector<double> args(kSpecial, kSpecial + kNumSpecial);
+    std::mt19937_64 rng(11);
+    for (int i = 0; i < 10000; ++i) {
+        const uint64_t bits = rng();
+        double v;
+        std::memcpy(&v, &bits, sizeof v);
+        args.push_back(v);
+        args.push_back(std::ldexp(static_cast<double>(bits >> 11), -53) * 16.0 - 8.0);
+    }
+    for (int i = -400; i <= 400; ++i)
+        args.push_back(i * 0.78539816339744830962);
+    // Through pointers the compiler cannot see through, lest it fuse these into sincos too.
+    double (*volatile sinFn)(double) = ::sin;
+    double (*volatile cosFn)(double) = ::cos;
+    for (double a : args) {
+        double sn, cs;
+        ::sincos(a, &sn, &cs);
+        ASSERT_TRUE(sameBits(sn, sinFn(a)) && sameBits(cs, cosFn(a))) << a;
+    }
+    std::vector<double> rows;
+    for (double a : args)
+        rows.insert(rows.end(), { a, 0.5, 0.0 });
+    const int n = static_cast<int>(args.size());
+    for (const char* text : { "sin(x)", "cos(x)" }) {  // d/dx: cos(x) * 1, -sin(x) * 1
+        const bool sine = text[0] == 's';
+        OxelExpression e;
+        declare(e);
+        ASSERT_EQ(e.initFromString(text), 1);
+        const auto g = e.gradient({ "x" });
+        ASSERT_TRUE(g);
+        EXPECT_EQ(compare(e, *g, separate(e, { "x" }, 1), rows), "") << text;
+        std::vector<double> value(args.size()), slope(args.size());
+        std::vector<int> codes(2 * args.size());
+        const double* cols[] = { args.data(), nullptr, nullptr };
+        double* outs[] = { value.data(), slope.data() };
+        int* codep[] = { codes.data(), codes.data() + n };
+        ASSERT_EQ(g->evalBatchColumns(cols, n, outs, codep), 0);
+        for (int r = 0; r < n; ++r) {
+            const double x = args[static_cast<size_t>(r)];
+            ASSERT_TRUE(sameBits(value[static_cast<size_t>(r)], sine ? std::sin(x) : std::cos(x)))
+                << text << " at " << x;
+            if (std::isfinite(x) && codes[static_cast<size_t>(n + r)] == 0) {
+                ASSERT_TRUE(sameBits(slope[static_cast<size_t>(r)], sine ? std::cos(x) : -std::sin(x)))
+                    << text << " slope at " << x;
+            }
+        }
+    }
 }
 
 // A Hessian too wide for the single-point program (more than its 64 registers): points take

@@ -10,6 +10,7 @@
 #include <oxel/core.h>
 
 #include "nodes/kinds.h"
+#include "nodes/vector_kernels.h"
 #include "program/program.h"
 
 namespace {
@@ -51,6 +52,60 @@ Oxel* copyKeepingAssignments(Oxel* n, const std::unordered_set<const Oxel*>& abo
     return d;
 }
 
+// Scratch for one point: on the stack when small, else this thread's buffer, kept.
+class PointSlots {
+public:
+    explicit PointSlots(size_t n)
+    {
+        if (n > static_cast<size_t>(kStackSlots)) {
+            thread_local std::vector<double> heap;
+            if (heap.size() < n)
+                heap.resize(n);
+            data_ = heap.data();
+        }
+    }
+    double* get() { return data_; }
+
+private:
+    double stack_[kStackSlots];
+    double* data_ = stack_;
+};
+
+// Flags the rows whose value does not fit the shared program (oxp::inputFits).
+void markUnfit(const double* __restrict column, int* __restrict flags, int numRows)
+{
+    for (int r = 0; r < numRows; ++r)
+        flags[r] |= oxp::inputFits(column[r]) ? 0 : -1;
+}
+
+// Whether every value of the column fits, two at a time (NaN compares false).
+bool columnFits(const double* column, int numRows)
+{
+    const __m128d bound = _mm_set1_pd(oxp::kInputBound);
+    const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
+    __m128d ok = oxv::allOnes();
+    int r = 0;
+    for (; r + 2 <= numRows; r += 2)
+        ok = _mm_and_pd(ok, _mm_cmple_pd(_mm_and_pd(_mm_loadu_pd(column + r), magnitude), bound));
+    bool fits = _mm_movemask_pd(ok) == 3;
+    for (; r < numRows; ++r)
+        fits = fits && oxp::inputFits(column[r]);
+    return fits;
+}
+
+// Whether any flag is set, four at a time.
+bool anySet(const int* flags, int numRows)
+{
+    __m128i any = _mm_setzero_si128();
+    int r = 0;
+    for (; r + 4 <= numRows; r += 4)
+        any = _mm_or_si128(any, _mm_loadu_si128(reinterpret_cast<const __m128i*>(flags + r)));
+    bool set = _mm_movemask_epi8(_mm_cmpeq_epi32(any, _mm_setzero_si128())) != 0xFFFF;
+    for (; r < numRows; ++r)
+        set = set || flags[r] != 0;
+    return set;
+}
+
 }  // namespace
 
 struct OxelGradient::Impl {
@@ -76,6 +131,14 @@ struct OxelGradient::Impl {
         return exprs[static_cast<size_t>(k)]->eval(slots, numVars, code);
     }
 
+    // Every output by its own expression.
+    __attribute__((noinline)) void byTrees(const double* values, double* out, int* codes) const
+    {
+        PointSlots slots(static_cast<size_t>(numVars));
+        for (int k = 0; k < numOutputs(); ++k)
+            out[k] = own(k, values, slots.get(), codes[k]);
+    }
+
     // Whether the shared program's values count for these inputs (oxp::lowerSeveral).
     bool fits(const double* values) const
     {
@@ -85,79 +148,54 @@ struct OxelGradient::Impl {
         return true;
     }
 
-    // The shared program at one point: false when anything failed. slots holds numVars +
-    // numOutputs() doubles; the outputs are left behind the values.
-    bool shared(const double* values, double* slots) const
+    // The shared program at one point without machine code: the interpreter, or one row of
+    // the column program when too wide for it. Tree k's value goes to out[k]; false when
+    // anything failed, else the codes are cleared.
+    __attribute__((noinline)) bool interpreted(const double* values, double* out,
+                                               int* codes) const
     {
         const int n = numOutputs();
         int failed = 0;
         if (point) {
+            PointSlots slots(static_cast<size_t>(numVars + n));
             if (numVars > 0)
-                std::memcpy(slots, values, sizeof(double) * static_cast<size_t>(numVars));
-            oxelPointRun(*point, nullptr, slots, failed);
-            return failed == 0;
+                std::memcpy(slots.get(), values, sizeof(double) * static_cast<size_t>(numVars));
+            oxelPointRun(*point, nullptr, slots.get(), failed);
+            std::copy(slots.get() + numVars, slots.get() + numVars + n, out);
+        } else {
+            if (!columns || numVars > kStackSlots || n > kStackSlots)
+                return false;
+            const double* cols[kStackSlots];
+            double* outs[kStackSlots];
+            for (int v = 0; v < numVars; ++v)
+                cols[v] = values + v;
+            for (int k = 0; k < n; ++k)
+                outs[k] = out + k;
+            oxelProgramRunSeveral(columns, cols, 1, outs, &failed);
         }
-        // Too wide for the single-point program: one row of the column program.
-        if (!columns || numVars > kStackSlots || n > kStackSlots)
+        if (failed != 0)
             return false;
-        const double* cols[kStackSlots];
-        double* outs[kStackSlots];
-        for (int v = 0; v < numVars; ++v)
-            cols[v] = values + v;
-        for (int k = 0; k < n; ++k)
-            outs[k] = slots + numVars + k;
-        oxelProgramRunSeveral(columns, cols, 1, outs, &failed);
-        return failed == 0;
+        std::fill(codes, codes + n, 0);
+        return true;
     }
 
-    // One point: values into out[k * stride] and codes[k * stride]. slots holds
-    // numVars + numOutputs() doubles.
-    void run(const double* values, double* slots, double* out, int* codes, size_t stride) const
+    // One point: values into out[k] and codes[k]. The machine code, where the program has
+    // it, writes the outputs and clears the codes itself.
+    void run(const double* values, double* out, int* codes) const
     {
-        const int n = numOutputs();
-        if (fits(values) && shared(values, slots)) {
-            for (int k = 0; k < n; ++k) {
-                out[static_cast<size_t>(k) * stride] = slots[numVars + k];
-                codes[static_cast<size_t>(k) * stride] = 0;
+        if (fits(values)) {
+            if (OxelSeveralFn f = point ? oxelPointSeveral(*point) : nullptr) {
+                codes[0] = 0;
+                f(values, codes, out);
+                if (codes[0] == 0)
+                    return;
+            } else if (interpreted(values, out, codes)) {
+                return;
             }
-            return;
         }
-        for (int k = 0; k < n; ++k)
-            out[static_cast<size_t>(k) * stride]
-                = own(k, values, slots, codes[static_cast<size_t>(k) * stride]);
+        byTrees(values, out, codes);
     }
 };
-
-namespace {
-
-// Flags the rows whose value does not fit the shared program (oxp::inputFits), in a loop that
-// vectorises.
-void markUnfit(const double* __restrict column, int* __restrict flags, int numRows)
-{
-    for (int r = 0; r < numRows; ++r)
-        flags[r] |= std::fabs(column[r]) <= oxp::kInputBound ? 0 : -1;
-}
-
-// Scratch for one point: on the stack when small, else this thread's buffer, kept.
-class PointSlots {
-public:
-    explicit PointSlots(size_t n)
-    {
-        if (n > static_cast<size_t>(kStackSlots)) {
-            thread_local std::vector<double> heap;
-            if (heap.size() < n)
-                heap.resize(n);
-            data_ = heap.data();
-        }
-    }
-    double* get() { return data_; }
-
-private:
-    double stack_[kStackSlots];
-    double* data_ = stack_;
-};
-
-}  // namespace
 
 OxelGradient::OxelGradient(Impl* impl)
     : impl_(impl)
@@ -179,8 +217,7 @@ void OxelGradient::eval(const double* values, double* out, int* codes) const
     const Impl& g = *impl_;
     if (!out || !codes || (!values && g.numVars > 0))
         return;
-    PointSlots slots(static_cast<size_t>(g.numVars + g.numOutputs()));
-    g.run(values, slots.get(), out, codes, 1);
+    g.run(values, out, codes);
 }
 
 int OxelGradient::evalBatchColumns(
@@ -194,8 +231,9 @@ int OxelGradient::evalBatchColumns(
         if (!out[k] || !codes[k])
             return -1;
     const size_t nv = static_cast<size_t>(g.numVars);
-    PointSlots slots(2 * nv + static_cast<size_t>(n));
-    double* values = slots.get() + nv + n;
+    // A row's values and the copy that eval may write; not PointSlots, whose thread buffer
+    // the calls below take for themselves.
+    std::vector<double> values(nv), slots(nv);
     std::vector<double> outRow(static_cast<size_t>(n));
     std::vector<int> codeRow(static_cast<size_t>(n));
     auto gather = [&](int r) {
@@ -205,7 +243,7 @@ int OxelGradient::evalBatchColumns(
     if (!g.columns) {  // calls keep their row order, as in evalBatch
         for (int r = 0; r < numRows; ++r) {
             gather(r);
-            g.run(values, slots.get(), outRow.data(), codeRow.data(), 1);
+            g.run(values.data(), outRow.data(), codeRow.data());
             for (int k = 0; k < n; ++k) {
                 out[k][r] = outRow[static_cast<size_t>(k)];
                 codes[k][r] = codeRow[static_cast<size_t>(k)];
@@ -217,15 +255,19 @@ int OxelGradient::evalBatchColumns(
     for (int k = 1; k < n; ++k)
         std::fill(codes[k], codes[k] + numRows, 0);
     // Rows whose inputs do not fit the shared program are evaluated again like failed ones.
+    // Both scans below are cheap reductions; the rows are looked at one by one only when
+    // one of them finds anything.
     for (size_t v = 0; v < nv; ++v)
-        if (columns[v])
+        if (columns[v] && !columnFits(columns[v], numRows))
             markUnfit(columns[v], codes[0], numRows);
+    if (!anySet(codes[0], numRows))
+        return 0;
     for (int r = 0; r < numRows; ++r) {
         if (codes[0][r] == 0)
             continue;
         gather(r);
         for (int k = 0; k < n; ++k)
-            out[k][r] = g.own(k, values, slots.get(), codes[k][r]);
+            out[k][r] = g.own(k, values.data(), slots.data(), codes[k][r]);
     }
     return 0;
 }

@@ -150,7 +150,36 @@ constexpr std::array<Runners, kNumKinds> runnerTable(std::index_sequence<I...>)
 constexpr std::array<Runners, kNumKinds> kRunners =
     runnerTable(std::make_index_sequence<kNumKinds>());
 
+template <bool SinFirst>
+void sinCosLoop(const Insn& in, const Frame& f)
+{
+    const double* __restrict a = f.cols[in.a];
+    double* __restrict first = f.cols[in.out];
+    double* __restrict other = f.cols[in.b];
+    for (int i = 0; i < f.n; ++i) {
+        double sn, cs;
+        ::sincos(a[i], &sn, &cs);
+        first[i] = SinFirst ? sn : cs;
+        other[i] = SinFirst ? cs : sn;
+    }
+}
+
+void copyLoop(const Insn& in, const Frame& f)
+{
+    std::memcpy(f.cols[in.out], f.cols[in.a], sizeof(double) * static_cast<size_t>(f.n));
+}
+
 }  // namespace
+
+Runner sinCosRunner(oxk::Kind first)
+{
+    return first == oxk::Kind::OxSinus ? &sinCosLoop<true> : &sinCosLoop<false>;
+}
+
+Runner copyRunner()
+{
+    return &copyLoop;
+}
 
 Runner selectRunner(const oxp::Step& s)
 {

@@ -34,6 +34,12 @@ struct Insn {
 // The loop for a step: operands are columns or constants (not both constants).
 Runner selectRunner(const oxp::Step& s);
 
+// A sine and a cosine of one column in one pass of the C library's sincos, which gives the
+// bits of its sin and cos: column out gets the value of the kind first, column b the other's.
+// The later step then only copies column a (that column b) into its own.
+Runner sinCosRunner(oxk::Kind first);
+Runner copyRunner();
+
 }  // namespace oxb
 
 class OxelProgram {

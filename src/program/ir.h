@@ -127,7 +127,8 @@ Program lower(Oxel* root, int numVars);
 // With mergeCalls, a dependent variable called again with the same component, derivative
 // marks and argument values is the earlier call.
 // Its fast path: its values count only where no step failed and every input fits; it drops
-// the steps 1*u, u/1 and u*1 (u bounded well below DBL_MAX) that give u's bits there.
+// the steps 1*u, u/1, u*1 (u bounded well below DBL_MAX) and u^1 (u an input) that give u's
+// bits there.
 // Elsewhere the caller evaluates each tree by its own program.
 Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCalls);
 

@@ -170,11 +170,14 @@ struct Lowerer {
 
     // The operand that kind(a, b) leaves unchanged on the fast path, or null. 1*u and u/1 give
     // u's bits for every u but a signalling NaN (which they quieten); u*1 also fails for |u|
-    // near DBL_MAX, hence the bound.
+    // near DBL_MAX, hence the bound. u^1 is powl's u^1, u itself, for every number, which an
+    // input there is (derivatives of squares written as powers have it).
     const Operand* identity(oxk::Kind kind, const Operand& a, const Operand& b) const
     {
         if (!fastPath)
             return nullptr;
+        if (kind == oxk::Kind::OxHoch && a.mode == Operand::Input && isOne(b))
+            return &a;
         if (kind == oxk::Kind::OxMal && isOne(a) && !factsOf(b).mayBeSignalling)
             return &b;
         if ((kind == oxk::Kind::OxMal || kind == oxk::Kind::OxDurch) && isOne(b)) {

@@ -471,12 +471,22 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     if (p.walk || (err != 0 && p.overwrites))
         return p.wide && !(err != 0 && p.overwrites) ? oxp::runSteps(p.steps, vars, err)
                                                      : walk(root, vars, err);
-    if (oxn::PointFn f = p.native.get(p.steps))
-        return oxn::runPoint(f, vars, err);
+    if (!p.steps.several)
+        if (oxn::PointFn f = p.native.get(p.steps))
+            return oxn::runPoint(f, vars, err);
     return interpret(p, vars, err);
 }
 
 OxelNativeFn oxelPointNative(const OxelPointProgram& p)
 {
-    return p.walk ? nullptr : p.native.published();
+    return p.walk || p.steps.several ? nullptr : p.native.published();
+}
+
+OxelSeveralFn oxelPointSeveral(const OxelPointProgram& p)
+{
+    if (p.walk || !p.steps.several)
+        return nullptr;
+    // Through void (*)(): the code was generated for the three arguments.
+    return reinterpret_cast<OxelSeveralFn>(
+        reinterpret_cast<void (*)()>(p.native.get(p.steps)));
 }

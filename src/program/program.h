@@ -21,6 +21,12 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
 // full vector and a zero code; null while the interpreter or the tree walk serves it.
 using OxelNativeFn = double (*)(double*, int*);
 OxelNativeFn oxelPointNative(const OxelPointProgram& p);
+// A program of oxp::lowerSeveral as machine code: reads vars, writes tree k's value to out[k],
+// sets codes[0] (if zero) where anything failed and codes[k] = 0 for every later tree; null
+// while the interpreter serves it (not hot yet, native code off or unavailable).
+// oxelPointRun runs such programs by interpreter only.
+using OxelSeveralFn = double (*)(const double* vars, int* codes, double* out);
+OxelSeveralFn oxelPointSeveral(const OxelPointProgram& p);
 
 namespace oxp {
 

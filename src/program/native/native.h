@@ -12,7 +12,8 @@
 namespace oxn {
 
 // A compiled program: the value, the first failure in *code unless it is set already,
-// assigned slots written back into vars.
+// assigned slots written back into vars; the code of a program of oxp::lowerSeveral takes a
+// third argument instead, out, and writes tree k's value to out[k] (OxelSeveralFn).
 using PointFn = double (*)(double* vars, int* code);
 
 // Native code is used: the build has the generator, OXEL_JIT is not "0" and the host did

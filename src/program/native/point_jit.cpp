@@ -77,11 +77,13 @@ private:
     int step_ = 0;
     std::deque<Slow> slow_;
     std::map<uint64_t, Xbyak::Label> pool_;
-    int saveOff_ = 0, tempOff_ = 0, argOff_ = 0, varsOff_ = 0, codeOff_ = 0;
-    // A leaf program calls nothing on its main path: it keeps the value vector in rdi and the
-    // code's address in rsi, and saves no register; slow paths keep both in the frame.
+    int saveOff_ = 0, tempOff_ = 0, argOff_ = 0, varsOff_ = 0, codeOff_ = 0, outsOff_ = 0;
+    // A leaf program calls nothing on its main path: it keeps the value vector in rdi, the
+    // code's address in rsi and (several trees) the outputs in rdx, and saves no register;
+    // slow paths keep them in the frame.
     bool leaf_ = true;
     Xbyak::Reg64 vars_{Xbyak::Operand::RDI};
+    Xbyak::Reg64 outs_{Xbyak::Operand::RDX};
 
     const Xbyak::Xmm s0{14}, s1{15};
 
@@ -414,8 +416,21 @@ void Generator::raiseStep(int code)
 
 // Assigned slots get their final values; a value that is an unassigned read of a slot written
 // here is copied first, so that the order of the writes cannot matter (t = x; x = y; y = t).
+// Several trees write their values to the outputs instead, tree k's to outs[k], and clear the
+// codes after the first (the code's address is that of an array of one code per tree).
 void Generator::writeBack()
 {
+    if (l_.several) {
+        const int first = static_cast<int>(l_.inputRead.size() - l_.assigned.size());
+        for (const auto& as : l_.assigned) {
+            load(s0, place(as.second));
+            movsd(qword[outs_ + 8 * (as.first - first)], s0);
+        }
+        for (size_t k = 1; k < l_.assigned.size(); ++k)
+            mov(dword[codePointer() + static_cast<int>(4 * k)], 0);
+        load(xmm0, place(l_.result));
+        return;
+    }
     std::vector<bool> written(l_.inputRead.size(), false);
     for (const auto& as : l_.assigned)
         written[static_cast<size_t>(as.first)] = true;
@@ -457,15 +472,19 @@ void Generator::slowPaths()
         const oxk::KindRow& row = oxk::row(sl.kind);
         if (!row.un)
             arg(xmm1, sl.b);
-        if (leaf_) {  // the call may change both argument registers
+        if (leaf_) {  // the call may change the argument registers
             mov(qword[rsp + varsOff_], rdi);
             mov(qword[rsp + codeOff_], rsi);
+            if (l_.several)
+                mov(qword[rsp + outsOff_], rdx);
         }
         mov(rdi, codePointer());
         callFn(row.un ? reinterpret_cast<const void*>(row.un) : reinterpret_cast<const void*>(row.bin));
         if (leaf_) {
             mov(rdi, qword[rsp + varsOff_]);
             mov(rsi, qword[rsp + codeOff_]);
+            if (l_.several)
+                mov(rdx, qword[rsp + outsOff_]);
         }
         movapd(s0, xmm0);
         for (int r = 0; r < kAlloc; ++r)
@@ -493,8 +512,9 @@ void Generator::run()
     argOff_ = tempOff_ + 8 * (1 + static_cast<int>(l_.assigned.size()));
     varsOff_ = argOff_ + 8 * maxArgs;
     codeOff_ = varsOff_ + 8;
+    outsOff_ = codeOff_ + 8;
     // Entered with rsp 8 below a multiple of 16: the frame (or three pushes) make calls aligned.
-    const int frame = (codeOff_ + 8 + 15) & ~15;
+    const int frame = (outsOff_ + 8 + 15) & ~15;
     for (const oxp::Step& s : l_.steps)
         if (s.kind != Kind::Unknown && (oxp::isCall(s) || !inlinable(s)))
             leaf_ = false;
@@ -502,12 +522,14 @@ void Generator::run()
         sub(rsp, frame + 8);
     } else {
         vars_ = rbx;
+        outs_ = rbp;
         push(rbx);
         push(r12);
         push(rbp);
         sub(rsp, frame);
         mov(rbx, rdi);  // the caller's value vector
         mov(r12, rsi);  // the error code
+        mov(rbp, rdx);  // several trees' outputs
     }
     for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
         const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
