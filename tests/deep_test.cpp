@@ -1,15 +1,14 @@
 // Tests of huge and deeply nested formulas, long statements and names, and kept fuzz findings.
 #include <cmath>
 #include <cstring>
-#include <dirent.h>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <oxel/oxel.h>
+
+#include "node_probe.h"
 
 namespace {
 
@@ -34,14 +33,10 @@ std::string nest(const std::string& open, const char* inner, long n)
     return repeat(open, n) + inner + repeat(")", n);
 }
 
-// Parses a private writable copy (the parser writes into its text), declaring x if nothing is.
+// Parses text, declaring x if nothing is declared.
 int parse(OxelExpression& e, const std::string& text)
 {
-    if (e.numVars() == 0)
-        e.addVar("x");
-    std::vector<char> buf(text.begin(), text.end());
-    buf.push_back('\0');
-    return e.initFromString(buf.data());
+    return parseXyz(e, text, e.numVars() == 0 ? 1 : 0);
 }
 
 double evalWith(OxelExpression& e, double x, int& err)
@@ -247,17 +242,9 @@ TEST(HugeNumbers, PrintAndReadBack)
 // Inputs that once crashed a fuzz target: each parses and is used fully, or fails cleanly.
 TEST(FuzzRegressions, ReplayKeptTexts)
 {
-    const std::string here = __FILE__;
-    const std::string kept = here.substr(0, here.find_last_of('/') + 1) + "../fuzz/regressions/";
     int replayed = 0;
-    for (const std::string target : {"expression_fuzz/", "converter_fuzz/"}) {
-        DIR* dir = opendir((kept + target).c_str());
-        while (dirent* ent = dir ? readdir(dir) : nullptr) {
-            std::ifstream in(kept + target + ent->d_name, std::ios::binary);
-            std::stringstream raw;
-            if (ent->d_name[0] == '.' || !(raw << in.rdbuf()))
-                continue;
-            const std::string text = raw.str().c_str();  // the targets read up to the first NUL
+    for (const char* target : {"regressions/expression_fuzz/", "regressions/converter_fuzz/"}) {
+        for (const std::string& text : fuzzTexts(target)) {
             ++replayed;
             OxelExpression e, closer, after;
             e.addVar("x");
@@ -281,8 +268,6 @@ TEST(FuzzRegressions, ReplayKeptTexts)
             for (const char* var : {"x", "y", "z", "speed"})
                 delete e.derivative(var);
         }
-        if (dir)
-            closedir(dir);
     }
-    EXPECT_GT(replayed, 0) << "no kept inputs under " << kept;
+    EXPECT_GT(replayed, 0) << "no kept inputs under fuzz/regressions";
 }

@@ -13,6 +13,7 @@
 
 #include <oxel/oxel.h>
 
+#include "node_probe.h"
 #include "program/native/native.h"
 #include "program/program.h"
 
@@ -32,19 +33,10 @@ bool nativeExpected()
 #endif
 }
 
-bool sameBits(double a, double b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
 std::unique_ptr<OxelExpression> parsed(const std::string& text)
 {
     std::unique_ptr<OxelExpression> e(new OxelExpression);
-    for (const char* name : {"x", "y", "z"})
-        e->addVar(name);
-    std::vector<char> buf(text.begin(), text.end());
-    buf.push_back('\0');
-    return e->initFromString(buf.data()) == 1 ? std::move(e) : nullptr;
+    return parseXyz(*e, text) == 1 ? std::move(e) : nullptr;
 }
 
 // eval() against the tree walk at special points: value bits, code and the slots it leaves.
@@ -59,7 +51,7 @@ std::string evalMismatch(OxelExpression& e)
         int codeWalk = 0, codeRun = 0;
         const double w = e.root()->value(walked.data(), codeWalk);
         const double r = e.eval(ran.data(), nv, codeRun);
-        if (!sameBits(w, r) || codeWalk != codeRun ||
+        if (!bitsEqual(w, r) || codeWalk != codeRun ||
             std::memcmp(walked.data(), ran.data(), sizeof(double) * walked.size()) != 0)
             return "at " + std::to_string(x) + ": tree " + std::to_string(w) + " code " +
                    std::to_string(codeWalk) + ", eval " + std::to_string(r) + " code " +
