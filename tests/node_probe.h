@@ -79,6 +79,14 @@ inline int parseXyz(OxelExpression& e, const std::string& text, int numVars = 3)
     return e.initFromString(buf.data());
 }
 
+// eval() at the leading values, every further slot 0; the code starts at 0.
+inline double evalAt(OxelExpression& e, std::vector<double> values, int& err)
+{
+    values.resize(std::max(values.size(), static_cast<size_t>(e.numVars())), 0.0);
+    err = 0;
+    return e.eval(values.data(), static_cast<int>(values.size()), err);
+}
+
 // The non-empty files under fuzz/<dir>, each up to its first NUL as the targets read them.
 inline std::vector<std::string> fuzzTexts(const std::string& dir)
 {

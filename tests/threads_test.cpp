@@ -42,16 +42,6 @@ int parseInto(OxelExpression& e, const std::string& text)
     return parseXyz(e, text, 0);
 }
 
-double evalAt(OxelExpression& e, double x, double y, int& err)
-{
-    KxDArray<double> v;
-    v.setLength(e.numVars());
-    v[0] = x;
-    v[1] = y;
-    err = 0;
-    return e.eval(v, err);
-}
-
 struct Formula {
     const char* text;
     bool smooth;  // has a true derivative in x
@@ -76,7 +66,8 @@ std::string workOn(const Formula& f)
         return "";
     std::unique_ptr<OxelExpression> s(e.simplified()), d(f.smooth ? e.derivative("x") : nullptr);
     int err = 0, derr = 0;
-    const double value = evalAt(e, 0.7, -1.3, err), slope = d ? evalAt(*d, 0.3, 0.8, derr) : 0.0;
+    const double value = evalAt(e, {0.7, -1.3}, err);
+    const double slope = d ? evalAt(*d, {0.3, 0.8}, derr) : 0.0;
     char bits[64];
     std::snprintf(bits, sizeof bits, " | %a | %a", value, slope);
     if (!s || (f.smooth && !d) || err || derr)
@@ -180,7 +171,7 @@ TEST(ThreadSafety, FirstCallsOnOneExpression)
                       std::vector<double> got(static_cast<size_t>(n));
                       std::vector<int> err(static_cast<size_t>(n));
                       int e1 = 0;
-                      double one = evalAt(e, rows[2 * t], rows[2 * t + 1], e1);
+                      double one = evalAt(e, {rows[2 * t], rows[2 * t + 1]}, e1);
                       int bad = std::memcmp(&one, &want[t], sizeof one) != 0 || e1 != wantErr[t];
                       if (t % 2)
                           e.evalBatch(rows.data(), n, 2, got.data(), err.data());
@@ -214,7 +205,7 @@ TEST(ThreadSafety, RandomDrawsFromThreadsAreTheLoneSequence)
         auto draw = [&](int t) {
             for (int i = 0; i < (t == kThreads ? kThreads : 1) * perThread; ++i) {
                 int err = 0;
-                drawn[t].push_back(evalAt(e, 0, 0, err));
+                drawn[t].push_back(evalAt(e, {0, 0}, err));
             }
             return 0;
         };
