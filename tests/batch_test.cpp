@@ -30,51 +30,6 @@ const double kPoints[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e3
                           1e-320, 2147483648.0, 31.0};
 const int kNumPoints = sizeof kPoints / sizeof kPoints[0];
 
-void noReset() {}
-
-// An expression against its own tree walk, each pass after reset(): eval() row by row (value,
-// code and the slots it leaves, assignments included), then evalBatch() over all rows. Describes
-// the first row whose value bits, code or slots differ, or a write past the last row; "" when
-// all agree.
-std::string exprMismatch(OxelExpression& e, const std::vector<double>& rows, int stride,
-                         void (*reset)() = noReset)
-{
-    const int nv = e.numVars();
-    const size_t n = rows.size() / static_cast<size_t>(stride), w = static_cast<size_t>(nv);
-    std::ostringstream out;
-    for (int batch = 0; batch < 2 && out.str().empty(); ++batch) {
-        // eval() starts some rows from a code the host did not reset (comparisons may overwrite
-        // it); the batch starts every row from 0.
-        auto start = [&](size_t r) { return !batch && r % 7 == 3 ? 5 : 0; };
-        std::vector<double> walked(n * w), value(n), got(n + 1, 42.0);
-        std::vector<int> code(n), err(n + 1, 42);
-        reset();
-        for (size_t r = 0; r < n; ++r) {
-            std::copy_n(&rows[r * static_cast<size_t>(stride)], nv, &walked[r * w]);
-            code[r] = start(r);
-            value[r] = e.root()->value(&walked[r * w], code[r]);
-        }
-        reset();
-        if (batch && e.evalBatch(rows.data(), static_cast<int>(n), stride, got.data(), err.data()))
-            return "evalBatch refused";
-        if (got[n] != 42.0 || err[n] != 42)
-            return "written past the last row";
-        for (size_t r = 0; r < n && out.str().empty(); ++r) {
-            const double* row = &rows[r * static_cast<size_t>(stride)];
-            std::vector<double> vals(row, row + nv);
-            if (!batch) {
-                err[r] = start(r);
-                got[r] = e.eval(vals.data(), nv, err[r]);
-            }
-            if (!bitsEqual(value[r], got[r]) || code[r] != err[r] ||
-                (!batch && nv > 0 && std::memcmp(&walked[r * w], vals.data(), sizeof(double) * w)))
-                out << (batch ? "batch" : "eval") << ", row " << r << ": tree " << value[r]
-                    << " code " << code[r] << ", program " << got[r] << " code " << err[r];
-        }
-    }
-    return out.str();
-}
-
 // Every operator and function, alone, nested, with errors in various orders, assignments
 // and statement sequences.
 const char* const kFormulas[] = {
@@ -136,11 +91,53 @@ std::vector<std::string> allFormulas()
 
 }  // namespace
 
+// An expression against its own tree walk, each pass after reset(): eval() row by row (value,
+// code and the slots it leaves, assignments included), then evalBatch() over all rows. Describes
+// the first row whose value bits, code or slots differ, or a write past the last row; "" when
+// all agree.
+std::string exprMismatch(OxelExpression& e, const std::vector<double>& rows, int stride,
+                         void (*reset)())
+{
+    const int nv = e.numVars();
+    const size_t n = rows.size() / static_cast<size_t>(stride), w = static_cast<size_t>(nv);
+    std::ostringstream out;
+    for (int batch = 0; batch < 2 && out.str().empty(); ++batch) {
+        // eval() starts some rows from a code the host did not reset (comparisons may overwrite
+        // it); the batch starts every row from 0.
+        auto start = [&](size_t r) { return !batch && r % 7 == 3 ? 5 : 0; };
+        std::vector<double> walked(n * w), value(n), got(n + 1, 42.0);
+        std::vector<int> code(n), err(n + 1, 42);
+        reset();
+        for (size_t r = 0; r < n; ++r) {
+            std::copy_n(&rows[r * static_cast<size_t>(stride)], nv, &walked[r * w]);
+            code[r] = start(r);
+            value[r] = e.root()->value(&walked[r * w], code[r]);
+        }
+        reset();
+        if (batch && e.evalBatch(rows.data(), static_cast<int>(n), stride, got.data(), err.data()))
+            return "evalBatch refused";
+        if (got[n] != 42.0 || err[n] != 42)
+            return "written past the last row";
+        for (size_t r = 0; r < n && out.str().empty(); ++r) {
+            const double* row = &rows[r * static_cast<size_t>(stride)];
+            std::vector<double> vals(row, row + nv);
+            if (!batch) {
+                err[r] = start(r);
+                got[r] = e.eval(vals.data(), nv, err[r]);
+            }
+            if (!bitsEqual(value[r], got[r]) || code[r] != err[r] ||
+                (!batch && nv > 0 && std::memcmp(&walked[r * w], vals.data(), sizeof(double) * w)))
+                out << (batch ? "batch" : "eval") << ", row " << r << ": tree " << value[r]
+                    << " code " << code[r] << ", program " << got[r] << " code " << err[r];
+        }
+    }
+    return out.str();
+}
+
 // Random formulas of the whole language (every operator and function, assignments, several
 // statements) and the seed corpus of the expression fuzz target, at ordinary and special
 // points: the program and the batch must give the tree walk's bits, codes and slots.
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
-                          const std::string* shared = nullptr)
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std::string* shared)
 {
     static const std::vector<std::string> unary = [] {
         std::vector<std::string> names = functionNames(1);

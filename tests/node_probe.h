@@ -1,5 +1,5 @@
 // Test helpers: a leaf that fails on demand, node factories, one-call evaluation, bit equality,
-// parsing over x, y, z and the kept fuzz inputs.
+// parsing over x, y, z, the kept fuzz inputs, and the shared random formulas and harness.
 #ifndef OXEL_TESTS_NODE_PROBE_H
 #define OXEL_TESTS_NODE_PROBE_H
 
@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -78,6 +79,15 @@ inline int parseXyz(OxelExpression& e, const std::string& text, int numVars = 3)
     buf.push_back('\0');
     return e.initFromString(buf.data());
 }
+
+// From batch_test.cpp: random formulas of the whole language ("a" is read once assigned, shared
+// a subtree that recurs), and the differential harness of an expression against its tree walk
+// over rows of the given stride ("" when eval() and evalBatch() agree with it everywhere).
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
+                          const std::string* shared = nullptr);
+inline void noReset() {}
+std::string exprMismatch(OxelExpression& e, const std::vector<double>& rows, int stride,
+                         void (*reset)() = noReset);
 
 // eval() at the leading values, every further slot 0; the code starts at 0.
 inline double evalAt(OxelExpression& e, std::vector<double> values, int& err)

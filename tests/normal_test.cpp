@@ -17,10 +17,6 @@
 
 #include "node_probe.h"
 
-// The whole language's random formulas (batch_test.cpp).
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
-                          const std::string* shared = nullptr);
-
 namespace {
 
 using Expr = std::unique_ptr<OxelExpression>;
