@@ -38,10 +38,11 @@ const char* const kFormulas[] = {
     "x * y + z", "(x + y) * (x - z)", "x / y / z", "x % y % z", "x + 1e308", "x - 1e308",
     "x * 1e308", "x / 1e-300", "1e308 * x", "1 / x", "x / 0", "0 / x", "x % 0", "5 % x", "x % 2.5",
     "7 % x",
-    // powers: constant and variable exponents, both guards
+    // powers: constant and variable exponents, both guards, every kind of prepared constant
     "pow(x, 2)", "pow(x, 3)", "pow(x, 0.5)", "pow(x, -1)", "pow(x, -0.5)", "pow(x, 1)", "pow(x, 0)",
     "pow(x, 1e-3)", "pow(x, 2.5)", "pow(x, 400)", "pow(2, x)", "pow(-2, x)", "pow(0, x)",
-    "pow(x, y * 2)", "pow(pow(x, y), z)",
+    "pow(x, y * 2)", "pow(pow(x, y), z)", "pow(x, -2)", "pow(x, 10)", "pow(x, 3.5)", "pow(1.7, x)",
+    "pow(10, x)",
     // bitwise and shifts
     "x | y", "x & y", "x ^ y", "x << y", "x >> y", "x << 31", "-x >> 1", "x | 0", "3e9 | x",
     "x & y | z", "x * y | z",
