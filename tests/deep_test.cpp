@@ -1,15 +1,14 @@
 // Tests of huge and deeply nested formulas, long statements and names, and kept fuzz findings.
 #include <cmath>
 #include <cstring>
-#include <dirent.h>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <oxel/oxel.h>
+
+#include "node_probe.h"
 
 namespace {
 
@@ -34,23 +33,10 @@ std::string nest(const std::string& open, const char* inner, long n)
     return repeat(open, n) + inner + repeat(")", n);
 }
 
-// Parses a private writable copy (the parser writes into its text), declaring x if nothing is.
+// Parses text, declaring x if nothing is declared.
 int parse(OxelExpression& e, const std::string& text)
 {
-    if (e.numVars() == 0)
-        e.addVar("x");
-    std::vector<char> buf(text.begin(), text.end());
-    buf.push_back('\0');
-    return e.initFromString(buf.data());
-}
-
-double evalWith(OxelExpression& e, double x, int& err)
-{
-    KxDArray<double> v;
-    v.setLength(e.numVars());
-    v[0] = x;
-    err = 0;
-    return e.eval(v, err);
+    return parseXyz(e, text, e.numVars() == 0 ? 1 : 0);
 }
 
 // n nested sines at x, or the chain rule's slope there: d/dx sin(f) = cos(f) f'.
@@ -73,7 +59,7 @@ bool near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1 + std::fabs
 void useFully(OxelExpression& e, double x, double expected, bool assigns)
 {
     int err = 0;
-    EXPECT_TRUE(near(evalWith(e, x, err), expected)) << evalWith(e, x, err);
+    EXPECT_TRUE(near(evalAt(e, {x}, err), expected)) << evalAt(e, {x}, err);
     EXPECT_EQ(err, 0);
     std::vector<double> rows(2 * static_cast<size_t>(e.numVars()), 0.0), results(2);
     rows[0] = x;
@@ -97,7 +83,7 @@ void useFully(OxelExpression& e, double x, double expected, bool assigns)
     }
     OxelExpression* simple = e.simplified();
     ASSERT_NE(simple, nullptr);
-    double sv = evalWith(*simple, x, err);
+    double sv = evalAt(*simple, {x}, err);
     EXPECT_TRUE(assigns || near(sv, expected)) << sv;
     EXPECT_FALSE(oxelToString(simple->root()).empty());
     delete simple;
@@ -153,7 +139,7 @@ TEST(DeepTrees, FlatAndNestedFullyUsable)
         EXPECT_EQ(d == nullptr, std::isnan(r.slope));
         if (d) {
             int err = 0;
-            EXPECT_TRUE(near(evalWith(*d, r.x, err), r.slope)) << evalWith(*d, r.x, err);
+            EXPECT_TRUE(near(evalAt(*d, {r.x}, err), r.slope)) << evalAt(*d, {r.x}, err);
             EXPECT_FALSE(oxelToString(d->root()).empty());
         }
         delete d;
@@ -175,7 +161,7 @@ TEST(DeepTrees, NestingBeyondTheLimitRefused)
         EXPECT_EQ(e.lastError(), r.second) << r.first.substr(0, 40);
         EXPECT_EQ(e.numInternalVars(), 0);
         int err = 0;
-        EXPECT_EQ(evalWith(e, 3.0, err), 0.0);
+        EXPECT_EQ(evalAt(e, {3.0}, err), 0.0);
     }
 }
 
@@ -193,7 +179,7 @@ TEST(LongStatements, ConverterRereadsExpressionReadsWhole)
         OxelExpression e;
         ASSERT_EQ(parse(e, r.text), 1) << e.lastError();
         int err = 0;
-        EXPECT_EQ(evalWith(e, 0.25, err), r.whole) << r.text.substr(0, 40);
+        EXPECT_EQ(evalAt(e, {0.25}, err), r.whole) << r.text.substr(0, 40);
         KxDArray<KxString> names;
         names.append(KxString("x"));
         std::vector<char> buf(r.text.begin(), r.text.end());
@@ -216,13 +202,13 @@ TEST(LongNames, AssignedAndDeclared)
     if (parse(e, name + " = 2 * x; " + name + " + 1")) {
         ASSERT_EQ(e.numVars(), 2);
         EXPECT_EQ(std::string(e.varName(1)), name);
-        EXPECT_EQ(evalWith(e, 3.0, err), 7.0);
+        EXPECT_EQ(evalAt(e, {3.0}, err), 7.0);
     } else {
         EXPECT_STRNE(e.lastError(), "");
     }
     ASSERT_EQ(d.addVar(declared.c_str()), 0);
     ASSERT_EQ(parse(d, declared + " * 2 + " + declared), 1) << d.lastError();
-    EXPECT_EQ(evalWith(d, 1.5, err), 4.5);
+    EXPECT_EQ(evalAt(d, {1.5}, err), 4.5);
     EXPECT_NE(oxelToString(d.root()).find(declared), std::string::npos);
 }
 
@@ -233,31 +219,23 @@ TEST(HugeNumbers, PrintAndReadBack)
         OxelExpression e, back;
         ASSERT_EQ(parse(e, text), 1) << text;
         int err = 0;
-        double v = evalWith(e, 2.0, err);
+        double v = evalAt(e, {2.0}, err);
         std::string printed = oxelToString(e.root());
         EXPECT_EQ(std::isinf(v), std::strcmp(text, "1e400") == 0) << text;
         if (std::isinf(v))
             continue;  // printed however the library likes
         EXPECT_GT(printed.size(), 295u) << text;
         ASSERT_EQ(parse(back, printed), 1) << printed;
-        EXPECT_EQ(evalWith(back, 2.0, err), v) << text;
+        EXPECT_EQ(evalAt(back, {2.0}, err), v) << text;
     }
 }
 
 // Inputs that once crashed a fuzz target: each parses and is used fully, or fails cleanly.
 TEST(FuzzRegressions, ReplayKeptTexts)
 {
-    const std::string here = __FILE__;
-    const std::string kept = here.substr(0, here.find_last_of('/') + 1) + "../fuzz/regressions/";
     int replayed = 0;
-    for (const std::string target : {"expression_fuzz/", "converter_fuzz/"}) {
-        DIR* dir = opendir((kept + target).c_str());
-        while (dirent* ent = dir ? readdir(dir) : nullptr) {
-            std::ifstream in(kept + target + ent->d_name, std::ios::binary);
-            std::stringstream raw;
-            if (ent->d_name[0] == '.' || !(raw << in.rdbuf()))
-                continue;
-            const std::string text = raw.str().c_str();  // the targets read up to the first NUL
+    for (const char* target : {"regressions/expression_fuzz/", "regressions/converter_fuzz/"}) {
+        for (const std::string& text : fuzzTexts(target)) {
             ++replayed;
             OxelExpression e, closer, after;
             e.addVar("x");
@@ -274,15 +252,13 @@ TEST(FuzzRegressions, ReplayKeptTexts)
                 continue;
             }
             int err = 0;
-            (void)evalWith(e, 1.0, err);
+            (void)evalAt(e, {1.0}, err);
             const std::string printed = oxelToString(e.root());
             EXPECT_EQ(printed.size(), std::strlen(printed.c_str())) << text;  // no NUL inside
             oxelDestroy(e.root()->simplify());
             for (const char* var : {"x", "y", "z", "speed"})
                 delete e.derivative(var);
         }
-        if (dir)
-            closedir(dir);
     }
-    EXPECT_GT(replayed, 0) << "no kept inputs under " << kept;
+    EXPECT_GT(replayed, 0) << "no kept inputs under fuzz/regressions";
 }

@@ -1,9 +1,6 @@
 // Tests of what embedding hosts rely on: the message handler, error offsets, formulas that read
-// back, the names of a text, and statements of any length.
+// back and the names of a text.
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cfloat>
 #include <cmath>
@@ -29,34 +26,13 @@ struct Output {
     std::string out, err;
 };
 
-std::string drain(int fd)
-{
-    std::string s;
-    lseek(fd, 0, SEEK_SET);
-    char buf[4096];
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
-        s.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return s;
-}
-
 Output captured(const std::function<void()>& code)
 {
-    std::fflush(nullptr);
-    int saved[2] = {dup(1), dup(2)}, files[2];
-    for (int i = 0; i < 2; ++i) {
-        char path[] = "/tmp/oxel-host-XXXXXX";
-        files[i] = mkstemp(path);
-        unlink(path);
-        dup2(files[i], i + 1);
-    }
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     code();
-    std::fflush(nullptr);
-    for (int i = 0; i < 2; ++i) {
-        dup2(saved[i], i + 1);
-        close(saved[i]);
-    }
-    return {drain(files[0]), drain(files[1])};
+    std::string out = testing::internal::GetCapturedStdout();
+    return {out, testing::internal::GetCapturedStderr()};
 }
 
 Expr declared(const char* names = "xyz")
@@ -83,12 +59,6 @@ struct Collecting {
     Collecting() { oxelSetMessageHandler(record, &messages); }
     ~Collecting() { oxelSetMessageHandler(nullptr, nullptr); }
 };
-
-// Bit equality: NaN payloads and signs included.
-bool sameBits(double a, double b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
 
 }  // namespace
 
@@ -177,28 +147,6 @@ TEST(ErrorOffsets, PointAtTheTokenTheParseStoppedAt)
     }
 }
 
-// A 1500-term fit is far longer than one refill of the scanner; it evaluates whole.
-TEST(LongStatements, FifteenHundredTermsEvaluateWhole)
-{
-    std::string text;
-    double x = 0.75, expected = 0;
-    int err = 0;
-    for (int k = 1; k <= 1500; ++k) {
-        double c = 1.0 / k;
-        text += (k > 1 ? " + " : "") + std::to_string(c) + " * pow(x, " + std::to_string(k % 7) + ")";
-        double term = std::atof(std::to_string(c).c_str()) * std::pow(x, k % 7);
-        expected = k > 1 ? expected + term : term;
-    }
-    ASSERT_GT(text.size(), 8192u * 4);
-    Expr e = declared("x");
-    ASSERT_EQ(e->initFromString(text.c_str()), 1) << e->lastError();
-    KxDArray<double> v;
-    v.setLength(1);
-    v[0] = x;
-    EXPECT_DOUBLE_EQ(e->eval(v, err), expected);
-    EXPECT_EQ(err, 0);
-}
-
 TEST(FormulaNames, InOrderOfFirstAppearance)
 {
     const struct { const char *text, *names; } rows[] = {  // "=": first appearance assigns
@@ -254,65 +202,6 @@ TEST(Formula, ChoicesForWhatHasNoLiteral)
 
 namespace {
 
-// Random text over the whole language, every operand bracketed; t is assigned first when
-// withT, so that later operands may read it.
-class FormulaMaker {
-public:
-    explicit FormulaMaker(unsigned seed) : gen_(seed) {}
-
-    std::string statement(int depth)
-    {
-        if (pick(4) == 0)
-            return "t = " + exp(depth, false) + "; " + exp(depth, true);
-        return exp(depth, false);
-    }
-
-private:
-    int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(gen_); }
-
-    std::string exp(int depth, bool withT)
-    {
-        static const char* const leaves[] = {"x", "y", "z", "0", "1", "2", "0.5", "3.25", "7",
-                                             "1e308", "1e-310", "1e999", "31", "2147483648", "0.1"};
-        static const char* const infix[] = {"+", "-", "*", "/", "%", "<", ">", "<=", ">=", "==",
-                                            "!=", "&&", "||", "|", "&", "^", "<<", ">>"};
-        static const std::vector<std::string> calls1 = functionNames(1);
-        static const std::vector<std::string> calls2 = [] {  // Bessel orders would cost time
-            std::vector<std::string> names{"pow"};
-            for (const std::string& f : functionNames(2, {"jn", "yn"}))
-                names.push_back(f);
-            return names;
-        }();
-        if (depth == 0 || pick(5) == 0) {
-            if (withT && pick(4) == 0)
-                return "t";
-            return leaves[pick(sizeof leaves / sizeof *leaves)];
-        }
-        switch (pick(7)) {
-        case 0:
-        case 1:
-            return "(" + exp(depth - 1, withT) + " " + infix[pick(sizeof infix / sizeof *infix)] +
-                   " " + exp(depth - 1, withT) + ")";
-        case 2:
-            return std::string(pick(2) ? "(-" : "(!") + exp(depth - 1, withT) + ")";
-        case 3:
-            return calls1[static_cast<size_t>(pick(static_cast<int>(calls1.size())))] + "(" +
-                   exp(depth - 1, withT) + ")";
-        case 4:
-            return calls2[static_cast<size_t>(pick(static_cast<int>(calls2.size())))] + "(" +
-                   exp(depth - 1, withT) + ", " + exp(depth - 1, withT) + ")";
-        case 5:  // Bessel orders kept small: their cost grows with the order
-            return std::string(pick(2) ? "jn(" : "yn(") + exp(depth - 1, withT) + " & 7, " +
-                   exp(depth - 1, withT) + ")";
-        default:
-            return pick(2) ? "diff(" + exp(depth - 1, withT) + ", x)"
-                           : "(u = " + exp(depth - 1, withT) + ")";
-        }
-    }
-
-    std::mt19937 gen_;
-};
-
 // Every bit and error code of a against b over the rows (x, y, z); internal slots start at 0.
 std::string disagreement(OxelExpression& a, OxelExpression& b, const std::vector<double>& rows)
 {
@@ -326,7 +215,7 @@ std::string disagreement(OxelExpression& a, OxelExpression& b, const std::vector
             vb[i] = i < 3 ? rows[r + static_cast<size_t>(i)] : 0.0;
         int ea = 0, eb = 0;
         double ra = a.eval(va, ea), rb = b.eval(vb, eb);
-        if (!sameBits(ra, rb) || ea != eb) {
+        if (!bitsEqual(ra, rb) || ea != eb) {
             char buf[200];
             std::snprintf(buf, sizeof buf, "at (%g, %g, %g): %.17g code %d, read back %.17g code %d",
                           rows[r], rows[r + 1], rows[r + 2], ra, ea, rb, eb);
@@ -338,8 +227,9 @@ std::string disagreement(OxelExpression& a, OxelExpression& b, const std::vector
 
 }  // namespace
 
-// Random formulas, their derivatives and simplified forms, written, read back with the same
-// names and evaluated at ordinary and special points: the same bits and error codes.
+// Random formulas (batch_test.cpp's, with diff() and Bessel calls of small order), their
+// derivatives and simplified forms, written, read back with the same names and evaluated at
+// ordinary and special points: the same bits and error codes.
 TEST(Formula, ReadsBackToTheSameBitsAndErrorCodes)
 {
     const double special[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1e308, 1e-310,
@@ -350,11 +240,17 @@ TEST(Formula, ReadsBackToTheSameBitsAndErrorCodes)
     for (int r = 0; r < 3 * 200; ++r)
         rows.push_back(r % 2 ? special[gen() % (sizeof special / sizeof *special)]
                              : std::uniform_real_distribution<double>(-4, 4)(gen));
-    FormulaMaker maker(2024);
     int formulas = 0, trees = 0;
     Collecting quiet;  // texts whose diff() fails, derivatives of comparisons
     for (int attempt = 0; attempt < 3000 && formulas < 1000; ++attempt) {
-        std::string text = maker.statement(1 + attempt % 5);
+        const int depth = 1 + attempt % 5;
+        std::string text = randomFormula(gen, depth, attempt % 4 == 0);
+        if (attempt % 3 == 0)
+            text = "diff(" + randomFormula(gen, depth - 1, attempt % 4 == 0) + ", x) - " + text;
+        if (attempt % 7 == 0)
+            text = "jn((" + text + ") & 7, " + randomFormula(gen, 1, attempt % 4 == 0) + ")";
+        if (attempt % 4 == 0)
+            text = "a = " + randomFormula(gen, depth, false) + "; " + text;
         Expr e = declared();
         if (!e->initFromString(text.c_str()))  // a diff() without a derivative, say
             continue;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -84,16 +83,6 @@ TEST(Random, GasdevServesBothDeviatesOfAPair)
     float fac = static_cast<float>(std::sqrt(-2.0 * std::log(static_cast<double>(rsq)) / rsq));
     EXPECT_EQ(u2 * fac, first);
     EXPECT_EQ(u1 * fac, second);
-}
-
-TEST(Random, RandScalesTheCGeneratorInSinglePrecision)
-{
-    int err = 0;
-    std::srand(7);
-    float scaled = static_cast<float>(std::rand()) * 0x1p-31f;  // AM = 2^-31 in single precision
-    std::srand(7);
-    EXPECT_EQ(static_cast<double>(scaled), OxRand().value(nullptr, err));
-    EXPECT_EQ(0, err);
 }
 
 struct Call {

@@ -13,10 +13,9 @@
 
 #include <oxel/oxel.h>
 
+#include "node_probe.h"
 #include "program/native/native.h"
 #include "program/program.h"
-
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std::string* shared);
 
 namespace {
 
@@ -32,40 +31,22 @@ bool nativeExpected()
 #endif
 }
 
-bool sameBits(double a, double b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
 std::unique_ptr<OxelExpression> parsed(const std::string& text)
 {
     std::unique_ptr<OxelExpression> e(new OxelExpression);
-    for (const char* name : {"x", "y", "z"})
-        e->addVar(name);
-    std::vector<char> buf(text.begin(), text.end());
-    buf.push_back('\0');
-    return e->initFromString(buf.data()) == 1 ? std::move(e) : nullptr;
+    return parseXyz(*e, text) == 1 ? std::move(e) : nullptr;
 }
 
-// eval() against the tree walk at special points: value bits, code and the slots it leaves.
+// eval() and evalBatch() against the tree walk at special points (y at -x / 3): value bits,
+// code and the slots they leave.
 std::string evalMismatch(OxelExpression& e)
 {
     const double points[] = {0.5, -0.0, NAN, INFINITY, -INFINITY, 1e-320, 1e308, -3.0, 710.0};
-    const int nv = e.numVars();
-    for (double x : points) {
-        std::vector<double> walked(static_cast<size_t>(nv), x), ran(walked);
-        if (nv > 1)
-            walked[1] = ran[1] = -x / 3;
-        int codeWalk = 0, codeRun = 0;
-        const double w = e.root()->value(walked.data(), codeWalk);
-        const double r = e.eval(ran.data(), nv, codeRun);
-        if (!sameBits(w, r) || codeWalk != codeRun ||
-            std::memcmp(walked.data(), ran.data(), sizeof(double) * walked.size()) != 0)
-            return "at " + std::to_string(x) + ": tree " + std::to_string(w) + " code " +
-                   std::to_string(codeWalk) + ", eval " + std::to_string(r) + " code " +
-                   std::to_string(codeRun);
-    }
-    return "";
+    std::vector<double> rows;
+    for (double x : points)
+        for (int i = 0; i < e.numVars(); ++i)
+            rows.push_back(i == 1 ? -x / 3 : x);
+    return exprMismatch(e, rows, e.numVars());
 }
 
 // A balanced sum of n distinct products: about 2n steps, shallow enough to lower.

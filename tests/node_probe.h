@@ -1,12 +1,18 @@
-// Test helpers: a leaf that fails on demand, node factories, one-call evaluation, bit equality.
+// Test helpers: a leaf that fails on demand, node factories, one-call evaluation, bit equality,
+// parsing over x, y, z, the kept fuzz inputs, and the shared random formulas and harness.
 #ifndef OXEL_TESTS_NODE_PROBE_H
 #define OXEL_TESTS_NODE_PROBE_H
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -55,6 +61,58 @@ inline ::testing::AssertionResult sameBits(double expected, double actual)
     if ((std::isnan(expected) && std::isnan(actual)) || !std::memcmp(&expected, &actual, 8))
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "expected " << expected << ", got " << actual;
+}
+
+// Bit equality where NaN payloads and signs count as well.
+inline bool bitsEqual(double a, double b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Declares the first numVars of x, y, z and parses a writable copy (the parser writes into it).
+inline int parseXyz(OxelExpression& e, const std::string& text, int numVars = 3)
+{
+    for (const char* name : {"x", "y", "z"})
+        if (numVars-- > 0)
+            e.addVar(name);
+    std::vector<char> buf(text.begin(), text.end());
+    buf.push_back('\0');
+    return e.initFromString(buf.data());
+}
+
+// From batch_test.cpp: random formulas of the whole language ("a" is read once assigned, shared
+// a subtree that recurs), and the differential harness of an expression against its tree walk
+// over rows of the given stride ("" when eval() and evalBatch() agree with it everywhere).
+std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
+                          const std::string* shared = nullptr);
+inline void noReset() {}
+std::string exprMismatch(OxelExpression& e, const std::vector<double>& rows, int stride,
+                         void (*reset)() = noReset);
+
+// eval() at the leading values, every further slot 0; the code starts at 0.
+inline double evalAt(OxelExpression& e, std::vector<double> values, int& err)
+{
+    values.resize(std::max(values.size(), static_cast<size_t>(e.numVars())), 0.0);
+    err = 0;
+    return e.eval(values.data(), static_cast<int>(values.size()), err);
+}
+
+// The non-empty files under fuzz/<dir>, each up to its first NUL as the targets read them.
+inline std::vector<std::string> fuzzTexts(const std::string& dir)
+{
+    const std::string here = __FILE__;
+    const std::string path = here.substr(0, here.find_last_of('/') + 1) + "../fuzz/" + dir;
+    std::vector<std::string> texts;
+    DIR* d = opendir(path.c_str());
+    while (dirent* ent = d ? readdir(d) : nullptr) {
+        std::ifstream in(path + ent->d_name, std::ios::binary);
+        std::stringstream raw;
+        if (ent->d_name[0] != '.' && (raw << in.rdbuf()))
+            texts.push_back(raw.str().c_str());
+    }
+    if (d)
+        closedir(d);
+    return texts;
 }
 
 #endif

@@ -15,9 +15,7 @@
 
 #include <oxel/oxel.h>
 
-// The whole language's random formulas (batch_test.cpp).
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned,
-                          const std::string* shared = nullptr);
+#include "node_probe.h"
 
 namespace {
 
@@ -39,16 +37,6 @@ std::string normal(const std::string& text)
     Expr e = parsed(text);
     Expr n(e ? e->normalized() : nullptr);
     return n ? n->toFormula().c_str() : "(does not parse)";
-}
-
-double at(OxelExpression& e, double x, double y, double z, int& err)
-{
-    KxDArray<double> v;
-    v.setLength(e.numVars());
-    for (int i = 0; i < e.numVars(); ++i)
-        v[i] = i == 0 ? x : i == 1 ? y : i == 2 ? z : 0.0;
-    err = 0;
-    return e.eval(v, err);
 }
 
 // Formulas whose value may jump when rounding moves an operand by an ulp.
@@ -124,7 +112,7 @@ TEST(Normal, IdempotentAndValuePreserving)
             for (int p = 0; p < 4; ++p) {
                 double x = coord(rng), y = coord(rng), z = coord(rng);
                 int ea, eb;
-                double a = at(*f, x, y, z, ea), b = at(*n, x, y, z, eb);
+                double a = evalAt(*f, {x, y, z}, ea), b = evalAt(*n, {x, y, z}, eb);
                 if (ea || eb || !std::isfinite(a) || !std::isfinite(b) || jumps(text))
                     continue;
                 ++compared;
@@ -201,7 +189,8 @@ TEST(PrintC, CompilesAndAgreesWithEval)
             std::string line;
             ASSERT_TRUE(std::getline(out, line));
             int err;
-            double want = at(*exprs[i], p[0], p[1], 0.5, err), got = std::strtod(line.c_str(), nullptr);
+            double want = evalAt(*exprs[i], {p[0], p[1], 0.5}, err);
+            double got = std::strtod(line.c_str(), nullptr);
             if (err || (std::isnan(want) && std::isnan(got)))
                 continue;  // the guards are not reproduced
             EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))

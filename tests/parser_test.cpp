@@ -134,17 +134,6 @@ TEST(ParserTrees, Values)
         EXPECT_DOUBLE_EQ(row.expected, valueOf(row.text)) << row.text;
 }
 
-// Each function keyword builds the node of that symbol, arguments in order.
-TEST(ParserTrees, FunctionKeywords)
-{
-    for (std::string k : {"sin", "cos", "tan", "asin", "acos", "atan", "sinh", "cosh", "tanh",
-                          "asinh", "acosh", "atanh", "exp", "expm1", "log10", "erf", "erfc", "cbrt",
-                          "abs", "floor", "ceil", "trunc", "rint", "sgn", "j0", "j1", "y0", "y1"})
-        EXPECT_EQ(k + "(a)", printed(k + "(a)"));
-    for (std::string k : {"atan2", "hypot", "fmod", "drem", "copysign", "jn", "yn", "max", "min"})
-        EXPECT_EQ("a" + k + "b", printed(k + "(a, b)"));
-}
-
 TEST(ParserLexer, UnknownCharactersEchoedAndNumbersIgnoreLocale)
 {
     testing::internal::CaptureStdout();

@@ -259,31 +259,6 @@ TEST(OxelProgram, TreeCommandsPrintFormulasOrTheLibraryText)
     }
 }
 
-// What diff and simplify print is typed back in: eval of it agrees with the library's own
-// derivative (the pow(x,3) gave 0 through the printed '^').
-TEST(OxelProgram, PrintedFormulasEvaluateBack)
-{
-    for (const char* formula : {"pow(x,3)", "sin(x)*exp(-x/4) + sqrt(x)*ln(x)", "atan2(x, 2) - x/3"}) {
-        Result d = runOxel({"diff", formula, "x", "--simplify"});
-        ASSERT_EQ(d.status, 0) << d.err;
-        std::string printed = d.out.substr(0, d.out.size() - 1);
-        Result e = runOxel({"eval", printed, "x=2"});
-        EXPECT_EQ(e.status, 0) << printed << ": " << e.err;
-        OxelExpression f;
-        f.addVar("x");
-        ASSERT_EQ(f.initFromString(formula), 1);
-        std::unique_ptr<OxelExpression> slope(f.derivative("x"));
-        KxDArray<double> v;
-        v.setLength(1);
-        v[0] = 2;
-        int err = 0;
-        char expected[40];
-        std::snprintf(expected, sizeof expected, "%.17g", slope->eval(v, err));
-        double want = std::strtod(expected, nullptr);  // the normal form rounds its own way
-        EXPECT_NEAR(std::strtod(e.out.c_str(), nullptr), want, 1e-13 * std::fabs(want)) << printed;
-    }
-}
-
 // --file: the formula's lines, and a caret under the failing place in its own line.
 TEST(OxelProgram, FormulaFromFile)
 {
