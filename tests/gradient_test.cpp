@@ -15,7 +15,7 @@
 #include <oxel/oxel.h>
 #include <oxel/oxel_c.h>
 
-std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std::string* shared);
+#include "node_probe.h"
 
 namespace {
 
@@ -25,11 +25,6 @@ const double kSpecial[] = { 0.0, -0.0, 1.0, -1.0, 0.5, 2.0, -2.5, 3.0, 1e308, -1
     1e-320, INFINITY, -INFINITY, NAN, 710.0, DBL_MAX, 0.1, -7.0, 1e10, 709.7, 0x1p64, -0x1p64,
     0x1.0000000000001p64, 5e-324, std::numeric_limits<double>::signaling_NaN() };
 const int kNumSpecial = sizeof kSpecial / sizeof kSpecial[0];
-
-bool sameBits(double a, double b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
 
 // The separate expressions in output order: the value, the first derivatives, then the upper
 // triangle of second derivatives; empty when any of them is null.
@@ -86,8 +81,8 @@ std::string compare(OxelExpression& e, const OxelGradient& g,
             const double want = k == 0 ? e.eval(vals.data(), nv, code)
                                        : sep[static_cast<size_t>(k)]->eval(vals.data(), nv, code);
             const size_t kk = static_cast<size_t>(k);
-            if (!sameBits(point[kk], want) || pointCodes[kk] != code
-                || !sameBits(outs[kk][static_cast<size_t>(r)], want)
+            if (!bitsEqual(point[kk], want) || pointCodes[kk] != code
+                || !bitsEqual(outs[kk][static_cast<size_t>(r)], want)
                 || codes[kk][static_cast<size_t>(r)] != code)
                 return "row " + std::to_string(r) + " output " + std::to_string(k) + ": want "
                     + std::to_string(want) + " code " + std::to_string(code) + ", point "
