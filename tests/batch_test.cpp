@@ -74,6 +74,7 @@ const char* const kFormulas[] = {
     "sqrt(x * x + y * y) / (1 + sqrt(x * x + y * y))", "ln(x) * ln(x) - ln(x) / ln(x)",
     "sqrt(x) / ln(y) * sqrt(x)", "a = x * y; x * y + a * (x * y)", "x * y + (x = 2) * (x * y)",
     "pow(x, y) + pow(x, y) * pow(x, 2) + pow(x, 2)", "-0 * x + 0 * x",
+    "sin(x) * cos(x) + cos(y) / sin(y) * (x = y) - sin(x)",  // sine and cosine from one sincos
     // long mixed formula
     "sin(x) * cos(y) + exp(-z * z / 2) / sqrt(2) - atan2(y, x) * ln(abs(z) + 1)",
     "max(min(x, y), z) + (x > 0 && y > 0) * hypot(x, y) - (x << 2 | y & 7)",

@@ -11,6 +11,7 @@
 
 #include "nodes/kinds.h"
 #include "nodes/vector_kernels.h"
+#include "program/native/native.h"
 #include "program/program.h"
 
 namespace {
@@ -112,6 +113,8 @@ struct OxelGradient::Impl {
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
     OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
+    // Its machine code once published, kept here so that a point costs one load and a call.
+    mutable std::atomic<OxelSeveralFn> native{nullptr};
     OxelProgram* columns = nullptr;  // its column form, or null: rows through point
     ~Impl()
     {
@@ -184,7 +187,13 @@ struct OxelGradient::Impl {
     void run(const double* values, double* out, int* codes) const
     {
         if (fits(values)) {
-            if (OxelSeveralFn f = point ? oxelPointSeveral(*point) : nullptr) {
+            OxelSeveralFn f = native.load(std::memory_order_acquire);
+            if (!f || !oxn::enabled()) {
+                f = point ? oxelPointSeveral(*point) : nullptr;
+                if (f)
+                    native.store(f, std::memory_order_release);
+            }
+            if (f) {
                 codes[0] = 0;
                 f(values, codes, out);
                 if (codes[0] == 0)

@@ -6,34 +6,6 @@ namespace {
 
 const int kNoColumn = -1;
 
-bool sameValue(const oxp::Operand& x, const oxp::Operand& y)
-{
-    return x.mode == y.mode && x.mode != oxp::Operand::Const && x.index == y.index;
-}
-
-// Steps that take the cosine of what an earlier step takes the sine of, or the other way
-// round: pairs (earlier, later), found by a scan of the steps after each sine or cosine.
-std::vector<std::pair<int, int>> sinCosPairs(const oxp::Program& l)
-{
-    auto trig = [](oxk::Kind k) { return k == oxk::Kind::OxSinus || k == oxk::Kind::OxCosinus; };
-    std::vector<std::pair<int, int>> pairs;
-    std::vector<bool> paired(l.steps.size(), false);
-    for (size_t i = 0; i < l.steps.size(); ++i) {
-        const oxp::Step& s = l.steps[i];
-        if (!trig(s.kind) || paired[i])
-            continue;
-        for (size_t j = i + 1; j < l.steps.size(); ++j) {
-            const oxp::Step& t = l.steps[j];
-            if (trig(t.kind) && t.kind != s.kind && !paired[j] && sameValue(s.a, t.a)) {
-                paired[i] = paired[j] = true;
-                pairs.emplace_back(static_cast<int>(i), static_cast<int>(j));
-                break;
-            }
-        }
-    }
-    return pairs;
-}
-
 }  // namespace
 
 void buildColumns(OxelProgram& p, const oxp::Program& l)
@@ -47,7 +19,7 @@ void buildColumns(OxelProgram& p, const oxp::Program& l)
         }
     }
     const int numInputs = static_cast<int>(p.inputVars.size());
-    const std::vector<std::pair<int, int>> pairs = sinCosPairs(l);
+    const std::vector<std::pair<int, int>> pairs = oxp::sinCosPairs(l);
     // Each pair's later value waits in a column of its own until its step.
     p.numColumns = numInputs + l.numSlots + static_cast<int>(pairs.size());
     const int resultStep = l.result.mode == oxp::Operand::Reg ? l.result.index : -1;

@@ -150,6 +150,11 @@ inline bool inputFits(double v)
 // The liveness and slot passes over the steps (lower() runs them).
 void allocate(Program& p);
 
+// Steps that take the cosine of what an earlier step takes the sine of, or the other way
+// round, as pairs (earlier, later): the C library's sincos gives both at once, with the bits
+// of its sin and cos (a test holds it to that), so back ends may compute them together.
+std::vector<std::pair<int, int>> sinCosPairs(const Program& p);
+
 // Calls fn(operand) for every value a step reads, in order.
 template <class Fn>
 void forEachOperand(const Program& p, const Step& s, Fn fn)

@@ -1,5 +1,6 @@
 // The passes every back end shares: liveness of step values and their slots.
 #include <algorithm>
+#include <unordered_map>
 
 #include "program/ir.h"
 
@@ -47,6 +48,29 @@ void allocate(Program& p)
         if (p.lastUse[static_cast<size_t>(i)] < 0)
             free.push_back(slot);  // a value nobody reads (a discarded statement)
     }
+}
+
+std::vector<std::pair<int, int>> sinCosPairs(const Program& p)
+{
+    // By operand, the earliest sine (0) or cosine (1) still without its partner; shared steps
+    // make a second sine of one operand rare, and it simply stays alone.
+    std::unordered_map<uint64_t, int> waiting[2];
+    std::vector<std::pair<int, int>> pairs;
+    for (size_t i = 0; i < p.steps.size(); ++i) {
+        const Step& s = p.steps[i];
+        const int k = s.kind == oxk::Kind::OxSinus ? 0 : s.kind == oxk::Kind::OxCosinus ? 1 : -1;
+        if (k < 0 || s.a.mode == Operand::Const)
+            continue;
+        const uint64_t key = (static_cast<uint64_t>(s.a.mode) << 32) | static_cast<uint32_t>(s.a.index);
+        auto other = waiting[1 - k].find(key);
+        if (other != waiting[1 - k].end()) {
+            pairs.emplace_back(other->second, static_cast<int>(i));
+            waiting[1 - k].erase(other);
+        } else {
+            waiting[k].emplace(key, static_cast<int>(i));
+        }
+    }
+    return pairs;
 }
 
 }  // namespace oxp
