@@ -61,7 +61,8 @@ std::vector<std::pair<int, int>> sinCosPairs(const Program& p)
         const int k = s.kind == oxk::Kind::OxSinus ? 0 : s.kind == oxk::Kind::OxCosinus ? 1 : -1;
         if (k < 0 || s.a.mode == Operand::Const)
             continue;
-        const uint64_t key = (static_cast<uint64_t>(s.a.mode) << 32) | static_cast<uint32_t>(s.a.index);
+        const uint64_t key =
+            (static_cast<uint64_t>(s.a.mode) << 32) | static_cast<uint32_t>(s.a.index);
         auto other = waiting[1 - k].find(key);
         if (other != waiting[1 - k].end()) {
             pairs.emplace_back(other->second, static_cast<int>(i));

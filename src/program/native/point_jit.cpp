@@ -137,7 +137,8 @@ void Generator::kernelCall(const oxp::Step& s)
         if (!row.un)
             movapd(xmm1, s1);
         mov(rdi, r12);
-        callFn(row.un ? reinterpret_cast<const void*>(row.un) : reinterpret_cast<const void*>(row.bin));
+        callFn(row.un ? reinterpret_cast<const void*>(row.un)
+                      : reinterpret_cast<const void*>(row.bin));
     }
     define(0);
 }
@@ -252,7 +253,8 @@ void Generator::slowPaths()
                 mov(qword[rsp + outsOff_], rdx);
         }
         mov(rdi, codePointer());
-        callFn(row.un ? reinterpret_cast<const void*>(row.un) : reinterpret_cast<const void*>(row.bin));
+        callFn(row.un ? reinterpret_cast<const void*>(row.un)
+                      : reinterpret_cast<const void*>(row.bin));
         if (leaf_) {
             mov(rdi, qword[rsp + varsOff_]);
             mov(rsi, qword[rsp + codeOff_]);
