@@ -24,7 +24,6 @@ struct GradSetup {
     std::unique_ptr<OxelExpression> e{new OxelExpression};
     std::unique_ptr<OxelGradient> g;
     std::vector<std::unique_ptr<OxelExpression>> separate;
-    std::vector<std::vector<double>> cols;
     std::vector<const double*> colp;
     int outputs = 1;
 
@@ -49,12 +48,7 @@ struct GradSetup {
                         separate[static_cast<size_t>(i)]->derivative(kVarNames[j]));
             outputs = 1 + static_cast<int>(separate.size());
         }
-        for (int v = 0; v < 3; ++v) {
-            cols.emplace_back(kPoints);
-            for (int r = 0; r < kPoints; ++r)
-                cols.back()[static_cast<size_t>(r)] = rows()[static_cast<size_t>(r) * kStride + v];
-            colp.push_back(cols.back().data());
-        }
+        colp.assign(columns(), columns() + 3);
     }
 
     const OxelExpression& output(int k) const

@@ -225,9 +225,8 @@ struct Lowerer {
         Step s{kind, oxk::row(kind).raises && !errorCertain, a, b, 0, -1};
         const int next = static_cast<int>(out.steps.size());
         const int earlier = shared.findOrAdd(s, next);
-        if (earlier >= 0) {
+        if (earlier >= 0)
             return reg(earlier);
-        }
         out.steps.push_back(s);
         if (fastPath) {
             const Facts fa = factsOf(a), fb = factsOf(b);
@@ -267,9 +266,8 @@ struct Lowerer {
     {
         if (mergeCalls && kind == oxk::Kind::OxDepVar) {
             const int earlier = sameCall(static_cast<const OxDepVar*>(node), values, n);
-            if (earlier >= 0) {
-                    return reg(earlier);
-            }
+            if (earlier >= 0)
+                return reg(earlier);
         }
         const int first = static_cast<int>(out.args.size());
         out.args.insert(out.args.end(), values, values + n);

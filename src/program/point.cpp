@@ -477,7 +477,7 @@ double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& er
     return interpret(p, vars, err);
 }
 
-OxelNativeFn oxelPointNative(const OxelPointProgram& p)
+oxn::PointFn oxelPointNative(const OxelPointProgram& p)
 {
     return p.walk || p.steps.several ? nullptr : p.native.published();
 }

@@ -4,6 +4,7 @@
 #define OXEL_PROGRAM_PROGRAM_H
 
 #include "program/ir.h"
+#include "program/native/native.h"
 
 // Single-point program: registers in a local array, operands encoded in the instructions.
 // Trees that cannot be lowered (too deep, classes from outside the library) or whose programs
@@ -19,8 +20,7 @@ bool oxelPointBuilt(const OxelPointProgram& p);
 double oxelPointRun(const OxelPointProgram& p, Oxel* root, double* vars, int& err);
 // The program's published machine code where it alone gives what oxelPointRun gives for a
 // full vector and a zero code; null while the interpreter or the tree walk serves it.
-using OxelNativeFn = double (*)(double*, int*);
-OxelNativeFn oxelPointNative(const OxelPointProgram& p);
+oxn::PointFn oxelPointNative(const OxelPointProgram& p);
 // A program of oxp::lowerSeveral as machine code: reads vars, writes tree k's value to out[k],
 // sets codes[0] (if zero) where anything failed and codes[k] = 0 for every later tree; null
 // while the interpreter serves it (not hot yet, native code off or unavailable).
