@@ -8,4 +8,11 @@
 #define OXEL_API
 #endif
 
+// A branch hint for the inline fast paths of the public headers.
+#if defined(__GNUC__)
+#define OXEL_LIKELY(x) __builtin_expect(!!(x), 1)
+#else
+#define OXEL_LIKELY(x) (x)
+#endif
+
 #endif

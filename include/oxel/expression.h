@@ -14,6 +14,12 @@ class OxelProgram;
 class OxelPointProgram;
 class OxelGradient;
 
+namespace oxel_detail {
+// Whether eval may run machine code (see oxelSetNativeCode). Not for hosts: it lives here only
+// so that eval's fast path can be inlined into the caller.
+extern OXEL_API std::atomic<bool> nativeCodeOn;
+}  // namespace oxel_detail
+
 /// One formula with its variables: declare names (addVar, addVarAlias), parse (initFromString),
 /// then evaluate (eval, evalBatch), differentiate (derivative) or simplify (simplified).
 class OXEL_API OxelExpression {
@@ -35,10 +41,22 @@ public:
     /// Parses text: 1 on success; 0 otherwise, and the expression then evaluates to 0.
     int initFromString(const char* text);
     /// Evaluates with values[i] for variable i (numVars() slots); failures set a zero err.
-    double eval(KxDArray<double>& values, int& err) const;
+    double eval(KxDArray<double>& values, int& err) const
+    {
+        return eval(values.data(), values.length(), err);
+    }
     /// The same over count values (count >= numVars(); a shorter or null array sets
     /// OX_ERR_ILLEGAL_ARGUMENT and gives 0). Assignments write back into values.
-    double eval(double* values, int count, int& err) const;
+    double eval(double* values, int count, int& err) const
+    {
+        // Inline, so that once the formula runs as machine code, a whole vector with no code
+        // set yet costs the caller one load and one call; everything else is out of line.
+        double (*f)(double*, int*) = native_.load(std::memory_order_acquire);
+        if (OXEL_LIKELY(f && count >= names_.length() && values && err == 0
+                        && oxel_detail::nativeCodeOn.load(std::memory_order_relaxed)))
+            return f(values, &err);
+        return evalSlow(values, count, err);
+    }
     void setDefaultExpression();
     void clear();
     void copyVarNames(OxelExpression& other);
@@ -96,7 +114,6 @@ public:
     std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order = 1);
 
 private:
-    double evalAt(double* values, int count, int& err) const;
     OxelExpression* withSameNames(Oxel* tree) const;
     void installTree(Oxel* tree);
     void dropProgram();

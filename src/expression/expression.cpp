@@ -135,21 +135,8 @@ int OxelExpression::initFromString(const char* text)
     return 0;
 }
 
-// Both forms of eval() inline this: a call from one exported function to another would go
-// through the symbol table. Once the program runs as machine code, a call with a whole vector
-// and no code set yet goes straight to it: one load and one call.
-inline double OxelExpression::evalAt(double* values, int count, int& err) const
-{
-    auto f = native_.load(std::memory_order_acquire);
-    if (__builtin_expect(f != nullptr, 1) && count >= names_.length() && values && err == 0
-        && oxn::enabled())
-        return f(values, &err);
-    return evalSlow(values, count, err);
-}
-
-// Out of line, so that the fast path above saves no register.
-__attribute__((noinline)) double OxelExpression::evalSlow(double* values, int count,
-                                                          int& err) const
+// Everything but the header's fast path: checks, the interpreter, publishing the code.
+double OxelExpression::evalSlow(double* values, int count, int& err) const
 {
     if (!root_)
         return 0.0;
@@ -166,16 +153,6 @@ __attribute__((noinline)) double OxelExpression::evalSlow(double* values, int co
         if (auto f = oxelPointNative(p))
             native_.store(f, std::memory_order_release);
     return v;
-}
-
-double OxelExpression::eval(KxDArray<double>& values, int& err) const
-{
-    return evalAt(values.data(), values.length(), err);
-}
-
-double OxelExpression::eval(double* values, int count, int& err) const
-{
-    return evalAt(values, count, err);
 }
 
 void OxelExpression::setDefaultExpression()

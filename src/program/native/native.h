@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include <oxel/export.h>
+#include <oxel/expression.h>
 
 #include "program/ir.h"
 #include "program/native/arena.h"
@@ -18,10 +18,9 @@ using PointFn = double (*)(double* vars, int* code);
 
 // Native code is used: the build has the generator, OXEL_JIT is not "0" and the host did
 // not switch it off (false until the library's static initialisation has run).
-extern std::atomic<bool> gEnabled;
 inline bool enabled()
 {
-    return gEnabled.load(std::memory_order_relaxed);
+    return oxel_detail::nativeCodeOn.load(std::memory_order_relaxed);
 }
 
 // Programs with more steps than this stay in the interpreter: the generator's frame and code

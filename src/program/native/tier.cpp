@@ -26,8 +26,6 @@ std::atomic<int> gHotCalls{1000};
 
 }  // namespace
 
-std::atomic<bool> gEnabled{fromEnvironment()};
-
 PointFn PointTier::warm(const oxp::Program& ir) const
 {
     if (!enabled() || claimed_.load(std::memory_order_relaxed))
@@ -53,9 +51,11 @@ void releaseNative(NativeCode&) {}
 
 }  // namespace oxn
 
+std::atomic<bool> oxel_detail::nativeCodeOn{oxn::fromEnvironment()};
+
 void oxelSetNativeCode(bool on)
 {
-    oxn::gEnabled.store(on && oxn::fromEnvironment(), std::memory_order_relaxed);
+    oxel_detail::nativeCodeOn.store(on && oxn::fromEnvironment(), std::memory_order_relaxed);
 }
 
 int oxelNativeCompile(Oxel* root, int numVars)
