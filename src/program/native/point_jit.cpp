@@ -14,41 +14,41 @@ bool Generator::inlined(const oxp::Step& s)
     const Place a = place(s.a);
     const Place b = un ? Place{false, -1, qword[rsp]} : place(s.b);
     const unsigned ops = operandRegs(a, b);
+    Xbyak::Xmm d = s0;  // the value's register, never an operand's
     switch (k) {
     case Kind::OxPlus:
     case Kind::OxMinus:
     case Kind::OxMal:
     case Kind::OxDurch:
     case Kind::OxSqroot: {
-        // The register first (a spill must run on both paths), then the operation on a
-        // scratch register and the test of its result: the slow path sees the operands
-        // untouched.
-        const int dst = target(s, ops);
+        // The register first (a spill must run on both paths), one that holds no operand: the
+        // operation writes it directly and the slow path still sees the operands untouched.
+        const int dst = pick(ops);
+        d = Xbyak::Xmm(dst);
         slow_.emplace_back();
         Slow& sl = slow_.back();
-        load(s0, a);
+        load(d, a);  // a whole write: sqrtsd alone would wait for the register's old value
         if (k == Kind::OxSqroot) {
-            sqrtsd(s0, s0);
-            ucomisd(s0, s0);
+            sqrtsd(d, d);
+            ucomisd(d, d);
             jp(sl.entry, T_NEAR);  // NaN: a negative radicand (or a NaN one) takes the kernel
         } else {
             withSource(b, [&](const Xbyak::Operand& src) {
                 if (k == Kind::OxPlus)
-                    addsd(s0, src);
+                    addsd(d, src);
                 else if (k == Kind::OxMinus)
-                    subsd(s0, src);
+                    subsd(d, src);
                 else if (k == Kind::OxMal)
-                    mulsd(s0, src);
+                    mulsd(d, src);
                 else
-                    divsd(s0, src);
+                    divsd(d, src);
             });
             // |r| < 2^1022 as integers (the sign shifted out; NaN and infinity compare above).
-            movq(rax, s0);
+            movq(rax, d);
             add(rax, rax);
             cmp(rax, constantBits(kResultLimitBits));
             jae(sl.entry, T_NEAR);
         }
-        movapd(Xbyak::Xmm(dst), s0);
         L(sl.back);
         sl.kind = k;
         sl.a = a;
@@ -69,50 +69,52 @@ bool Generator::inlined(const oxp::Step& s)
         // the kernels' a < b ? a : b exactly, NaN and signed zeros included. A comparison's
         // mask ANDed with 1.0 is its truth value.
         const bool swap = k == Kind::OxGreater || k == Kind::OxGreaterEqual;
-        load(s0, swap ? b : a);
+        d = Xbyak::Xmm(pick(ops));
+        load(d, swap ? b : a);
         withSource(swap ? a : b, [&](const Xbyak::Operand& src) {
             if (k == Kind::OxMin)
-                minsd(s0, src);
+                minsd(d, src);
             else if (k == Kind::OxMax)
-                maxsd(s0, src);
+                maxsd(d, src);
             else if (k == Kind::OxLess || k == Kind::OxGreater)
-                cmpltsd(s0, src);
+                cmpltsd(d, src);
             else if (k == Kind::OxEqual)
-                cmpeqsd(s0, src);
+                cmpeqsd(d, src);
             else
-                cmplesd(s0, src);
+                cmplesd(d, src);
         });
         if (k != Kind::OxMin && k != Kind::OxMax)
-            andpd(s0, constant(1.0));
+            andpd(d, constant(1.0));
         break;
     }
     case Kind::OxAnd:
     case Kind::OxOr:
-        movsd(s0, constant(1e-8));
-        withSource(a, [&](const Xbyak::Operand& src) { cmpltsd(s0, src); });
+        d = Xbyak::Xmm(pick(ops));
+        movsd(d, constant(1e-8));
+        withSource(a, [&](const Xbyak::Operand& src) { cmpltsd(d, src); });
         movsd(s1, constant(1e-8));
         withSource(b, [&](const Xbyak::Operand& src) { cmpltsd(s1, src); });
         if (k == Kind::OxAnd)
-            andpd(s0, s1);
+            andpd(d, s1);
         else
-            orpd(s0, s1);
-        andpd(s0, constant(1.0));
+            orpd(d, s1);
+        andpd(d, constant(1.0));
         break;
     case Kind::OxNot:
-        load(s0, a);
-        cmpltsd(s0, constant(1e-8));
-        andpd(s0, constant(1.0));
+        d = Xbyak::Xmm(pick(ops));
+        load(d, a);
+        cmpltsd(d, constant(1e-8));
+        andpd(d, constant(1.0));
         break;
     case Kind::OxBetrag:
-        load(s0, a);
-        andpd(s0, constantBits(0x7FFFFFFFFFFFFFFFull));
+        d = Xbyak::Xmm(pick(ops));
+        load(d, a);
+        andpd(d, constantBits(0x7FFFFFFFFFFFFFFFull));
         break;
     default:
         return false;
     }
-    const int dst = target(s, ops);
-    movapd(Xbyak::Xmm(dst), s0);
-    define(dst);
+    define(d.getIdx());
     return true;
 }
 
