@@ -42,28 +42,48 @@ OxelExpression* parseOxel(int f)
     return e;
 }
 
-void benchEval(benchmark::State& st, int f)
+// One point at a time, as a host calls eval(): each row copied into the value vector, then
+// point(values, code) gives its value.
+template <class Point>
+void pointByPoint(benchmark::State& st, int nv, Point point)
 {
-    OxelExpression* e = parseOxel(f);
     const double* data = rows().data();
     KxDArray<double> vals;
-    vals.setLength(e->numVars());
+    vals.setLength(kStride);
     std::vector<double> res(kPoints);
     std::vector<int> err(kPoints);
-    const int nv = e->numVars();
     for (auto _ : st) {
         for (int r = 0; r < kPoints; ++r) {
             const double* row = data + static_cast<size_t>(r) * kStride;
             for (int i = 0; i < nv; ++i)
                 vals[i] = row[i];
             int ev = 0;
-            res[static_cast<size_t>(r)] = e->eval(vals, ev);
+            res[static_cast<size_t>(r)] = point(vals, ev);
             err[static_cast<size_t>(r)] = ev;
         }
         benchmark::DoNotOptimize(res.data());
         benchmark::ClobberMemory();
     }
+}
+
+void benchEval(benchmark::State& st, int f)
+{
+    OxelExpression* e = parseOxel(f);
+    pointByPoint(st, e->numVars(),
+                 [e](KxDArray<double>& vals, int& ev) { return e->eval(vals, ev); });
     delete e;
+}
+
+// The hand-written formula out of line, called for each point through a pointer as any
+// generated code is: the floor for an evaluator that is not compiled into the host's loop.
+void benchNativeCalled(benchmark::State& st, int f)
+{
+    const auto point = kSuite[f].point;
+    OxelExpression* e = parseOxel(f);
+    const int nv = e->numVars();
+    delete e;
+    pointByPoint(st, nv,
+                 [point](KxDArray<double>& vals, int& ev) { return point(vals.data(), &ev); });
 }
 
 void benchBatch(benchmark::State& st, int f)
@@ -301,6 +321,7 @@ void registerAll()
         reg("eval", benchEval);
         reg("batch", benchBatch);
         reg("native", benchNative);
+        reg("native-called", benchNativeCalled);
         reg("columns", benchColumns);
         reg("native-columns", benchNativeColumns);
         if (kSuite[f].libm)
@@ -447,6 +468,20 @@ void printSummary()
                 "columns/native over columns %.2f\n",
                 median(evalMu), median(batchMu), median(batchNative), median(evalFp),
                 median(evalNative), median(firstMu), median(columnsNative));
+    // The hand-written formula behind a call, as generated code has to be.
+    std::vector<double> evalCalled, calledNative, calledTk;
+    for (int f = 0; f < kNumFormulas; ++f) {
+        const double nc = perPoint("native-called", f);
+        if (ratio(perPoint("eval", f), nc) > 0)
+            evalCalled.push_back(ratio(perPoint("eval", f), nc));
+        if (ratio(nc, perPoint("native", f)) > 0)
+            calledNative.push_back(ratio(nc, perPoint("native", f)));
+        if (ratio(nc, perPoint("exprtk", f)) > 0)
+            calledTk.push_back(ratio(nc, perPoint("exprtk", f)));
+    }
+    std::printf("\nmedians of the hand-written formula called once per point through a pointer: "
+                "eval/it %.2f, it/native %.2f, it/ExprTk %.2f\n",
+                median(evalCalled), median(calledNative), median(calledTk));
     // ExprTk, where its header was found and it reads the formula.
     std::vector<double> evalTk, batchTk;
     for (int f = 0; f < kNumFormulas; ++f) {

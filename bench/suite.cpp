@@ -34,22 +34,31 @@ inline void nativeLoop(F f, const double* rows, int stride, const double* const*
     }
 }
 
-#define NATIVE(body)                                                                       \
+#define NATIVE_VALUES                                                                  \
+    [[maybe_unused]] const double x = p[0], y = p[1], z = p[2], w = p[3];              \
+    [[maybe_unused]] const double u = p[4], v = p[5], s = p[6], t = p[7];
+#define NATIVE_LOOP(body)                                                                  \
     [](const double* rows, int stride, const double* const* cols, int n, double* res, int* err) { \
         nativeLoop(                                                                        \
             [](const double* p, int& e) -> double {                                        \
-                [[maybe_unused]] const double x = p[0], y = p[1], z = p[2], w = p[3];      \
-                [[maybe_unused]] const double u = p[4], v = p[5], s = p[6], t = p[7];      \
+                NATIVE_VALUES                                                              \
                 (void)e;                                                                   \
                 body                                                                       \
             },                                                                             \
             rows, stride, cols, n, res, err);                                              \
     }
+// The loop, then the same formula as a function of one point (Formula::point).
+#define NATIVE(body)                                                                       \
+    NATIVE_LOOP(body), [](const double* p, int* code) -> double {                          \
+        NATIVE_VALUES                                                                      \
+        [[maybe_unused]] int& e = *code;                                                   \
+        body                                                                               \
+    }
 
 using namespace oxk;
 
 // The C library's pow on the same points: what a power costs without the powl rule.
-#define LIBM(body) NATIVE(return body;)
+#define LIBM(body) NATIVE_LOOP(return body;)
 
 const Formula kSuite[] = {
     {"add", "x + y", "x + y", "x+y", NATIVE(return eval_OxPlus(x, y, e);)},

@@ -26,6 +26,7 @@ struct Formula {
     const char* mu;  // muparser syntax, null when it has no equivalent
     const char* fp;  // fparser syntax, null when it has no equivalent
     Native native;
+    double (*point)(const double* values, int* code);  // the same, one point out of line
     Native libm = nullptr;  // the C library alone (powers), null elsewhere
 };
 
