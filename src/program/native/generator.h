@@ -227,16 +227,6 @@ private:
         mem_[static_cast<size_t>(step_)] = false;
     }
 
-    // The register for the value: a dying operand's, else a fresh one.
-    int target(const oxp::Step& s, unsigned operands)
-    {
-        if (dies(s.a) && reg_[static_cast<size_t>(s.a.index)] >= 0)
-            return reg_[static_cast<size_t>(s.a.index)];
-        if (!oxk::row(s.kind).un && dies(s.b) && reg_[static_cast<size_t>(s.b.index)] >= 0)
-            return reg_[static_cast<size_t>(s.b.index)];
-        return pick(operands);
-    }
-
     unsigned operandRegs(const Place& a, const Place& b) const
     {
         return (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);

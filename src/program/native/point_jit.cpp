@@ -151,7 +151,7 @@ void Generator::sinCosStep(const oxp::Step& s)
 {
     const Xbyak::Address other = qword[rsp + pairOff_ + 8 * pair_[static_cast<size_t>(step_)]];
     if (!pairFirst_[static_cast<size_t>(step_)]) {
-        const int dst = target(s, operandRegs(place(s.a), Place{}));
+        const int dst = pick(operandRegs(place(s.a), Place{}));
         movsd(Xbyak::Xmm(dst), other);
         define(dst);
         return;
