@@ -3,6 +3,8 @@
 
 #include <oxel/package.h>
 
+#include "build_record.h"
+
 #define OXEL_STR2(x) #x
 #define OXEL_STR(x) OXEL_STR2(x)
 
