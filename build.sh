@@ -80,12 +80,45 @@ if [ "$MODE" = test ]; then
     need_comma_locale
 fi
 
-# configure DIR [cmake options...] then build it.
+# Wall time of each phase, printed as it ends and summed up at the end.
+PHASES=()
+T_START=$(date +%s)
+phase() {
+    local name=$1 t0
+    shift
+    t0=$(date +%s)
+    echo "== build.sh: $name" >&2
+    "$@"
+    local secs=$(($(date +%s) - t0))
+    PHASES+=("$(printf '%5d s  %s' "$secs" "$name")")
+    echo "== build.sh: $name took ${secs} s" >&2
+}
+report_phases() {
+    echo "== build.sh: phase times" >&2
+    for p in "${PHASES[@]}"; do echo "   $p" >&2; done
+    echo "   $(printf '%5d s  total' $(($(date +%s) - T_START)))" >&2
+}
+
+# configure DIR [cmake options...] then build it (all targets, or those of TARGETS).
+TARGETS=()
 build_tree() {
-    local dir=$1
+    local dir=$1 targets=()
     shift
     cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOXEL_WERROR=ON "$@" >/dev/null
-    cmake --build "$dir" -j "$JOBS"
+    for t in "${TARGETS[@]}"; do targets+=(--target "$t"); done
+    cmake --build "$dir" -j "$JOBS" "${targets[@]}"
+}
+
+# Sanitizer trees: -O1 keeps every finding of ASan, UBSan and TSan (their documented level)
+# and compiles the threaded interpreter in a fraction of -O2's time; line tables suffice for
+# the reports' stack traces.
+SAN_FLAGS=(-DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG"
+           -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG")
+CLANG=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++)
+GCC=(-DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++)
+san_ctest() {
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        OXEL_TEST_SANITIZED=1 ctest --test-dir "$1" --output-on-failure -j "$JOBS" "${@:2}"
 }
 
 case "$MODE" in
@@ -94,34 +127,43 @@ demo)
     ./tools/demo.sh build/oxel
     ;;
 test)
-    build_tree build -DOXEL_BUILD_PYTHON=ON
-    ctest --test-dir build --output-on-failure -j "$JOBS"
+    # The benchmark only has to build: it comes from the same tree as the suite.
+    main_opts=(-DOXEL_BUILD_PYTHON=ON)
+    [ "$BUILD_BENCH" = 1 ] && main_opts+=(-DOXEL_BUILD_BENCH=ON)
+    phase "build (suite, Python$([ "$BUILD_BENCH" = 1 ] && echo ', benchmark'))" \
+        build_tree build "${main_opts[@]}"
+    phase "suite" ctest --test-dir build --output-on-failure -j "$JOBS"
     if [ "$SANITIZE" = 1 ]; then
-        build_tree build-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-            -DOXEL_SANITIZE=address,undefined
-        ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-            ctest --test-dir build-asan --output-on-failure -j "$JOBS"
+        # One clang tree serves the ASan+UBSan suite and, instrumented for coverage too, the
+        # fuzz targets.
+        fuzz_opts=()
+        [ "$FUZZ_SECONDS" != 0 ] && fuzz_opts=(-DOXEL_BUILD_FUZZ=ON)
+        phase "build clang ASan+UBSan$([ "$FUZZ_SECONDS" != 0 ] && echo ' + fuzz targets')" \
+            build_tree build-asan "${CLANG[@]}" "${SAN_FLAGS[@]}" \
+            -DOXEL_SANITIZE=address,undefined "${fuzz_opts[@]}"
+        phase "suite under clang ASan+UBSan" san_ctest build-asan
+        if [ "$FUZZ_SECONDS" != 0 ]; then
+            phase "fuzz ${FUZZ_SECONDS} s per target" ./fuzz/run.sh build-asan "$FUZZ_SECONDS"
+        fi
         # GCC too: it is most users' compiler, and it rejects and lays out code differently.
-        build_tree build-asan-gcc -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ \
+        phase "build GCC ASan+UBSan" build_tree build-asan-gcc "${GCC[@]}" "${SAN_FLAGS[@]}" \
             -DOXEL_SANITIZE=address,undefined
-        ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-            ctest --test-dir build-asan-gcc --output-on-failure -j "$JOBS" -E '^Package'
+        phase "suite under GCC ASan+UBSan" san_ctest build-asan-gcc -E '^Package'
+    elif [ "$FUZZ_SECONDS" != 0 ]; then
+        phase "build fuzz targets" build_tree build-fuzz "${CLANG[@]}" "${SAN_FLAGS[@]}" \
+            -DOXEL_BUILD_FUZZ=ON -DOXEL_BUILD_TESTS=OFF -DOXEL_BUILD_TOOLS=OFF
+        phase "fuzz ${FUZZ_SECONDS} s per target" ./fuzz/run.sh build-fuzz "$FUZZ_SECONDS"
     fi
     if [ "$TSAN" = 1 ]; then
-        build_tree build-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        # Only the thread tests run under TSan: only their program is built.
+        TARGETS=(oxel_tests)
+        phase "build TSan (test program)" build_tree build-tsan "${CLANG[@]}" "${SAN_FLAGS[@]}" \
             -DOXEL_SANITIZE=thread
-        TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure \
-            -R 'Thread' -j "$JOBS"
+        TARGETS=()
+        phase "thread tests under TSan" env TSAN_OPTIONS=halt_on_error=1 OXEL_TEST_SANITIZED=1 \
+            ctest --test-dir build-tsan --output-on-failure -R 'Thread' -j "$JOBS"
     fi
-    if [ "$FUZZ_SECONDS" != 0 ]; then
-        build_tree build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-            -DOXEL_BUILD_FUZZ=ON -DOXEL_BUILD_TESTS=OFF -DOXEL_BUILD_TOOLS=OFF
-        ./fuzz/run.sh build-fuzz "$FUZZ_SECONDS"
-    fi
-    if [ "$BUILD_BENCH" = 1 ]; then
-        build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_BENCH=ON \
-            -DOXEL_BUILD_TESTS=OFF
-    fi
+    report_phases
     ;;
 bench)
     build_tree build-bench -DCMAKE_BUILD_TYPE=Release -DOXEL_BUILD_BENCH=ON -DOXEL_BUILD_TESTS=OFF
