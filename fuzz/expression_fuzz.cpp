@@ -40,7 +40,7 @@ static void checkReadBack(OxelExpression& e)
     OxelExpression back;
     for (int i = 0; i < e.numVars(); ++i)
         back.addVar(e.varName(static_cast<unsigned>(i)));
-    // A text that ends inside braces parses and leaves the lexer in brace mode, by design.
+    // A text that ends inside braces must not disturb the next parse.
     FUZZ_CHECK(oxfuzz::recoverLexer(back));
     FUZZ_CHECK(back.initFromString(formula.c_str()) == 1);
     FUZZ_CHECK(back.numVars() == e.numVars());

@@ -106,15 +106,9 @@ inline bool hasAssignment(Oxel* root)
     return anyNode(root, [](Oxel* n) { return n->identify() == 12 && n->getNumChildren() > 0; });
 }
 
-// A text left open inside braces keeps the lexer in brace mode for the next parse, by
-// design; enough closing braces bring it back. Returns whether "0" then parses again.
+// Whatever the text before left open (a brace block, say), the next text parses afresh.
 inline bool recoverLexer(OxelExpression& probe)
 {
-    if (probe.initFromString(std::vector<char>{'0', '\0'}.data()) == 1)
-        return true;
-    std::vector<char> closers(20001, '}');
-    closers.push_back('\0');
-    probe.initFromString(closers.data());
     return probe.initFromString(std::vector<char>{'0', '\0'}.data()) == 1;
 }
 

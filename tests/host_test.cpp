@@ -167,16 +167,39 @@ TEST(FormulaNames, InOrderOfFirstAppearance)
         EXPECT_EQ(joined, row.names) << row.text;
         EXPECT_EQ(n, names.length());
     }
-    // An open brace block carries into the next parse; listing names in between keeps that.
-    KxDArray<KxString> vars, none;
-    std::string open = "{abc", close = "x}";
-    Output o = captured([&] {
-        EXPECT_EQ(OxConverter::strToOxel(&open[0], vars, 0, nullptr), nullptr);
-        oxelFormulaNames("y + z", none);
-        EXPECT_EQ(OxConverter::strToOxel(&close[0], vars, 0, nullptr), nullptr);
-    });
-    EXPECT_EQ(o.err, "Parsing OxError: syntax error, unexpected $end near ><\n"
-                     "Parsing OxError: syntax error, unexpected COMPILED_EXPR near >x<\n");
+    // Listing names after a text that left a brace block open starts outside the block.
+    KxDArray<KxString> vars, after;
+    std::string open = "{abc";
+    Output o = captured([&] { oxelDestroy(OxConverter::strToOxel(&open[0], vars, 0, nullptr)); });
+    EXPECT_NE(o.err, "");
+    EXPECT_EQ(oxelFormulaNames("y + z}", after), 2);
+}
+
+// A name is a variable name exactly when the lexer reads it back as that one name; an empty
+// or null text gives the same message whatever the host.
+TEST(FormulaNames, VariableNamesAreWhatTheLexerReadsAsOneName)
+{
+    const struct { const char* name; bool valid; } rows[] = {
+        {"x", true}, {"_", true}, {"a_1", true}, {"A9", true}, {"sinx", true}, {"Sin", true},
+        {"log", true}, {"pi", true},                                     // no words of the language
+        {"sin", false}, {"pow", false}, {"diff", false}, {"rand", false}, {"gamma", false},
+        {"logb", false}, {"", false}, {"a b", false}, {"1x", false}, {"x+y", false},
+        {"x;", false}, {"x{", false}, {"x\xc3\xa9", false}, {"0x1", false},
+    };
+    for (const auto& row : rows) {
+        KxDArray<KxString> names;
+        bool lexed = oxelFormulaNames(row.name, names) == 1 &&
+                     std::string(names[0].c_str()) == row.name;
+        EXPECT_EQ(oxelIsVariableName(row.name), row.valid) << row.name;
+        EXPECT_EQ(lexed, row.valid) << row.name;
+    }
+    EXPECT_FALSE(oxelIsVariableName(nullptr));
+    for (const char* empty : {"", static_cast<const char*>(nullptr)}) {
+        OxelExpression e;
+        EXPECT_EQ(e.initFromString(empty), 0);
+        EXPECT_STREQ(e.lastError(), "the formula is empty");
+        EXPECT_EQ(e.lastErrorOffset(), 0);
+    }
 }
 
 // Constants without a literal and trees the language cannot hold.

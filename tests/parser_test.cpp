@@ -4,6 +4,7 @@
 #include <clocale>
 #include <cmath>
 #include <string>
+#include <thread>
 
 #include <oxel/oxel.h>
 
@@ -83,8 +84,9 @@ TEST(ParserErrors, ClassicVerboseMessages)
         {"{a{b}c}", S + "COMPILED_EXPR near >a{b}c<"},
         {"}", S + "$undefined near >}<"},             // '}' is in no rule
         {"1 " + kLong, S + "ID, expecting $end near >" + kLong + "<"},
-        // Order matters below: an open brace block carries into the next parse.
-        {"{abc", end}, {"x}", S + "COMPILED_EXPR near >x<"},
+        // A block left open ends with its text; within one text it runs on across ';'.
+        {"{abc", end}, {"x}", S + "$undefined, expecting $end near >}<"},
+        {"x {a; b}", S + "COMPILED_EXPR near > b<"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ("Parsing OxError: " + row.message + "\n", printed(row.text)) << row.text;
@@ -95,6 +97,25 @@ TEST(ParserErrors, ClassicVerboseMessages)
     // Names that merely resemble keywords need an assignment like any unknown name.
     for (const char* name : {"sinx", "sin2", "Sin", "SIN", "log", "pi", "e", "_", "a_1", "A9"})
         EXPECT_EQ("Parsing OxError: " + S + "$end, expecting '=' near ><\n", printed(name)) << name;
+}
+
+// Texts ending inside a brace block, on one expression and then on another (also from another
+// thread): the next text parses as if none had come before it.
+TEST(ParserErrors, OpenBraceEndsWithItsText)
+{
+    for (const char* open : {"x{", "{", "x{{a}", "1;{b", "x { y; z"}) {
+        OxelExpression first, second, third;
+        for (OxelExpression* e : {&first, &second, &third})
+            e->addVar("x");
+        testing::internal::CaptureStderr();
+        first.initFromString(open);
+        EXPECT_EQ(second.initFromString("x*2"), 1) << open << ": " << second.lastError();
+        first.initFromString(open);
+        int parsed = 0;
+        std::thread([&] { parsed = third.initFromString("x*2"); }).join();
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(parsed, 1) << open << ": " << third.lastError();
+    }
 }
 
 TEST(ParserTrees, PrintedShapes)

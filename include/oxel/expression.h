@@ -68,7 +68,8 @@ public:
     /// Replaces the tree (taking ownership; null installs the default expression) and
     /// recompiles. The tree may use the variable slots 0 .. numVars()-1.
     void setRoot(Oxel* tree);
-    /// Why the last initFromString failed; empty after a success.
+    /// Why the last initFromString failed ("the formula is empty" for a null or empty text);
+    /// empty after a success.
     const char* lastError() const { return lastError_.c_str(); }
     /// Where the last initFromString stopped: the byte offset in its text (counted from the start
     /// of the whole text, across ';' statements) of the token the parse failed at, or of the end

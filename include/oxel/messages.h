@@ -23,6 +23,10 @@ typedef void (*OxelMessageHandler)(int kind, const char* text, void* userData);
 // "diff: Not yet implemented in %s.\n" on standard output. The handler is called once per
 // message, on the thread that parses or differentiates, holding none of the library's locks
 // (a parse hands its messages over when it is done), so it may use the library itself.
+// C programs call oxel_set_message_handler() (oxel_c.h), which includes this header for the
+// kinds and the handler type.
+#ifdef __cplusplus
 OXEL_API void oxelSetMessageHandler(OxelMessageHandler handler, void* userData);
+#endif
 
 #endif

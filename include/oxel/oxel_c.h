@@ -3,6 +3,7 @@
 #define OXEL_OXEL_C_H
 
 #include <oxel/export.h>
+#include <oxel/messages.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -11,9 +12,10 @@ extern "C" {
 /**
  * @file oxel_c.h
  * C99 interface to liboxel for hosts written in C or any language with a C foreign-function
- * interface. Every function accepts a null handle and answers it with its failure value; no
- * C++ exception ever leaves these functions. One handle must not be used from two threads at
- * once; different handles may.
+ * interface. Every function accepts a null handle and answers it with its failure value, and
+ * so it does a freed handle as long as no new handle has taken its place (a freed handle's
+ * memory is kept for the next new one); no C++ exception ever leaves these functions. One
+ * handle must not be used from two threads at once; different handles may.
  */
 
 /** Opaque handle of one formula with its variable names and aliases. */
@@ -21,25 +23,33 @@ typedef struct oxel_expr oxel_expr;
 
 /** A new expression with no variables that evaluates to 0; NULL when memory runs out. */
 OXEL_API oxel_expr* oxel_expr_new(void);
-/** Destroys an expression; NULL is ignored. */
+/** Destroys an expression; NULL and an already freed handle are ignored. */
 OXEL_API void oxel_expr_free(oxel_expr* expr);
 /** Declares a variable and returns its index in the value vector (the existing index when the
- *  name or an alias of it is already declared); -1 for a NULL or empty name. */
+ *  name or an alias of it is already declared); -1 for a name that formula text cannot use as
+ *  a variable (NULL, empty, not a letter or '_' followed by letters, digits and '_', or a
+ *  function name or keyword such as "sin" or "pow"). */
 OXEL_API int oxel_expr_add_var(oxel_expr* expr, const char* name);
-/** Lets formula text write @p alias for the variable @p var. Returns 0, or -1 on failure. */
+/** Lets formula text write @p alias for the declared variable @p var. Returns 0, or -1 when
+ *  either name is not a valid variable name or @p var is not a declared variable. */
 OXEL_API int oxel_expr_add_alias(oxel_expr* expr, const char* var, const char* alias);
 /** Parses formula text: 1 on success, 0 otherwise (the expression then evaluates to 0 and
- *  oxel_expr_error() tells why). The text is not modified. */
+ *  oxel_expr_error() tells why; an empty or NULL text is "the formula is empty"). The text is
+ *  not modified. */
 OXEL_API int oxel_expr_parse(oxel_expr* expr, const char* text);
 /** The message of the last failed parse; "" after a success. Owned by the expression and valid
  *  until the next parse or oxel_expr_free(). */
 OXEL_API const char* oxel_expr_error(const oxel_expr* expr);
+/** Where the last parse failed: the byte offset in its text of the token it stopped at, or of
+ *  the end of the text; -1 after a success (and for a NULL handle). */
+OXEL_API int oxel_expr_error_offset(const oxel_expr* expr);
 /** Number of slots the value vector needs: declared variables first, then the variables that
  *  the formula assigns. Changes with every successful parse. */
 OXEL_API int oxel_expr_num_vars(const oxel_expr* expr);
 /** Evaluates with @p values (oxel_expr_num_vars() doubles, indexed by variable index; assigned
  *  variables receive their results there). A failure stores its code in @p *err if that is
- *  still 0; set it to 0 first. @p err may be NULL. */
+ *  still 0; set it to 0 first. @p err may be NULL. NULL @p values while the expression has
+ *  variables, and a NULL or freed handle, give 0 and code 666 (illegal argument). */
 OXEL_API double oxel_expr_eval(oxel_expr* expr, double* values, int* err);
 /** Evaluates @p n rows: row r holds its values at rows[r * stride] (stride >= num_vars).
  *  results[r] and errors[r] receive what oxel_expr_eval() gives for that row, bit for bit.
@@ -82,6 +92,11 @@ OXEL_API void oxel_grad_free(oxel_grad* grad);
 
 /** Text of an evaluation error code ("Unknown" for codes the library does not know). */
 OXEL_API const char* oxel_error_message(int code);
+
+/** Sends every message of the library (kinds OXEL_MESSAGE_... in oxel/messages.h: parse
+ *  errors, ignored characters, missing derivative rules) to @p handler instead of standard
+ *  output and error; NULL restores that output. Process-wide; see oxelSetMessageHandler. */
+OXEL_API void oxel_set_message_handler(OxelMessageHandler handler, void* user_data);
 
 #ifdef __cplusplus
 }

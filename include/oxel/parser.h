@@ -24,10 +24,16 @@ public:
 /// appearance, without any of them being declared: what a host must declare or assign before
 /// the text parses. Function names are not names; text inside braces is skipped. When
 /// assignedFirst is given, it receives 1 for each name whose first appearance is the target of
-/// an assignment ("t = ..."), 0 otherwise. Returns the number of names. The text is not changed,
-/// nothing is printed, and the state that one parse leaves for the next is kept.
+/// an assignment ("t = ..."), 0 otherwise. Returns the number of names. The text is not changed
+/// and nothing is printed.
 OXEL_API int oxelFormulaNames(const char* text, KxDArray<KxString>& names,
                               KxDArray<int>* assignedFirst = nullptr);
+
+/// Whether formula text can use name as a variable: a letter or '_', then letters, digits and
+/// '_', and not a word of the language (function names and the keywords diff, pow, rand, gauss,
+/// gamma, log1p, logb). False for null. The check the C interface, the Python module and the
+/// oxel program apply to declared names and aliases.
+OXEL_API bool oxelIsVariableName(const char* name);
 
 /// The function names of the formula language that take arity arguments (1 or 2), in the order
 /// of the node tables, followed by a null pointer; any other arity gives just the null pointer.

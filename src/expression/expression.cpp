@@ -111,6 +111,7 @@ int OxelExpression::initFromString(const char* text)
 
     if (!text || !*text) {
         setDefaultExpression();
+        lastError_ = KxString("the formula is empty");
         lastErrorOffset_ = 0;
         return 0;
     }

@@ -4,22 +4,26 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include <oxel/oxel.h>
 
+// Words that mark a live handle; freeing clears them, so that a freed handle is recognised.
+constexpr unsigned kLiveExpr = 0x6f78656cu, kLiveGrad = 0x67726164u;
+
 // Holds the expression by pointer: derivative() and simplified() hand out new heap objects.
 struct oxel_expr {
-    explicit oxel_expr(OxelExpression* e)
-        : expr(e)
-    {
-    }
+    unsigned magic = 0;
     std::unique_ptr<OxelExpression> expr;
+    bool live() const { return magic == kLiveExpr; }
 };
 
 struct oxel_grad {
+    unsigned magic = 0;
     std::unique_ptr<OxelGradient> grad;
+    bool live() const { return magic == kLiveGrad; }
 };
 
 namespace {
@@ -34,14 +38,63 @@ template <class R, class F> R guarded(R failure, F f)
     }
 }
 
+template <class H> bool live(const H* h)
+{
+    return h && h->live();
+}
+
+// Freed handles wait here for the next new one instead of going back to the allocator, so a
+// call with a freed handle reads its cleared word in memory that is still ours, not memory
+// that may belong to anything by then. There are never more than the most handles alive at
+// once. The lists are never destroyed: a handle may be freed during exit.
+template <class H> struct Shells {
+    std::mutex lock;
+    std::vector<H*> spare;
+
+    static Shells& get()
+    {
+        static Shells* s = new Shells;
+        return *s;
+    }
+    static H* take(unsigned magic)
+    {
+        Shells& s = get();
+        H* h = nullptr;
+        {
+            std::lock_guard<std::mutex> hold(s.lock);
+            if (!s.spare.empty()) {
+                h = s.spare.back();
+                s.spare.pop_back();
+            }
+        }
+        if (!h)
+            h = new H;
+        h->magic = magic;
+        return h;
+    }
+    // Clears the handle, then keeps its memory (or releases it when the list cannot grow).
+    template <class Owned> static void give(H* h, Owned& owned)
+    {
+        h->magic = 0;
+        owned.reset();
+        Shells& s = get();
+        try {
+            std::lock_guard<std::mutex> hold(s.lock);
+            s.spare.push_back(h);
+        } catch (...) {
+            delete h;
+        }
+    }
+};
+
 // Wraps an expression the library made; it is released if the handle cannot be allocated.
 oxel_expr* adopt(OxelExpression* made)
 {
     std::unique_ptr<OxelExpression> owned(made);
     if (!owned)
         return nullptr;
-    oxel_expr* h = new oxel_expr(owned.get());
-    owned.release();
+    oxel_expr* h = Shells<oxel_expr>::take(kLiveExpr);
+    h->expr = std::move(owned);
     return h;
 }
 
@@ -56,89 +109,98 @@ oxel_expr* oxel_expr_new(void)
 
 void oxel_expr_free(oxel_expr* expr)
 {
-    guarded(0, [expr] {
-        delete expr;
-        return 0;
-    });
+    if (live(expr))
+        Shells<oxel_expr>::give(expr, expr->expr);
 }
 
 int oxel_expr_add_var(oxel_expr* expr, const char* name)
 {
-    if (!expr)
+    if (!live(expr) || !oxelIsVariableName(name))
         return -1;
     return guarded(-1, [expr, name] { return expr->expr->addVar(name); });
 }
 
 int oxel_expr_add_alias(oxel_expr* expr, const char* var, const char* alias)
 {
-    if (!expr)
+    if (!live(expr) || !oxelIsVariableName(var) || !oxelIsVariableName(alias))
         return -1;
     return guarded(-1, [expr, var, alias] {
-        expr->expr->addVarAlias(var, alias);
+        // The target must be a declared variable itself: the formula resolves one alias level.
+        OxelExpression& e = *expr->expr;
+        const int index = e.varIndex(var);
+        if (index < 0 || index >= e.numVars() - e.numInternalVars()
+            || std::strcmp(e.varName(static_cast<unsigned>(index)), var) != 0)
+            return -1;
+        e.addVarAlias(var, alias);
         return 0;
     });
 }
 
 int oxel_expr_parse(oxel_expr* expr, const char* text)
 {
-    if (!expr)
+    if (!live(expr))
         return 0;
     return guarded(0, [expr, text] { return expr->expr->initFromString(text); });
 }
 
 const char* oxel_expr_error(const oxel_expr* expr)
 {
-    if (!expr)
+    if (!live(expr))
         return "";
     return expr->expr->lastError();
 }
 
+int oxel_expr_error_offset(const oxel_expr* expr)
+{
+    if (!live(expr))
+        return -1;
+    return expr->expr->lastErrorOffset();
+}
+
 int oxel_expr_num_vars(const oxel_expr* expr)
 {
-    if (!expr)
+    if (!live(expr))
         return 0;
     return expr->expr->numVars();
 }
 
 double oxel_expr_eval(oxel_expr* expr, double* values, int* err)
 {
-    if (!expr)
+    int local = 0;
+    int& code = err ? *err : local;
+    if (!live(expr)) {
+        if (code == 0)
+            code = OX_ERR_ILLEGAL_ARGUMENT;
         return 0.0;
-    return guarded(0.0, [expr, values, err] {
-        const int n = expr->expr->numVars();
-        // A missing array is answered with 0 and no error code, as the C interface always did.
-        if (n > 0 && !values)
-            return 0.0;
-        int local = 0;
-        return expr->expr->eval(values, n, err ? *err : local);
-    });
+    }
+    return guarded(0.0, [&] { return expr->expr->eval(values, expr->expr->numVars(), code); });
 }
 
 int oxel_expr_eval_batch(
     oxel_expr* expr, const double* rows, int n, int stride, double* results, int* errors)
 {
-    if (!expr || n < 0)
+    if (!live(expr) || n < 0)
         return -1;
     return guarded(-1, [=] { return expr->expr->evalBatch(rows, n, stride, results, errors); });
 }
 
 oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var)
 {
-    if (!expr || !var)
+    if (!live(expr) || !var)
         return nullptr;
     return guarded<oxel_expr*>(nullptr, [expr, var] { return adopt(expr->expr->derivative(var)); });
 }
 
 oxel_expr* oxel_expr_simplified(const oxel_expr* expr)
 {
-    if (!expr)
+    if (!live(expr))
         return nullptr;
     return guarded<oxel_expr*>(nullptr, [expr] { return adopt(expr->expr->simplified()); });
 }
 
 char* oxel_expr_print(const oxel_expr* expr)
 {
-    if (!expr)
+    if (!live(expr))
         return nullptr;
     return guarded<char*>(nullptr, [expr] {
         std::string s = oxelToString(expr->expr->root());
@@ -151,7 +213,7 @@ char* oxel_expr_print(const oxel_expr* expr)
 
 oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count, int order)
 {
-    if (!expr || count < 0 || (count > 0 && !names))
+    if (!live(expr) || count < 0 || (count > 0 && !names))
         return nullptr;
     return guarded<oxel_grad*>(nullptr, [=]() -> oxel_grad* {
         std::vector<std::string> list;
@@ -161,32 +223,37 @@ oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int cou
             list.emplace_back(names[i]);
         }
         std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order);
-        return g ? new oxel_grad{std::move(g)} : nullptr;
+        if (!g)
+            return nullptr;
+        oxel_grad* h = Shells<oxel_grad>::take(kLiveGrad);
+        h->grad = std::move(g);
+        return h;
     });
 }
 
 int oxel_grad_outputs(const oxel_grad* grad)
 {
-    return grad ? grad->grad->numOutputs() : 0;
+    return live(grad) ? grad->grad->numOutputs() : 0;
 }
 
 void oxel_grad_eval(const oxel_grad* grad, const double* values, double* out, int* codes)
 {
-    if (grad)
+    if (live(grad))
         grad->grad->eval(values, out, codes);
 }
 
 int oxel_grad_eval_columns(const oxel_grad* grad, const double* const* columns, int n,
                            double* const* out, int* const* codes)
 {
-    if (!grad)
+    if (!live(grad))
         return -1;
     return guarded(-1, [=] { return grad->grad->evalBatchColumns(columns, n, out, codes); });
 }
 
 void oxel_grad_free(oxel_grad* grad)
 {
-    delete grad;
+    if (live(grad))
+        Shells<oxel_grad>::give(grad, grad->grad);
 }
 
 void oxel_free(void* p)
@@ -197,6 +264,11 @@ void oxel_free(void* p)
 const char* oxel_error_message(int code)
 {
     return vOxError(code);
+}
+
+void oxel_set_message_handler(OxelMessageHandler handler, void* user_data)
+{
+    oxelSetMessageHandler(handler, user_data);
 }
 
 } // extern "C"

@@ -45,6 +45,11 @@ bool isPlainName(const char* name)
 
 }  // namespace oxw
 
+bool oxelIsVariableName(const char* name)
+{
+    return name && oxw::isPlainName(name);
+}
+
 const char* const* oxelFunctionNames(int arity)
 {
     static const std::vector<std::vector<const char*>> lists = [] {

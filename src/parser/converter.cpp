@@ -135,6 +135,7 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
     ParseLock lock;
     OxConverter_wholeStatements = wholeStatements;
     OxConverter_yyrestart(nullptr);
+    OxConverter_startText();
     OxConverter_forgetLongNames();
     OxConverter_yyVarNames = &varNames;
     OxConverter_yyVarAlias = aliases;

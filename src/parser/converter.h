@@ -29,8 +29,10 @@ extern bool OxConverter_wholeStatements;
 extern int OxConverter_yyBase;
 extern int OxConverter_tokenStart;
 void OxConverter_resetOffsets();
+// Leaves brace mode: called once at the start of every text.
+void OxConverter_startText();
 
-// Lexer state that survives between parses.
+// Lexer state: the brace depth (reset for every text) and the name ring (kept).
 extern int klammerCnt;
 extern char strbuf[1000];
 extern size_t strbufpos;

@@ -112,6 +112,8 @@ static void test_codes_and_assignments(void)
     CHECK(strlen(oxel_expr_error(e)) > 0);
     CHECK(oxel_expr_num_vars(e) == 2);
     CHECK(oxel_expr_eval(e, v, &err) == 0.0);
+    err = 0; /* a missing array, as with the C++ pointer form */
+    CHECK(oxel_expr_eval(e, NULL, &err) == 0.0 && err == 666);
     oxel_expr_free(e);
 }
 
@@ -147,22 +149,97 @@ static void test_derivative_simplify_print(void)
     oxel_expr_free(e);
 }
 
-/* A null handle gets each function's failure value. */
-static void test_null_handle(void)
+/* Every function on a handle that is not a live expression: its failure value, no crash. */
+static void check_dead_handle(oxel_expr* e, oxel_grad* g)
 {
-    int err = 0;
-    CHECK(oxel_expr_add_var(NULL, "x") == -1);
-    CHECK(oxel_expr_add_alias(NULL, "x", "t") == -1);
-    CHECK(oxel_expr_parse(NULL, "x") == 0);
-    CHECK(strcmp(oxel_expr_error(NULL), "") == 0);
-    CHECK(oxel_expr_num_vars(NULL) == 0);
-    CHECK(oxel_expr_eval(NULL, NULL, &err) == 0.0 && err == 0);
-    CHECK(oxel_expr_eval_batch(NULL, NULL, 0, 0, NULL, NULL) == -1);
-    CHECK(oxel_expr_derivative(NULL, "x") == NULL);
-    CHECK(oxel_expr_simplified(NULL) == NULL);
-    CHECK(oxel_expr_print(NULL) == NULL);
-    oxel_expr_free(NULL);
+    const char* names[1];
+    double v[1] = { 1.0 }, out[2];
+    int err = 0, codes[2] = { -7, -7 };
+    names[0] = "x";
+    CHECK(oxel_expr_add_var(e, "x") == -1);
+    CHECK(oxel_expr_add_alias(e, "x", "t") == -1);
+    CHECK(oxel_expr_parse(e, "x") == 0);
+    CHECK(strcmp(oxel_expr_error(e), "") == 0 && oxel_expr_error_offset(e) == -1);
+    CHECK(oxel_expr_num_vars(e) == 0);
+    CHECK(oxel_expr_eval(e, v, &err) == 0.0 && err == 666);
+    CHECK(oxel_expr_eval_batch(e, v, 1, 1, out, codes) == -1);
+    CHECK(oxel_expr_derivative(e, "x") == NULL && oxel_expr_simplified(e) == NULL);
+    CHECK(oxel_expr_print(e) == NULL && oxel_expr_gradient(e, names, 1, 1) == NULL);
+    CHECK(oxel_grad_outputs(g) == 0);
+    oxel_grad_eval(g, v, out, codes);
+    CHECK(codes[0] == -7 && oxel_grad_eval_columns(g, NULL, 0, NULL, NULL) == -1);
+    oxel_expr_free(e); /* a second free is ignored */
+    oxel_grad_free(g);
+}
+
+/* A null handle, and handles already freed, get each function's failure value. */
+static void test_dead_handles(void)
+{
+    oxel_expr* e = make("x + 1");
+    const char* names[1];
+    oxel_grad* g;
+    names[0] = "x";
+    g = oxel_expr_gradient(e, names, 1, 1);
+    CHECK(g != NULL && oxel_grad_outputs(g) == 2);
+    oxel_grad_free(g);
+    oxel_expr_free(e);
+    check_dead_handle(NULL, NULL);
+    check_dead_handle(e, g);
     oxel_free(NULL);
+}
+
+/* Names that formula text could not use are refused; an alias needs a declared variable. */
+static void test_names_and_aliases(void)
+{
+    static const char* const refused[] = { "", "a b", "1x", "sin", "pow", "diff", "gamma",
+        "x+y", "x;", "x{" };
+    oxel_expr* e = oxel_expr_new();
+    size_t k;
+    CHECK(oxel_expr_add_var(e, "x") == 0 && oxel_expr_add_var(e, "sinx") == 1);
+    CHECK(oxel_expr_add_var(e, "_") == 2 && oxel_expr_add_var(e, NULL) == -1);
+    for (k = 0; k < sizeof refused / sizeof refused[0]; ++k) {
+        CHECK(oxel_expr_add_var(e, refused[k]) == -1);
+        CHECK(oxel_expr_add_alias(e, "x", refused[k]) == -1);
+    }
+    CHECK(oxel_expr_add_alias(e, "x", NULL) == -1 && oxel_expr_add_alias(e, NULL, "t") == -1);
+    CHECK(oxel_expr_add_alias(e, "q", "t") == -1); /* q is not declared */
+    CHECK(oxel_expr_add_alias(e, "x", "t") == 0);
+    CHECK(oxel_expr_add_alias(e, "t", "u") == -1); /* t is an alias, not a variable */
+    CHECK(oxel_expr_parse(e, "t * 2") == 1 && oxel_expr_num_vars(e) == 3);
+    oxel_expr_free(e);
+}
+
+struct seen {
+    int count, kind;
+    char text[200];
+};
+
+static void on_message(int kind, const char* text, void* data)
+{
+    struct seen* s = (struct seen*)data;
+    ++s->count;
+    s->kind = kind;
+    strncpy(s->text, text, sizeof s->text - 1);
+}
+
+/* Messages reach the C handler; the offset points at the token the parse stopped at. */
+static void test_messages_and_offsets(void)
+{
+    struct seen s;
+    oxel_expr* e = make("x");
+    memset(&s, 0, sizeof s);
+    oxel_set_message_handler(on_message, &s);
+    CHECK(oxel_expr_parse(e, "x + * y") == 0);
+    CHECK(s.count == 1 && s.kind == OXEL_MESSAGE_PARSE_ERROR);
+    CHECK(strcmp(s.text, oxel_expr_error(e)) == 0 && oxel_expr_error_offset(e) == 4);
+    CHECK(oxel_expr_parse(e, "x @") == 1);
+    CHECK(s.count == 2 && s.kind == OXEL_MESSAGE_IGNORED_CHARACTER && strstr(s.text, "offset 2"));
+    CHECK(oxel_expr_error_offset(e) == -1 && strcmp(oxel_expr_error(e), "") == 0);
+    oxel_set_message_handler(NULL, NULL);
+    CHECK(oxel_expr_parse(e, "") == 0 && oxel_expr_error_offset(e) == 0);
+    CHECK(strcmp(oxel_expr_error(e), "the formula is empty") == 0);
+    CHECK(oxel_expr_parse(e, NULL) == 0 && strcmp(oxel_expr_error(e), "the formula is empty") == 0);
+    oxel_expr_free(e);
 }
 
 int main(void)
@@ -170,7 +247,9 @@ int main(void)
     test_eval_and_batch();
     test_codes_and_assignments();
     test_derivative_simplify_print();
-    test_null_handle();
+    test_dead_handles();
+    test_names_and_aliases();
+    test_messages_and_offsets();
     if (failures)
         fprintf(stderr, "%d check(s) failed\n", failures);
     else

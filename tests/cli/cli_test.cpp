@@ -41,8 +41,10 @@ std::string slurp(const char* path)
     return ss.str();
 }
 
-// Runs oxel with the arguments (no shell interpretation of them) and the given standard input.
-Result runOxel(const std::vector<std::string>& args, const std::string& input = "")
+// Runs oxel with the arguments (no shell interpretation of them) and the given standard input;
+// standard output goes to stdoutTo when given.
+Result runOxel(const std::vector<std::string>& args, const std::string& input = "",
+               const char* stdoutTo = nullptr)
 {
     char in[] = "/tmp/oxel-cli-XXXXXX", out[] = "/tmp/oxel-cli-XXXXXX", err[] = "/tmp/oxel-cli-XXXXXX";
     for (char* path : {in, out, err})
@@ -51,7 +53,8 @@ Result runOxel(const std::vector<std::string>& args, const std::string& input = 
     std::string cmd = quote(OXEL_CLI_PATH);
     for (const std::string& a : args)
         cmd += " " + quote(a);
-    int raw = std::system((cmd + " <" + in + " >" + out + " 2>" + err).c_str());
+    cmd += std::string(" <") + in + " >" + (stdoutTo ? stdoutTo : out) + " 2>" + err;
+    int raw = std::system(cmd.c_str());
     Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
     for (char* path : {in, out, err})
         std::remove(path);
@@ -140,6 +143,11 @@ const Case kCases[] = {
     {{"eval", "x", "x=1e999"}, 1, "", "'1e999' in 'x=1e999' is too large"},
     {{"eval", "x", "x"}, 1, "", "argument 'x' must have the form name=value"},
     {{"eval", "x", "1x=2"}, 1, "", "'1x' in '1x=2' is not a variable name"},
+    // Names the formula could not use: function names and keywords.
+    {{"eval", "x+1", "sin=2"}, 1, "", "'sin' in 'sin=2' is not a variable name"},
+    {{"eval", "y", "y=1", "--alias", "sin=y"}, 1, "", "'sin' in 'sin=y' is not a variable name"},
+    {{"diff", "x*x", "sin"}, 1, "", "'sin' in 'sin' is not a variable name"},
+    {{"table", "x", "--csv"}, 1, "", "'pow' in 'x,pow' is not a variable name", "x,pow\n1,2\n"},
     {{"eval", "x", "x=1", "x=2"}, 1, "", "variable 'x' is given more than once"},
     {{"eval", "x", "x=1", "--bogus"}, 1, "", "unknown option '--bogus'"},
     {{"eval", "x", "x=1", "--alias"}, 1, "", "option --alias needs a value"},
@@ -272,6 +280,53 @@ TEST(OxelProgram, FormulaFromFile)
     Result bad = runOxel({"diff", "--file", path, "x"});
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.err.find("near >)<\n  line 2: \ta + )\n          \t    ^\n"), std::string::npos) << bad.err;
+    std::remove(path);
+}
+
+// Output that cannot be written, NUL bytes, huge fields and terminal escapes in the input: each
+// is refused with a short, printable message.
+TEST(OxelProgram, HostileInputAndOutput)
+{
+    const std::vector<std::vector<std::string>> writing = {
+        {"eval", "x+1", "x=1"}, {"table", "x", "x=0:1"}, {"table", "x", "x=0:300000"},
+        {"diff", "x*x", "x"}, {"names", "x+y"}, {"--help"}, {"--version"}};
+    for (const auto& args : writing) {
+        Result r = runOxel(args, "", "/dev/full");
+        EXPECT_EQ(r.status, 5) << args[0];
+        EXPECT_EQ(r.err, "oxel: cannot write the output: No space left on device\n") << args[0];
+    }
+    char path[] = "/tmp/oxel-cli-hostile-XXXXXX";
+    close(mkstemp(path));
+    const std::string huge(100000, '7'), esc = "\x1b[31m";
+    const struct {
+        std::string file, input;
+        std::vector<std::string> args;
+        std::string err;
+    } rows[] = {
+        {"", "", {"eval", "--file", path}, "oxel: the formula is empty\n"},
+        {std::string("x +\0 1", 6), "", {"eval", "--file", path, "x=1"},
+         "holds a NUL byte at offset 3\n"},
+        {"x", std::string("x\n1\n2\0\n", 7), {"table", "--file", path, "--csv"},
+         "oxel: CSV line 3: a NUL byte at offset 1\n"},
+        {"x", std::string("x\0\n1\n", 5), {"table", "--file", path, "--csv"},
+         "oxel: CSV header: a NUL byte at offset 1\n"},
+        // 60 bytes of a long field, and its length; escapes shown as text.
+        {"x", "x\n" + huge + "x\n", {"table", "--file", path, "--csv"},
+         "oxel: CSV line 2: '" + huge.substr(0, 60) + "'... (100001 bytes) is not a number"},
+        {"x", "", {"eval", "--file", path, "x=" + esc},
+         "'\\x1b[31m' in 'x=\\x1b[31m' is not a number"},
+        {"x + {" + huge + esc + "}", "", {"eval", "--file", path, "x=1"},
+         "COMPILED_EXPR near >" + huge.substr(0, 60) + "... (100005 bytes)<"},
+        {"x +\x1b)", "", {"eval", "--file", path, "x=1"}, "  x +\\x1b)\n         ^\n"},
+    };
+    for (const auto& row : rows) {
+        std::ofstream(path, std::ios::binary) << row.file;
+        Result r = runOxel(row.args, row.input);
+        EXPECT_NE(r.status, 0);
+        EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err.substr(0, 300);
+        EXPECT_LT(r.err.size(), 600u);
+        EXPECT_EQ(r.err.find('\x1b'), std::string::npos) << r.err.substr(0, 300);
+    }
     std::remove(path);
 }
 

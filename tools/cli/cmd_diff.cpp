@@ -23,7 +23,8 @@ int runDiff(const Args& a)
         return kParse;
     std::unique_ptr<OxelExpression> d(s.expression().derivative(var.c_str()));
     if (!d) {
-        std::fprintf(stderr, "oxel: no derivative with respect to %s can be formed\n", var.c_str());
+        std::fprintf(stderr, "oxel: no derivative with respect to %s can be formed\n",
+                     shown(var).c_str());
         return kNoDerivative;
     }
     if (a.simplify) {

@@ -35,7 +35,7 @@ Range parseRange(const std::string& name, const std::string& bounds, const std::
 {
     std::vector<std::string> parts = splitFields(bounds, ':');
     if (parts.size() < 2 || parts.size() > 3)
-        usage("range '" + arg + "' must be name=start:stop or name=start:stop:step");
+        usage("range " + quoted(arg) + " must be name=start:stop or name=start:stop:step");
     Range r;
     r.name = name;
     r.start = checkedNumber(parts[0], arg);
@@ -43,16 +43,16 @@ Range parseRange(const std::string& name, const std::string& bounds, const std::
     if (parts.size() == 3)
         r.step = checkedNumber(parts[2], arg);
     if (!std::isfinite(r.start) || !std::isfinite(stop) || !std::isfinite(r.step))
-        usage("range '" + arg + "' needs finite numbers");
+        usage("range " + quoted(arg) + " needs finite numbers");
     if (r.step == 0)
-        usage("range '" + arg + "' has step 0");
+        usage("range " + quoted(arg) + " has step 0");
     double span = (stop - r.start) / r.step;
     if (span < 0)
-        usage("range '" + arg + "' never reaches its stop: the step has the wrong sign");
+        usage("range " + quoted(arg) + " never reaches its stop: the step has the wrong sign");
     // A small allowance so that 0:1:0.1 ends at 1 despite rounding in the division.
     span = std::floor(span + 1e-9);
     if (!(span + 1 <= kMaxTablePoints))
-        usage("range '" + arg + "' has more than 10000000 points");
+        usage("range " + quoted(arg) + " has more than 10000000 points");
     r.points = static_cast<long>(span) + 1;
     return r;
 }
@@ -68,7 +68,7 @@ public:
         if (n_ + n > kSize)
             flush();
         if (n > kSize) {
-            std::fwrite(p, 1, n, stdout);
+            writeOut(p, n);
             return;
         }
         std::memcpy(&buf_[n_], p, n);
@@ -94,8 +94,10 @@ public:
 
     void flush()
     {
-        std::fwrite(buf_.data(), 1, n_, stdout);
+        // A failed write stops the table at once; nothing more is written (the destructor).
+        size_t n = n_;
         n_ = 0;
+        writeOut(buf_.data(), n);
     }
 
 private:
@@ -341,9 +343,9 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
         int index = s.declare(n);
         for (int seen : slots)
             if (seen == index)
-                usage("CSV header names variable '" + n + "' twice");
+                usage("CSV header names variable " + quoted(n) + " twice");
         if (s.hasValue(index))
-            usage("variable '" + n + "' is both a CSV column and an argument");
+            usage("variable " + quoted(n) + " is both a CSV column and an argument");
         slots.push_back(index);
     }
     for (int slot : slots)
@@ -373,7 +375,10 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
         for (const char* p = line; (p = static_cast<const char*>(std::memchr(p, ',', end - p))); ++p)
             ++fields;
         std::string problem;
-        if (fields != names.size())
+        if (const void* nul = std::memchr(line, '\0', length))
+            problem = ": a NUL byte at offset " +
+                      std::to_string(static_cast<const char*>(nul) - line);
+        else if (fields != names.size())
             problem = " has " + std::to_string(fields) + " fields, the header has " +
                       std::to_string(names.size());
         double* row = block.add(line, length);
@@ -384,7 +389,7 @@ int runCsvTable(Session& s, const std::string& formula, const std::vector<std::s
                 comma = end;
             NumberStatus status = fieldNumber(p, comma, row[slots[k]], field);
             if (status != kNumber)
-                problem = ": '" + field + "' " + numberProblem(status);
+                problem = ": " + quoted(field) + " " + numberProblem(status);
             p = comma + 1;
         }
         if (!problem.empty()) {
@@ -446,6 +451,9 @@ int runTable(const Args& a)
         // The byte-order mark that some editors write first belongs to no name; it is dropped.
         if (header.compare(0, 3, "\xEF\xBB\xBF") == 0)
             header.erase(0, 3);
+        size_t nul = header.find('\0');
+        if (nul != std::string::npos)
+            usage("CSV header: a NUL byte at offset " + std::to_string(nul));
         if (trim(header).empty())
             usage("--csv expects a header line naming the variables on standard input");
         std::vector<std::string> names = splitFields(header, ',');

@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "caret.h"
 #include "number_text.h"
@@ -28,21 +26,60 @@ std::string formatNumber(double v)
     return std::string(buf, static_cast<size_t>(numtext::format(v, buf)));
 }
 
-bool isName(const std::string& s)
+void writeOut(const char* p, size_t n)
 {
-    if (s.empty() || !(std::isalpha(static_cast<unsigned char>(s[0])) || s[0] == '_'))
-        return false;
-    for (char c : s)
-        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_'))
-            return false;
-    return true;
+    if (n > 0 && std::fwrite(p, 1, n, stdout) != n)
+        throw WriteError{errno};
+}
+
+namespace {
+
+// The first ~60 bytes of field with control characters escaped, and what follows the quote:
+// nothing, or how long the whole field is when it was cut.
+std::pair<std::string, std::string> shownParts(const std::string& field)
+{
+    const size_t kShown = 60;
+    size_t cut = field.size() <= kShown + 20 ? field.size() : kShown;
+    // Never in the middle of a UTF-8 sequence.
+    while (cut < field.size() && cut > 0 && (static_cast<unsigned char>(field[cut]) & 0xc0) == 0x80)
+        --cut;
+    std::string head;
+    for (size_t i = 0; i < cut; ++i) {
+        unsigned char c = static_cast<unsigned char>(field[i]);
+        if (c >= 0x20 && c != 0x7f) {
+            head += static_cast<char>(c);
+            continue;
+        }
+        char code[8];
+        std::snprintf(code, sizeof code, "\\x%02x", c);
+        head += code;
+    }
+    std::string tail;
+    if (cut < field.size())
+        tail = "... (" + std::to_string(field.size()) + " bytes)";
+    return {head, tail};
+}
+
+}  // namespace
+
+std::string shown(const std::string& field)
+{
+    auto parts = shownParts(field);
+    return parts.first + parts.second;
+}
+
+std::string quoted(const std::string& field)
+{
+    auto parts = shownParts(field);
+    return "'" + parts.first + "'" + parts.second;
 }
 
 std::string checkedName(const std::string& name, const std::string& arg)
 {
-    if (!isName(name))
-        usage("'" + name + "' in '" + arg +
-              "' is not a variable name (letters, digits and _, not starting with a digit)");
+    if (!oxelIsVariableName(name.c_str()) || name.find('\0') != std::string::npos)
+        usage(quoted(name) + " in " + quoted(arg) +
+              " is not a variable name (letters, digits and _, not starting with a digit, "
+              "and no function name or keyword)");
     return name;
 }
 
@@ -74,7 +111,7 @@ double checkedNumber(const std::string& text, const std::string& arg)
     double v;
     NumberStatus status = parseNumber(text, v);
     if (status != kNumber)
-        usage("'" + text + "' in '" + arg + "' " + numberProblem(status));
+        usage(quoted(text) + " in " + quoted(arg) + " " + numberProblem(status));
     return v;
 }
 
@@ -106,7 +143,7 @@ std::pair<std::string, std::string> splitAssignment(const std::string& arg, cons
 {
     size_t eq = arg.find('=');
     if (eq == std::string::npos || eq == 0 || eq + 1 == arg.size())
-        usage(std::string(what) + " '" + arg + "' must have the form " + form);
+        usage(std::string(what) + " " + quoted(arg) + " must have the form " + form);
     return {checkedName(arg.substr(0, eq), arg), arg.substr(eq + 1)};
 }
 
@@ -145,11 +182,11 @@ Args parseArgs(int argc, char** argv)
             auto pair = splitAssignment(v, "alias", "ALIAS=NAME");
             checkedName(pair.second, v);
             if (pair.first == pair.second)
-                usage("alias '" + v + "' names the variable itself");
+                usage("alias " + quoted(v) + " names the variable itself");
             for (const auto& seen : a.aliases)
                 if (seen.first == pair.first && seen.second != pair.second)
-                    usage("alias '" + pair.first + "' stands for both '" + seen.second +
-                          "' and '" + pair.second + "'");
+                    usage("alias " + quoted(pair.first) + " stands for both " +
+                          quoted(seen.second) + " and " + quoted(pair.second));
             a.aliases.push_back(pair);
         } else if (opt == "--var") {
             std::string v = takeValue();
@@ -182,7 +219,7 @@ Args parseArgs(int argc, char** argv)
             for (const std::string& name : splitFields(v, ','))
                 a.grad.push_back(checkedName(trim(name), v));
         } else {
-            usage("unknown option '" + arg + "'");
+            usage("unknown option " + quoted(arg));
         }
     }
     return a;
@@ -202,9 +239,19 @@ std::vector<std::string> gradientLabels(const std::vector<std::string>& names, i
 void showWhere(const std::string& text, int offset)
 {
     OxelCaret c;
-    if (oxelCaretLines(text, offset, c))
-        std::fprintf(stderr, "%s%s%s%s\n%s^\n", c.lead.c_str(), c.before.c_str(), c.line.c_str(),
-                     c.after.c_str(), c.caret.c_str());
+    if (!oxelCaretLines(text, offset, c))
+        return;
+    // Control characters are shown escaped, the caret moved along with them.
+    size_t at = c.caret.size() - c.lead.size() - c.before.size();
+    std::string line, caret = c.caret.substr(0, c.lead.size() + c.before.size());
+    for (size_t i = 0; i < c.line.size(); ++i) {
+        std::string one = c.line[i] == '\t' ? "\t" : shown(c.line.substr(i, 1));
+        line += one;
+        if (i < at)
+            caret += c.line[i] == '\t' ? "\t" : std::string(one.size(), ' ');
+    }
+    std::fprintf(stderr, "%s%s%s%s\n%s^\n", c.lead.c_str(), c.before.c_str(), line.c_str(),
+                 c.after.c_str(), caret.c_str());
 }
 
 int unknownCall(const std::string& formula, std::string& name)
@@ -265,11 +312,23 @@ Formula formulaOf(const Args& a)
 {
     Formula f{"", 1};
     if (a.hasFile) {
-        std::ifstream file(a.file, std::ios::binary);
-        std::stringstream content;
-        if (!file || !(content << file.rdbuf()))
-            usage("cannot read the formula file '" + a.file + "'");
-        f = {content.str(), 0};
+        // stdio tells an empty file from one that cannot be read (a directory, say).
+        std::string content;
+        FILE* file = std::fopen(a.file.c_str(), "rb");
+        char chunk[65536];
+        for (size_t n; file && (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;)
+            content.append(chunk, n);
+        bool failed = !file || std::ferror(file);
+        if (file)
+            std::fclose(file);
+        if (failed)
+            usage("cannot read the formula file " + quoted(a.file));
+        // The library reads text up to its first NUL: what follows would silently vanish.
+        size_t nul = content.find('\0');
+        if (nul != std::string::npos)
+            usage("the formula file " + quoted(a.file) + " holds a NUL byte at offset " +
+                  std::to_string(nul));
+        f = {content, 0};
     } else if (a.positional.empty()) {
         usage(a.command + " needs a formula");
     } else {

@@ -10,7 +10,7 @@
 
 namespace oxcli {
 
-enum ExitCode { kOk = 0, kUsage = 1, kParse = 2, kEval = 3, kNoDerivative = 4 };
+enum ExitCode { kOk = 0, kUsage = 1, kParse = 2, kEval = 3, kNoDerivative = 4, kWrite = 5 };
 
 // A usage error: the message goes to standard error with a pointer to --help.
 struct UsageError {
@@ -22,7 +22,21 @@ struct UsageError {
 // Fewest significant digits that read back to the same double (number_text.h).
 std::string formatNumber(double v);
 
-bool isName(const std::string& s);
+// Standard output could not be written (a full disk, a closed pipe): errno of the failure.
+struct WriteError {
+    int error;
+};
+
+// Writes n bytes to standard output; throws WriteError when they do not all get there.
+void writeOut(const char* p, size_t n);
+
+// A field as messages show it: control characters escaped (\x1b), and cut after about 60
+// bytes, saying how long it was, so that a huge field or a terminal escape cannot flood or
+// steer the terminal. quoted() adds the quotes.
+std::string shown(const std::string& field);
+std::string quoted(const std::string& field);
+
+// A name that formula text can use as a variable (oxelIsVariableName), or a usage error.
 std::string checkedName(const std::string& name, const std::string& arg);
 
 enum NumberStatus { kNumber, kNotANumber, kTooLarge };

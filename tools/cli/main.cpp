@@ -1,4 +1,5 @@
 // oxel: command-line front end of liboxel (evaluate, differentiate, simplify, print, tabulate).
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -99,7 +100,8 @@ const char kHelp[] =
     "  1  usage error (unknown option, malformed argument, bad range or CSV)\n"
     "  2  the formula does not parse\n"
     "  3  evaluation error (eval, grad)\n"
-    "  4  no derivative can be formed (diff, grad, table --grad)\n";
+    "  4  no derivative can be formed (diff, grad, table --grad)\n"
+    "  5  the output could not be written\n";
 
 // The help, then the library's functions by argument count, wrapped like the text above.
 void printHelp()
@@ -153,7 +155,7 @@ int run(int argc, char** argv)
         return runTable(a);
     if (a.command == "names")
         return runNames(a);
-    usage("unknown command '" + a.command + "'");
+    usage("unknown command " + quoted(a.command));
 }
 
 }  // namespace
@@ -161,12 +163,23 @@ int run(int argc, char** argv)
 
 // The library's messages become lines on standard error; its ignored characters must not end
 // up in front of a table on standard output.
+// The token a parse message quotes ("... near >token<") may be a whole brace block: it is
+// shown as any field is.
 void onMessage(int kind, const char* text, void*)
 {
+    std::string message = text;
+    size_t near = message.find(" near >");
+    if (near != std::string::npos && message.back() == '<') {
+        size_t from = near + 7;
+        message = message.substr(0, from) +
+                  oxcli::shown(message.substr(from, message.size() - 1 - from)) + "<";
+    } else {
+        message = oxcli::shown(message);
+    }
     if (kind == OXEL_MESSAGE_PARSE_ERROR)
-        std::fprintf(stderr, "Parsing OxError: %s\n", text);
+        std::fprintf(stderr, "Parsing OxError: %s\n", message.c_str());
     else
-        std::fprintf(stderr, "oxel: warning: %s\n", text);
+        std::fprintf(stderr, "oxel: warning: %s\n", message.c_str());
 }
 
 int main(int argc, char** argv)
@@ -179,11 +192,21 @@ int main(int argc, char** argv)
         std::fflush(stdout);
         std::fprintf(stderr, "oxel: %s\n(try 'oxel --help')\n", e.message.c_str());
         status = oxcli::kUsage;
+    } catch (const oxcli::WriteError& e) {
+        errno = e.error;
+        status = oxcli::kWrite;
     } catch (const std::exception& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "oxel: %s\n", e.what());
         status = oxcli::kEval;
     }
-    std::fflush(stdout);
+    // Output that did not arrive is an error, whatever else happened.
+    errno = status == oxcli::kWrite ? errno : 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) || status == oxcli::kWrite) {
+        std::fprintf(stderr, "oxel: cannot write the output%s%s\n", errno ? ": " : "",
+                     errno ? std::strerror(errno) : "");
+        if (status == oxcli::kOk)
+            status = oxcli::kWrite;
+    }
     return status;
 }

@@ -10,7 +10,7 @@ void declareArguments(Session& s, const std::vector<std::string>& args, size_t f
         const std::string& arg = args[i];
         if (arg.find('=') == std::string::npos) {
             if (!bareNamesAllowed)
-                usage("argument '" + arg + "' must have the form name=value");
+                usage("argument " + quoted(arg) + " must have the form name=value");
             s.declare(checkedName(arg, arg));
             continue;
         }

@@ -39,7 +39,7 @@ public:
     {
         int index = declare(name);
         if (given_[index])
-            usage("variable '" + name + "' is given more than once ('" + arg + "')");
+            usage("variable " + quoted(name) + " is given more than once (" + quoted(arg) + ")");
         given_[index] = true;
         values_[index] = v;
     }
@@ -58,7 +58,7 @@ public:
         int declared = expr_.numVars() - expr_.numInternalVars();
         for (int i = 0; i < declared; ++i)
             if (!hasValue(i))
-                usage(std::string("no value for variable '") + expr_.varName(i) + "'");
+                usage("no value for variable " + quoted(expr_.varName(i)));
     }
 
     // So does every name the formula reads before assigning it.
@@ -73,7 +73,7 @@ public:
         oxelFormulaNames(formula.c_str(), names, &assigned);
         for (int i = 0; i < names.length(); ++i)
             if (!assigned[i] && !hasValue(expr_.varIndex(names[i].c_str())))
-                usage(std::string("no value for variable '") + names[i].c_str() + "'");
+                usage("no value for variable " + quoted(names[i].c_str()));
     }
 
     // Declares every name of the formula, for commands that need no values.
@@ -93,7 +93,7 @@ public:
         int at = unknownCall(formula, called);
         if (at >= 0) {
             showWhere(formula, at);
-            std::fprintf(stderr, "oxel: unknown function '%s'\n", called.c_str());
+            std::fprintf(stderr, "oxel: unknown function %s\n", quoted(called).c_str());
             return false;
         }
         if (expr_.initFromString(formula.c_str()))
