@@ -35,8 +35,8 @@ py::array checkedOut(PyObject* given, const py::object& shape, const char* dtype
         && a.attr("flags").attr("writeable").cast<bool>();
     if (!ok)
         throw py::value_error(std::string(what) + " must be a writeable C-contiguous numpy array "
-            + "of dtype " + dtype + " and shape " + py::repr(shape).cast<std::string>()
-            + ", not " + py::repr(a).cast<std::string>().substr(0, 80));
+            + "of dtype " + dtype + " and shape " + py::repr(shape).cast<std::string>() + ", not "
+            + py::repr(a).cast<std::string>().substr(0, 80));
     return py::reinterpret_borrow<py::array>(a);
 }
 
@@ -105,7 +105,8 @@ void Call::takeMapping(PyObject* mapping)
 {
     const bool frame = isDataFrame(mapping);
     if (!frame && !PyDict_Check(mapping)
-        && !(PyObject_HasAttrString(mapping, "keys") && PyObject_HasAttrString(mapping, "__getitem__")))
+        && !(PyObject_HasAttrString(mapping, "keys")
+            && PyObject_HasAttrString(mapping, "__getitem__")))
         throw py::type_error("eval() takes a mapping or a pandas DataFrame as its positional "
                              "argument, not "
             + typeName(mapping));
@@ -117,7 +118,8 @@ void Call::takeMapping(PyObject* mapping)
             throw py::error_already_set();
         if (!has)
             continue;
-        py::object value = py::reinterpret_steal<py::object>(PyObject_GetItem(mapping, item.first.ptr()));
+        py::object value
+            = py::reinterpret_steal<py::object>(PyObject_GetItem(mapping, item.first.ptr()));
         if (!value)
             throw py::error_already_set();
         kept_.push_back(value);
@@ -199,8 +201,8 @@ py::object Call::finishPoint(double value, int code) const
     return py::float_(code != 0 ? std::nan("") : value);
 }
 
-py::object Call::finish(py::array values, py::array codes, int outputs, const py::object& rows,
-    py::ssize_t total) const
+py::object Call::finish(
+    py::array values, py::array codes, int outputs, const py::object& rows, py::ssize_t total) const
 {
     py::handle np = handles.numpy;
     if (onError_ == OnError::Raise) {
@@ -211,11 +213,12 @@ py::object Call::finish(py::array values, py::array codes, int outputs, const py
             py::object output = outputs > 0 ? py::object(py::int_(at / total)) : py::none();
             int dims = static_cast<int>(py::len(rows));
             py::object index = dims == 0 ? py::none()
-                : dims == 1               ? py::object(py::int_(row))
-                                          : py::object(py::tuple(np.attr("unravel_index")(row, rows)));
+                : dims == 1              ? py::object(py::int_(row))
+                            : py::object(py::tuple(np.attr("unravel_index")(row, rows)));
             if (dims > 1)
-                index = py::tuple(py::module_::import("builtins").attr("map")(
-                    py::module_::import("builtins").attr("int"), index));
+                index = py::tuple(
+                    py::module_::import("builtins")
+                        .attr("map")(py::module_::import("builtins").attr("int"), index));
             raise(reinterpret_cast<const std::int32_t*>(codes.data())[at], index, output);
         }
     }
@@ -237,8 +240,8 @@ void Call::raise(int code, py::object index, py::object output) const
     std::string where = index.is_none() ? "" : " at row " + py::str(index).cast<std::string>();
     if (!output.is_none())
         where = " in output " + py::str(output).cast<std::string>() + where;
-    py::object err = handles.evaluationError("evaluation failed" + where + ": code "
-        + std::to_string(code) + ", " + vOxError(code));
+    py::object err = handles.evaluationError(
+        "evaluation failed" + where + ": code " + std::to_string(code) + ", " + vOxError(code));
     err.attr("code") = errorCode(code);
     err.attr("index") = index;
     err.attr("output") = output;
@@ -303,30 +306,23 @@ py::object evalArrays(const PyExpression& e, Call& call)
 
 PyObject* evalMethod(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* names)
 {
-    try {
+    return guarded([&]() {
         PyExpression& e = live<PyExpression>(self, "oxel.Expression");
         Call call(e, args, PyVectorcall_NARGS(nargs), names);
         if (call.arrays())
-            return evalArrays(e, call).release().ptr();
+            return evalArrays(e, call);
         int err = 0;
         double r = e.expression().eval(call.values(), e.expression().numVars(), err);
-        return call.finishPoint(r, err).release().ptr();
-    } catch (py::error_already_set& e) {
-        e.restore();
-    } catch (py::builtin_exception& e) {
-        e.set_error();
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_RuntimeError, e.what());
-    }
-    return nullptr;
+        return call.finishPoint(r, err);
+    });
 }
 
 } // namespace
 
-PyMethodDef evalDef = { "eval",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
-    METH_FASTCALL | METH_KEYWORDS,
-    R"DOC(eval(values=None, /, *, out=None, codes_out=None, errors='return', **variables)
+PyMethodDef evalDef
+    = { "eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(evalMethod)),
+          METH_FASTCALL | METH_KEYWORDS,
+          R"DOC(eval(values=None, /, *, out=None, codes_out=None, errors='return', **variables)
 
 Evaluates the formula. Variables come as keywords, or as a mapping or a pandas DataFrame
 (columns by name, other columns ignored), or both. Python numbers give a float; numpy

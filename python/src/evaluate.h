@@ -44,9 +44,9 @@ private:
     [[noreturn]] void raise(int code, py::object index, py::object output) const;
 
     const PyExpression& e_;
-    SmallBuffer<PyObject*> given_;   // by variable, borrowed from the call or kept below
-    SmallBuffer<double> values_;      // numVars() slots
-    std::vector<py::object> kept_;    // values taken from a mapping
+    SmallBuffer<PyObject*> given_; // by variable, borrowed from the call or kept below
+    SmallBuffer<double> values_; // numVars() slots
+    std::vector<py::object> kept_; // values taken from a mapping
     std::vector<py::object> converted_; // by variable, once one is needed: numpy forms
     bool arrays_ = false;
     PyObject* out_ = nullptr;
@@ -62,17 +62,16 @@ private:
 struct Columns {
     explicit Columns(const std::vector<py::object>& given);
 
-    std::vector<py::object> arrays;             // the columns made here, kept alive
+    std::vector<py::object> arrays; // the columns made here, kept alive
     std::vector<std::vector<double>> constants; // by input: empty for an array
-    std::vector<const double*> base;            // by input: its column or constant
+    std::vector<const double*> base; // by input: its column or constant
     py::object shape;
     py::ssize_t total = 1;
 
     // Calls run(cols, start, rows) for consecutive chunks covering every row, cols holding
     // numVars column pointers (internal variables null, read as 0); stops at a nonzero status
     // and returns it. Needs no interpreter lock.
-    template <class Run>
-    int forChunks(int numVars, Run run) const
+    template <class Run> int forChunks(int numVars, Run run) const
     {
         std::vector<const double*> cols(static_cast<size_t>(numVars), nullptr);
         const py::ssize_t chunk = chunkRows();

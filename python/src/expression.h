@@ -16,7 +16,7 @@ struct Recipe {
     std::string text;
     std::vector<std::string> variables;
     std::vector<std::pair<std::string, std::string>> aliases; // alias, variable
-    std::vector<std::pair<std::string, std::string>> steps;   // operation, argument
+    std::vector<std::pair<std::string, std::string>> steps; // operation, argument
 };
 
 class PyExpression {

@@ -14,13 +14,14 @@ namespace {
 class PyGradient {
 public:
     // A new gradient, or null where the library gives none; names and order are checked.
-    static PyGradient* make(py::object expression, const std::vector<std::string>& names,
-        const py::object& order)
+    static PyGradient* make(
+        py::object expression, const std::vector<std::string>& names, const py::object& order)
     {
         PyExpression& e = live<PyExpression>(expression, "oxel.Expression");
         if (!py::isinstance<py::int_>(order) || py::isinstance<py::bool_>(order)
             || !(order.equal(py::int_(1)) || order.equal(py::int_(2))))
-            throw py::value_error("order must be 1 or 2, not " + py::repr(order).cast<std::string>());
+            throw py::value_error(
+                "order must be 1 or 2, not " + py::repr(order).cast<std::string>());
         for (const std::string& n : names)
             if (!e.index().contains(n)) {
                 std::string declared;
@@ -104,8 +105,8 @@ public:
     std::string repr() const
     {
         return py::repr(expression_).cast<std::string>() + ".gradient("
-            + py::repr(py::cast(names_)).cast<std::string>() + ", order="
-            + std::to_string(order_) + ")";
+            + py::repr(py::cast(names_)).cast<std::string>() + ", order=" + std::to_string(order_)
+            + ")";
     }
 
     int numOutputs() const { return grad_->numOutputs(); }
@@ -133,25 +134,15 @@ const char* const kGradient = "oxel.Gradient";
 
 PyObject* gradientEval(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* names)
 {
-    try {
-        return live<PyGradient>(self, kGradient)
-            .eval(args, PyVectorcall_NARGS(nargs), names)
-            .release()
-            .ptr();
-    } catch (py::error_already_set& e) {
-        e.restore();
-    } catch (py::builtin_exception& e) {
-        e.set_error();
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_RuntimeError, e.what());
-    }
-    return nullptr;
+    return guarded([&]() {
+        return live<PyGradient>(self, kGradient).eval(args, PyVectorcall_NARGS(nargs), names);
+    });
 }
 
-PyMethodDef gradientEvalDef = { "eval",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(gradientEval)),
-    METH_FASTCALL | METH_KEYWORDS,
-    R"DOC(eval(values=None, /, *, out=None, codes_out=None, errors='return', **variables)
+PyMethodDef gradientEvalDef
+    = { "eval", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(gradientEval)),
+          METH_FASTCALL | METH_KEYWORDS,
+          R"DOC(eval(values=None, /, *, out=None, codes_out=None, errors='return', **variables)
 
 The outputs for the variables, taken as Expression.eval takes them: shape (num_outputs,)
 for numbers, (num_outputs, *shape) for arrays (a DataFrame gives arrays too). errors=,
@@ -187,11 +178,16 @@ works with the interpreter lock released.
     >>> g.split(g.eval(x=1.0, y=3.0, errors="raise"))
     (3.0, array([6., 1.]), None)
 )DOC");
-    py::class_<PyGradient> cls(m, "Gradient", R"DOC(A value with its derivatives (Expression.gradient).
+    py::class_<PyGradient> cls(
+        m, "Gradient", R"DOC(A value with its derivatives (Expression.gradient).
 
 eval(...) -> (outputs, codes): the value, d/d names[k] for each k and, for order 2, the
 second derivatives (i, j), i <= j, row by row; each what eval() of the expression or of the
-derivative expression gives, bit for bit. split(outputs) -> (value, gradient, hessian).)DOC");
+derivative expression gives, bit for bit. split(outputs) -> (value, gradient, hessian).
+
+    >>> oxel.Expression("x*y").gradient(["x", "y"])
+    oxel.Expression('x * y', variables=['x', 'y']).gradient(['x', 'y'], order=1)
+)DOC");
     cls.attr("__module__") = "oxel";
     cls.attr("eval") = py::reinterpret_steal<py::object>(
         PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(cls.ptr()), &gradientEvalDef));
@@ -219,18 +215,16 @@ The Hessian is the full symmetric matrix; None for order 1.
             "The names the derivatives are taken by.")
         .def_property_readonly(
             "order", [](py::handle self) { return live<PyGradient>(self, kGradient).order(); },
-            "1 or 2.")
+            "The order: 1 (value and gradient) or 2 (also the Hessian).")
         .def_property_readonly(
             "expression",
             [](py::handle self) { return live<PyGradient>(self, kGradient).expression(); },
             "The oxel.Expression this gradient was made from.")
-        .def("__repr__",
-            [](py::handle self) { return live<PyGradient>(self, kGradient).repr(); })
-        .def("__getstate__",
-            [](py::handle self) {
-                const PyGradient& g = live<PyGradient>(self, kGradient);
-                return py::make_tuple(g.expression(), g.names(), g.order());
-            });
+        .def("__repr__", [](py::handle self) { return live<PyGradient>(self, kGradient).repr(); })
+        .def("__getstate__", [](py::handle self) {
+            const PyGradient& g = live<PyGradient>(self, kGradient);
+            return py::make_tuple(g.expression(), g.names(), g.order());
+        });
     // Not named __setstate__: pybind11 would skip a second call silently.
     cls.attr("__setstate__") = py::cpp_function(
         [](py::handle self, const py::tuple& t) {
@@ -238,8 +232,7 @@ The Hessian is the full symmetric matrix; None for order 1.
                 install<PyGradient>(self, nullptr, kGradient); // raises: already built
             if (py::len(t) != 3)
                 throw py::value_error("oxel.Gradient state: (expression, names, order)");
-            PyGradient* g
-                = PyGradient::make(t[0], t[1].cast<std::vector<std::string>>(), t[2]);
+            PyGradient* g = PyGradient::make(t[0], t[1].cast<std::vector<std::string>>(), t[2]);
             if (!g)
                 throw std::runtime_error("oxel: cannot rebuild a gradient");
             install(self, g, kGradient);

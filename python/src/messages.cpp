@@ -28,7 +28,8 @@ void onMessage(int kind, const char* text, void*)
     if (kind == OXEL_MESSAGE_PARSE_ERROR) {
         std::fprintf(stderr, "Parsing OxError: %s\n", text);
     } else if (kind == OXEL_MESSAGE_IGNORED_CHARACTER) {
-        // "ignored character 'c' at offset N" or "... '\xHH' ...": the character itself is echoed.
+        // "ignored character 'c' at offset N" or "... '\xHH' ...": the character itself is
+        // echoed.
         const char* c = std::strchr(text, '\'');
         if (!c)
             return;
@@ -85,7 +86,10 @@ Capture::Capture()
     capturing = &messages;
 }
 
-Capture::~Capture() { capturing = outer_; }
+Capture::~Capture()
+{
+    capturing = outer_;
+}
 
 bool Capture::saw(int kind) const
 {
@@ -162,8 +166,10 @@ void bindMessages(py::module_& m)
         "Error", members, "module"_a = "oxel", "qualname"_a = "Error");
     enumType.attr("__doc__") = "Evaluation error codes; members compare equal to the plain "
                                "integers that arrays of codes hold. message: the library's text.";
-    enumType.attr("message") = py::module_::import("builtins").attr("property")(py::cpp_function(
-        [](int code) { return std::string(vOxError(code)); }, "The library's text for the code."));
+    enumType.attr("message") = py::module_::import("builtins")
+                                   .attr("property")(py::cpp_function(
+                                       [](int code) { return std::string(vOxError(code)); },
+                                       "The library's text for the code."));
     m.attr("Error") = enumType;
     for (const ErrorName& e : kErrorNames)
         handles.errorMembers.emplace_back(e.code, enumType(e.code).release());

@@ -66,11 +66,14 @@ A text that does not parse raises oxel.ParseError (a ValueError).
         py::name("init"), py::is_method(cls), "text"_a, "variables"_a = py::none(),
         "aliases"_a = py::none());
     auto derived = [&cls](const char* name, const char* op, const char* doc) {
-        cls.def(name, [op](py::handle self) { return expr(self).derive(op, ""); }, doc);
+        cls.def(
+            name, [op](py::handle self) { return expr(self).derive(op, ""); }, doc);
     };
     cls.def(
         "derivative",
-        [](py::handle self, const std::string& var) { return expr(self).derive("derivative", var); },
+        [](py::handle self, const std::string& var) {
+            return expr(self).derive("derivative", var);
+        },
         "var"_a,
         R"DOC(Partial derivative by a variable or alias (not simplified), as a new Expression;
 None where none exists (also where a comparison, logic or gauss() node has no derivative
@@ -97,17 +100,19 @@ folded): equal mathematically, rounding may differ.
     >>> oxel.Expression("x*y + y*x").normalized().to_formula()
     '2 * x * y'
 )DOC");
-    auto printed = [&cls](const char* name, KxString (OxelExpression::*form)() const,
-                       const char* doc) {
-        cls.def(name, [form](py::handle self) { return expr(self).printed(form); }, doc);
-    };
+    auto printed
+        = [&cls](const char* name, KxString (OxelExpression::*form)() const, const char* doc) {
+              cls.def(
+                  name, [form](py::handle self) { return expr(self).printed(form); }, doc);
+          };
     printed("to_formula", &OxelExpression::toFormula,
         R"DOC(The formula text that reads back to the same values ('' where there is none).
 
     >>> oxel.Expression("pow(x, 2)+1").to_formula()
     'pow(x, 2) + 1'
 )DOC");
-    printed("to_c", &OxelExpression::toC, R"DOC(A C99 expression over <math.h> ('' where C cannot express it).
+    printed("to_c", &OxelExpression::toC,
+        R"DOC(A C99 expression over <math.h> ('' where C cannot express it).
 
     >>> oxel.Expression("sqrt(x)/2").to_c()
     'sqrt(x) / 2.0'
@@ -129,7 +134,7 @@ folded): equal mathematically, rounding may differ.
             "The declared variables, in index order: the names eval() takes.")
         .def_property_readonly(
             "aliases", [](py::handle self) { return expr(self).aliases(); },
-            "{alias: variable}")
+            "The aliases as {alias: variable}: further names that eval() takes for a variable.")
         .def_property_readonly(
             "text", [](py::handle self) { return expr(self).text(); },
             "The text this expression was parsed from.")
@@ -139,18 +144,16 @@ folded): equal mathematically, rounding may differ.
         .def(
             "__repr__", [](py::handle self) { return expr(self).repr(); },
             "oxel.Expression('<formula>', variables=[...]): the formula read back.")
-        .def("__getstate__",
-            [](py::handle self) {
-                const oxpy::Recipe& r = expr(self).recipe();
-                return py::make_tuple(r.text, r.variables, r.aliases, r.steps);
-            });
+        .def("__getstate__", [](py::handle self) {
+            const oxpy::Recipe& r = expr(self).recipe();
+            return py::make_tuple(r.text, r.variables, r.aliases, r.steps);
+        });
     cls.attr("__setstate__") = py::cpp_function(
         [](py::handle self, const py::tuple& t) {
             if (oxpy::built<PyExpression>(self))
                 oxpy::install<PyExpression>(self, nullptr, kExpression); // raises
             if (py::len(t) != 4)
-                throw py::value_error(
-                    "oxel.Expression state: (text, variables, aliases, steps)");
+                throw py::value_error("oxel.Expression state: (text, variables, aliases, steps)");
             oxpy::Recipe r;
             r.text = t[0].cast<std::string>();
             r.variables = t[1].cast<std::vector<std::string>>();

@@ -19,10 +19,10 @@ namespace py = pybind11;
 // Objects the module looks up once when it loads.
 struct Handles {
     py::handle numpy;
-    py::handle maskedArray;     // numpy.ma.MaskedArray
-    py::handle parseError;      // oxel.ParseError
+    py::handle maskedArray; // numpy.ma.MaskedArray
+    py::handle parseError; // oxel.ParseError
     py::handle evaluationError; // oxel.EvaluationError
-    py::handle errorEnum;       // oxel.Error
+    py::handle errorEnum; // oxel.Error
     std::vector<std::pair<int, py::handle>> errorMembers; // code to oxel.Error member
 };
 extern Handles handles;
@@ -62,8 +62,7 @@ void checkName(const std::string& name, const char* what);
 py::object errorCode(int code);
 
 // A per-call array that stays on the stack for the usual handful of variables.
-template <class T>
-class SmallBuffer {
+template <class T> class SmallBuffer {
 public:
     SmallBuffer(size_t n, T fill)
         : data_(n <= kInline ? inline_ : (heap_.resize(n), heap_.data()))
@@ -83,11 +82,10 @@ private:
 
 // The C++ object behind self, or TypeError where self is no fully built T (made by __new__
 // alone, or by a subclass that skipped __init__).
-template <class T>
-T& live(py::handle self, const char* type)
+template <class T> T& live(py::handle self, const char* type)
 {
-    auto* info = py::detail::get_type_info(typeid(T));
-    if (info && py::isinstance<T>(self)) {
+    static py::detail::type_info* const info = py::detail::get_type_info(typeid(T));
+    if (PyObject_TypeCheck(self.ptr(), info->type)) {
         auto vh = reinterpret_cast<py::detail::instance*>(self.ptr())->get_value_and_holder(info);
         if (vh && vh.holder_constructed() && vh.value_ptr())
             return *vh.template value_ptr<T>();
@@ -100,8 +98,7 @@ T& live(py::handle self, const char* type)
 
 // Installs value (new-allocated) as the C++ object of self, which __new__ made; TypeError
 // where self already has one (__init__ or __setstate__ again on a live object).
-template <class T>
-void install(py::handle self, T* value, const char* type)
+template <class T> void install(py::handle self, T* value, const char* type)
 {
     std::unique_ptr<T> owned(value);
     auto* info = py::detail::get_type_info(typeid(T));
@@ -115,9 +112,25 @@ void install(py::handle self, T* value, const char* type)
     info->init_instance(vh.inst, nullptr);
 }
 
+// A fast-call method's body: its result, or null with the Python exception that a C++
+// exception stands for.
+template <class Body>
+PyObject* guarded(Body body)
+{
+    try {
+        return body().release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (py::builtin_exception& e) {
+        e.set_error();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+    return nullptr;
+}
+
 // Whether self's C++ object exists (for __init__ and __setstate__ to check first).
-template <class T>
-bool built(py::handle self)
+template <class T> bool built(py::handle self)
 {
     auto* info = py::detail::get_type_info(typeid(T));
     return reinterpret_cast<py::detail::instance*>(self.ptr())
