@@ -57,7 +57,8 @@ need_packages build-essential cmake flex bison libgtest-dev pkg-config
 need_packages libxbyak-dev
 # The Python module and its tests (numpy, Dask, pytest, the pip install check), all from Debian.
 need_packages python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-dask \
-    python3-distributed python3-setuptools python3-wheel python3-venv python3-pip python3-build
+    python3-distributed python3-setuptools python3-wheel python3-venv python3-pip python3-build \
+    python3-pandas python3-scipy
 if [ "$MODE" = bench-python ]; then
     need_packages python3-numexpr
 fi

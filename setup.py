@@ -48,6 +48,7 @@ class CMakeBuild(build_ext):
 setup(
     version=project_version(),
     packages=["oxel"],
+    package_data={"oxel": ["_oxel.pyi", "py.typed"]},
     package_dir={"": "python"},
     ext_modules=[Extension("oxel._oxel", sources=[])],
     cmdclass={"build_ext": CMakeBuild},

@@ -75,6 +75,9 @@ public:
     /// of the whole text, across ';' statements) of the token the parse failed at, or of the end
     /// of the text; -1 after a success. initFromString reads statements of any length whole.
     int lastErrorOffset() const { return lastErrorOffset_; }
+    /// A readable explanation of the last failure, for people (oxelParseHint); empty after a
+    /// success and where there is nothing to add to lastError().
+    const char* lastErrorHint() const { return lastErrorHint_.c_str(); }
     /// The tree as formula text that reads back to the same values (oxelToFormula).
     KxString toFormula() const;
 
@@ -128,6 +131,7 @@ private:
     int numInternal_;
     KxString lastError_;
     int lastErrorOffset_;
+    KxString lastErrorHint_;
     // Compiled forms of root_, each built on first use by whichever thread gets there first
     // (the others discard theirs), so that threads may share one expression.
     mutable std::atomic<OxelPointProgram*> point_;

@@ -35,6 +35,13 @@ OXEL_API int oxelFormulaNames(const char* text, KxDArray<KxString>& names,
 /// oxel program apply to declared names and aliases.
 OXEL_API bool oxelIsVariableName(const char* name);
 
+/// A readable explanation of a parse failure of text with message (the parser's): a function
+/// the language spells otherwise (log, powers), a reserved word, the first name read that is
+/// not among known (the declared variables and aliases), else the message in words ("a
+/// number", "the end of the formula"). Empty where there is nothing to add.
+OXEL_API KxString oxelParseHint(const char* text, const char* message,
+                                const KxDArray<KxString>& known);
+
 /// The function names of the formula language that take arity arguments (1 or 2), in the order
 /// of the node tables, followed by a null pointer; any other arity gives just the null pointer.
 OXEL_API const char* const* oxelFunctionNames(int arity);

@@ -26,5 +26,7 @@ with open("/proc/self/maps") as maps:
 assert loaded == {os.path.join(package, "liboxel.so.1")}, loaded
 values, errors = oxel.Expression("sqrt(x)*y", variables=["x", "y"]).eval(x=np.array([6.25, -1]), y=3)
 assert values[0] == math.sqrt(6.25) * 3 and errors.tolist()[0] == 0 and errors[1] != 0
+# The type stubs come with the package.
+assert all(os.path.isfile(os.path.join(package, f)) for f in ("_oxel.pyi", "py.typed"))
 print("pip-installed oxel works from", package)
 PY

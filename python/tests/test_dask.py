@@ -42,13 +42,14 @@ def test_two_worker_processes_match_one_process_bit_for_bit():
 
 
 class CountingExpression:
-    """Stands in for an Expression and counts the block evaluations."""
+    """Stands in for an Expression and counts the block evaluations and their shapes."""
 
     def __init__(self, expr):
-        self.expr, self.calls = expr, 0
+        self.expr, self.calls, self.shapes = expr, 0, []
 
     def eval(self, **values):
         self.calls += 1
+        self.shapes.append({name: np.shape(v) for name, v in values.items()})
         return self.expr.eval(**values)
 
 
@@ -75,3 +76,32 @@ def test_gradient_outputs_along_a_new_axis_with_scalars():
     assert got[0].shape == (6, 40, 25) and want[1].any()
     assert np.array_equal(got[0].view(np.uint64), want[0].view(np.uint64))
     assert np.array_equal(got[1], want[1])
+
+
+def test_chunks_are_aligned_and_numpy_arrays_split_alike():
+    counting = CountingExpression(oxel.Expression("x*y + z"))
+    x = np.arange(120.0).reshape(12, 10)
+    y, z = np.linspace(-1, 1, 10), np.linspace(0, 2, 12).reshape(12, 1)
+    # The shared axis chunked (5, 5) in x and (2, 2, ...) in y; z is a numpy array.
+    values, errors = oxel.dask.evaluate(counting, x=da.from_array(x, chunks=(4, 5)),
+                                        y=da.from_array(y, chunks=2), z=z)
+    got = dask.compute(values, errors, scheduler="synchronous")
+    want = counting.expr.eval(x=x, y=y, z=z)
+    assert np.array_equal(got[0].view(np.uint64), want[0].view(np.uint64))
+    assert np.array_equal(got[1], want[1])
+    for shapes in counting.shapes:  # every block gets the matching pieces, z included
+        assert shapes["x"][-1:] == shapes["y"] and shapes["z"] == (shapes["x"][0], 1)
+        assert shapes["x"][0] <= 4 and shapes["x"][1] <= 2
+
+
+@pytest.mark.parametrize("values,message", [
+    (dict(y=1.0), "missing a value for variable 'x'"),
+    (dict(x=1.0, y=1.0, w=2.0), "'w', which is not a variable"),
+    (dict(x=1.0, y=1.0, speed=2.0), "two values for variable 'y'"),
+])
+def test_names_are_checked_when_the_graph_is_built(values, message):
+    expr = oxel.Expression("x + speed", variables=["x", "y"], aliases={"speed": "y"})
+    arrays = {n: da.from_array(np.ones(4), chunks=2) if n != "w" else v for n, v in values.items()}
+    for target in (expr, expr.gradient(["x"])):
+        with pytest.raises(TypeError, match=message):
+            oxel.dask.evaluate(target, **arrays)

@@ -134,7 +134,7 @@ def test_parse_errors(text, offset, caret, capfd):
     assert (err.text, err.offset) == (text, offset)
     assert err.message and str(err).startswith(err.message)
     if caret:
-        assert str(err).splitlines()[-1] == caret
+        assert caret in str(err).splitlines()
     assert capfd.readouterr() == ("", "")  # nothing printed: the exception carries it all
 
 
@@ -287,7 +287,8 @@ def test_gradient_matches_separate_derivatives(order):
     assert_threads_agree(g, 3, x=np.linspace(-1, 4, 100_001), y=1.5)
 
 
-@pytest.mark.parametrize("text,names,order", [
-    ("x % 2 + y", ["x"], 1), ("a = x; a*y", ["x"], 1), ("x*y", ["q"], 1), ("x*y", ["x"], 3)])
-def test_no_gradient_is_none(text, names, order):
-    assert oxel.Expression(text, variables=XY).gradient(names, order) is None
+@pytest.mark.parametrize("text,names", [("x % 2 + y", ["x"]), ("a = x; a*y", ["x"]),
+                                        ("x < y", ["x"])])
+def test_no_gradient_is_none(text, names, capfd):
+    assert oxel.Expression(text, variables=XY).gradient(names) is None
+    assert capfd.readouterr() == ("", "")  # the library's note is not printed

@@ -108,6 +108,7 @@ int OxelExpression::initFromString(const char* text)
     numInternal_ = 0;
     lastError_ = KxString();
     lastErrorOffset_ = -1;
+    lastErrorHint_ = KxString();
 
     if (!text || !*text) {
         setDefaultExpression();
@@ -133,6 +134,14 @@ int OxelExpression::initFromString(const char* text)
     setDefaultExpression();
     lastError_ = KxString(error.c_str());
     lastErrorOffset_ = offset;
+    KxDArray<KxString> known;
+    for (int i = 0; i < declared; ++i)
+        known.append(names_[i]);
+    KxHashTableIterator<KxString, KxString> it(aliases_);
+    KxString alias, target;
+    while (it.next(alias, target))
+        known.append(alias);
+    lastErrorHint_ = oxelParseHint(text, error.c_str(), known);
     return 0;
 }
 

@@ -100,6 +100,8 @@ public:
             return true;
         showWhere(formula, expr_.lastErrorOffset());
         std::fprintf(stderr, "oxel: the formula does not parse\n");
+        if (*expr_.lastErrorHint())
+            std::fprintf(stderr, "oxel: hint: %s\n", expr_.lastErrorHint());
         // A lone unknown name parses as the start of an assignment.
         if (std::strstr(expr_.lastError(), "expecting '='"))
             std::fprintf(stderr, "oxel: hint: declare every variable of the formula "

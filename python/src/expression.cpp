@@ -1,0 +1,215 @@
+// oxel.Expression: parsing with the default variables, derived expressions, printing.
+#include "expression.h"
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace oxpy {
+
+namespace {
+
+bool knownStep(const std::string& op)
+{
+    return op == "derivative" || op == "simplified" || op == "simplified_fully"
+        || op == "normalized";
+}
+
+// The names the text reads, in order of first appearance, with aliases replaced by their
+// variables; then any variable an alias names that the text does not read.
+std::vector<std::string> namesRead(
+    const std::string& text, const std::vector<std::pair<std::string, std::string>>& aliases)
+{
+    KxDArray<KxString> names;
+    KxDArray<int> assigned;
+    oxelFormulaNames(text.c_str(), names, &assigned);
+    std::vector<std::string> out;
+    auto add = [&](const std::string& n) {
+        if (std::find(out.begin(), out.end(), n) == out.end())
+            out.push_back(n);
+    };
+    for (int i = 0; i < names.length(); ++i) {
+        if (assigned[i])
+            continue;
+        std::string n = names[i].c_str();
+        for (const auto& a : aliases)
+            if (a.first == n)
+                n = a.second;
+        add(n);
+    }
+    for (const auto& a : aliases)
+        add(a.second);
+    return out;
+}
+
+} // namespace
+
+PyExpression::PyExpression(Recipe r)
+    : recipe_(std::move(r))
+    , expr_(new OxelExpression)
+{
+    const std::string& text = recipe_.text;
+    size_t nul = text.find('\0');
+    if (nul != std::string::npos)
+        throw py::value_error("the formula contains a NUL byte at offset " + std::to_string(nul));
+    for (const auto& s : recipe_.steps)
+        if (!knownStep(s.first))
+            throw py::value_error("oxel: unknown step '" + s.first + "'");
+    for (const std::string& v : recipe_.variables) {
+        checkName(v, "variable name");
+        expr_->addVar(v.c_str());
+    }
+    for (const auto& a : recipe_.aliases) {
+        checkName(a.first, "alias");
+        checkName(a.second, "variable name");
+        if (std::find(recipe_.variables.begin(), recipe_.variables.end(), a.second)
+            == recipe_.variables.end())
+            throw py::value_error("alias '" + a.first + "' refers to '" + a.second
+                + "', which is not a declared variable");
+        expr_->addVarAlias(a.second.c_str(), a.first.c_str());
+    }
+    Capture capture;
+    if (!expr_->initFromString(text.c_str())) {
+        raiseParseError(expr_->lastError(), expr_->lastErrorOffset(), text,
+            expr_->lastErrorHint());
+    }
+    for (const Captured& c : capture.messages) {
+        // A character the lexer skips would leave a formula that means something else.
+        size_t at = c.text.rfind(" at offset ");
+        if (c.kind == OXEL_MESSAGE_IGNORED_CHARACTER)
+            raiseParseError(c.text,
+                at == std::string::npos ? -1 : std::atol(c.text.c_str() + at + 11), text, "");
+    }
+    declared_ = expr_->numVars() - expr_->numInternalVars();
+    for (const auto& s : recipe_.steps) {
+        std::unique_ptr<OxelExpression> next(apply(s.first, s.second));
+        if (!next)
+            throw std::runtime_error("oxel: cannot rebuild '" + s.first + "' of " + recipe_.text);
+        expr_ = std::move(next);
+    }
+    indexNames();
+}
+
+PyExpression::PyExpression(Recipe r, std::unique_ptr<OxelExpression> e, int declared)
+    : recipe_(std::move(r))
+    , expr_(std::move(e))
+    , declared_(declared)
+{
+    indexNames();
+}
+
+PyExpression* PyExpression::create(
+    const std::string& text, const py::object& variables, const py::object& aliases)
+{
+    Recipe r;
+    r.text = text;
+    if (!aliases.is_none())
+        for (auto item : py::cast<py::dict>(aliases))
+            r.aliases.emplace_back(
+                py::cast<std::string>(item.first), py::cast<std::string>(item.second));
+    if (variables.is_none()) {
+        r.variables = namesRead(text, r.aliases);
+    } else {
+        if (py::isinstance<py::str>(variables))
+            throw py::type_error("variables must be a list of names, not one str");
+        r.variables = variables.cast<std::vector<std::string>>();
+    }
+    return new PyExpression(std::move(r));
+}
+
+py::object PyExpression::derive(const std::string& op, const std::string& arg)
+{
+    std::unique_ptr<OxelExpression> made;
+    bool noRule = false;
+    {
+        py::gil_scoped_release released;
+        Capture capture;
+        std::lock_guard<std::mutex> lock(mutex_);
+        made.reset(apply(op, arg));
+        // A node without a derivative rule reports itself and stays as it was: no derivative.
+        noRule = capture.saw(OXEL_MESSAGE_NO_DERIVATIVE_RULE);
+    }
+    if (!made || noRule)
+        return py::none();
+    Recipe r = recipe_;
+    r.steps.emplace_back(op, arg);
+    return py::cast(new PyExpression(std::move(r), std::move(made), declared_),
+        py::return_value_policy::take_ownership);
+}
+
+std::vector<std::string> PyExpression::variables() const
+{
+    std::vector<std::string> out;
+    for (int i = 0; i < declared_; ++i)
+        out.emplace_back(expr_->varName(static_cast<unsigned>(i)));
+    return out;
+}
+
+py::dict PyExpression::aliases() const
+{
+    py::dict d;
+    for (const auto& a : recipe_.aliases)
+        d[py::str(a.first)] = a.second;
+    return d;
+}
+
+std::string PyExpression::printed(KxString (OxelExpression::*form)() const)
+{
+    py::gil_scoped_release released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ((*expr_).*form)().c_str();
+}
+
+std::string PyExpression::print()
+{
+    py::gil_scoped_release released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return oxelToString(expr_->root());
+}
+
+std::string PyExpression::repr()
+{
+    std::string formula = printed(&OxelExpression::toFormula);
+    if (formula.empty())
+        return "<oxel.Expression " + py::repr(py::str(print())).cast<std::string>() + ">";
+    std::string out = "oxel.Expression(" + py::repr(py::str(formula)).cast<std::string>()
+        + ", variables=" + py::repr(py::cast(variables())).cast<std::string>();
+    if (!recipe_.aliases.empty())
+        out += ", aliases=" + py::repr(aliases()).cast<std::string>();
+    return out + ")";
+}
+
+std::unique_ptr<OxelGradient> PyExpression::gradient(
+    const std::vector<std::string>& names, int order)
+{
+    py::gil_scoped_release released;
+    Capture capture;
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_ptr<OxelGradient> g = expr_->gradient(names, order);
+    if (capture.saw(OXEL_MESSAGE_NO_DERIVATIVE_RULE))
+        g.reset();
+    return g;
+}
+
+OxelExpression* PyExpression::apply(const std::string& op, const std::string& arg)
+{
+    if (op == "derivative")
+        return expr_->derivative(arg.c_str());
+    if (op == "simplified")
+        return expr_->simplified();
+    if (op == "simplified_fully")
+        return expr_->simplifiedFully();
+    return expr_->normalized(); // knownStep() admits nothing else
+}
+
+void PyExpression::indexNames()
+{
+    for (int i = 0; i < declared_; ++i)
+        index_[py::str(expr_->varName(static_cast<unsigned>(i)))] = i;
+    for (const auto& a : recipe_.aliases) {
+        int i = expr_->varIndex(a.first.c_str());
+        if (i >= 0 && i < declared_)
+            index_[py::str(a.first)] = i;
+    }
+}
+
+} // namespace oxpy
