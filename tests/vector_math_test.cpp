@@ -147,7 +147,7 @@ TEST(VectorMath, SelfCheckRefusesAnotherVariant)
         return (b * 0x9e3779b97f4a7c15ull) >> 58 == 0;
     };
     static double (*const exps[])(double) = {
-        [](double x) { return 0 < x && x < 1e-20 ? std::nextafter(std::exp(x), 0.0) : std::exp(x); },
+        [](double x) { return 0 < x && x < 1e-20 ? std::nextafter(std::exp(x), 0.) : std::exp(x); },
         [](double x) { return x >= 512 ? std::nextafter(std::exp(x), INFINITY) : std::exp(x); },
         [](double x) { return x <= -512 ? std::nextafter(std::exp(x), INFINITY) : std::exp(x); },
         [](double x) { return x > 2 && x < 5 ? std::nextafter(std::exp(x), 0.0) : std::exp(x); },
