@@ -177,6 +177,17 @@ void benchNative(benchmark::State& st, int f) { runNative(st, kSuite[f].native);
 void benchNativeColumns(benchmark::State& st, int f) { runNative(st, kSuite[f].native, columns()); }
 void benchLibm(benchmark::State& st, int f) { runNative(st, kSuite[f].libm); }
 
+void benchPlain(benchmark::State& st, int f)
+{
+    const PlainLoop loop = plainLoop(f);
+    std::vector<double> res(kPoints);
+    for (auto _ : st) {
+        loop(columns(), kPoints, res.data());
+        benchmark::DoNotOptimize(res.data());
+        benchmark::ClobberMemory();
+    }
+}
+
 #ifdef OXEL_BENCH_MUPARSER
 // muparser reads its variables through pointers bound once; a host copies each point in.
 struct MuSetup {
@@ -326,6 +337,8 @@ void registerAll()
         reg("native-columns", benchNativeColumns);
         if (kSuite[f].libm)
             reg("libm", benchLibm);
+        if (plainLoop(f))
+            reg("plain", benchPlain);
 #ifdef OXEL_BENCH_MUPARSER
         if (kSuite[f].mu) {
             reg("muparser", benchMu);
@@ -389,7 +402,6 @@ void crossCheck()
             auto close = [&](double got) {
                 return std::fabs(got - want) <= 1e-6 * std::max(1.0, std::fabs(want));
             };
-            (void)close;
 #ifdef OXEL_BENCH_MUPARSER
             if (kSuite[f].mu) {
                 MuSetup m(kSuite[f].mu);
@@ -407,6 +419,12 @@ void crossCheck()
                     std::printf("warning: fparser disagrees on '%s'\n", kSuite[f].fp);
             }
 #endif
+            double plain = 0.0;
+            const double* cols[kDeclared];
+            for (int i = 0; i < kDeclared; ++i)
+                cols[i] = columns()[i] + r;
+            if (plainLoop(f) && (plainLoop(f)(cols, 1, &plain), !close(plain)))
+                std::printf("warning: the plain loop disagrees on '%s'\n", kSuite[f].oxel);
             int en = 0;
             double nat = 0.0;
             kSuite[f].native(row, kStride, nullptr, 1, &nat, &en);
@@ -548,6 +566,7 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     printSummary();
+    printPlainSummary(&perPoint);
     printGradientSummary(g_times);
     return 0;
 }

@@ -43,6 +43,12 @@ struct GradientFormula {
 extern const GradientFormula kGradientSuite[];
 extern const int kNumGradientFormulas;
 
+// The formula as a plain C++ loop over the columns (plain.cpp), null where there is none, and
+// the table of the one-thread column batch against it, from the times per point.
+using PlainLoop = void (*)(const double* const* columns, int n, double* res);
+PlainLoop plainLoop(int f);
+void printPlainSummary(double (*perPoint)(const char* kind, int f));
+
 // kPoints rows of kStride values each, the same for every run.
 const std::vector<double>& rows();
 // The same points as one array per declared variable.

@@ -1,12 +1,18 @@
 // Four-lane AVX2 column loops: + - * / with their results tested (a result below 2^1022 in
 // magnitude is the kernel's own, see point_jit.cpp; other lanes run the kernel), min, max,
-// comparisons, connectives, negation, abs and sqrt, all of them the scalar kernels' bits.
+// comparisons, connectives, negation, abs, sqrt, exp and ln (vector_math.h), all of them the
+// scalar kernels' bits.
 #include "program/native/wide.h"
 
 #include <array>
 #include <utility>
 
 #include "program/native/native.h"
+
+#if defined(__x86_64__) && defined(__GNUC__) && defined(OXEL_VECTOR_MATH)
+#include "nodes/vector_math.h"
+#define OXN_MATH 1
+#endif
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
@@ -121,6 +127,29 @@ template <Kind K, bool AConst, bool BConst>
     X(OxLessEqual) X(OxGreaterEqual) X(OxEqual) X(OxAnd) X(OxOr) X(OxNot) X(OxBetrag)       \
     X(OxSqroot)
 
+#ifdef OXN_MATH
+// exp and ln through the four-lane forms that give the C library's bits (vector_math.h).
+template <bool IsExp>
+void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
+{
+    (IsExp ? &oxm::expColumn : &oxm::logColumn)(f.cols[in.a], f.cols[in.out], f.err, f.n);
+}
+
+oxb::Runner mathRunner(Kind kind)
+{
+    if (kind == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
+        return &mathLoop<true>;
+    if (kind == Kind::OxLn && oxm::serves(oxm::Fn::Log))
+        return &mathLoop<false>;
+    return nullptr;
+}
+#else
+oxb::Runner mathRunner(Kind)
+{
+    return nullptr;
+}
+#endif
+
 bool haveAvx2()
 {
     static const bool have = __builtin_cpu_supports("avx2");
@@ -131,6 +160,9 @@ bool haveAvx2()
 
 oxb::Runner wideRunner(const oxp::Step& s)
 {
+    // The vector math has its own switch, OXEL_VECTOR_MATH, and needs no generated code.
+    if (oxb::Runner math = mathRunner(s.kind))
+        return math;
     if (!enabled() || !haveAvx2() || oxp::plannedPower(s))
         return nullptr;
     const bool aConst = s.a.mode == oxp::Operand::Const;

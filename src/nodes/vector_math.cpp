@@ -1,0 +1,233 @@
+// The four-lane exp and log (see vector_math.h); compiled with -ffp-contract=off: every fused
+// multiply-add below is written out, and no other product may be fused.
+#include "nodes/vector_math.h"
+
+#include <cstdint>
+
+#include <immintrin.h>
+
+#include "nodes/kernels.h"
+#include "nodes/vector_math_tables.h"
+
+namespace oxm {
+namespace {
+
+using namespace tables;
+
+#define OXM_AVX2 [[gnu::target("avx2,fma"), gnu::always_inline]] inline
+
+OXM_AVX2 __m256d k(double v)
+{
+    return _mm256_set1_pd(v);
+}
+
+OXM_AVX2 __m256d fma(__m256d a, __m256d b, __m256d c)
+{
+    return _mm256_fmadd_pd(a, b, c);
+}
+
+OXM_AVX2 __m256d bits(__m256i v)
+{
+    return _mm256_castsi256_pd(v);
+}
+
+OXM_AVX2 __m256i ints(__m256d v)
+{
+    return _mm256_castpd_si256(v);
+}
+
+// Four pairs {t[2j], t[2j+1]} of the table, j from the lanes of index: first and second
+// members. Plain loads of 16 bytes beat the gather instruction here.
+OXM_AVX2 void pairs(const double* t, __m256i index, __m256d& first, __m256d& second)
+{
+    alignas(32) int64_t j[4];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(j), index);
+    const __m256d p02 = _mm256_set_m128d(_mm_load_pd(t + 2 * j[2]), _mm_load_pd(t + 2 * j[0]));
+    const __m256d p13 = _mm256_set_m128d(_mm_load_pd(t + 2 * j[3]), _mm_load_pd(t + 2 * j[1]));
+    first = _mm256_unpacklo_pd(p02, p13);
+    second = _mm256_unpackhi_pd(p02, p13);
+}
+
+OXM_AVX2 int lanes(__m256d mask)
+{
+    return _mm256_movemask_pd(mask);
+}
+
+// exp(x) = 2^(k/N) exp(r) with x = k ln2/N + r, |r| <= ln2/2N; 2^(k/N) from the table as
+// scale (1 + tail); exp(r) - 1 by a polynomial. |x| in [512, 1024) rescales to keep scale
+// a normal number; |x| < 2^-54 gives 1 + x. Lanes in *away take the scalar function.
+OXM_AVX2 __m256d exp4(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256d outside = _mm256_cmp_pd(ax, k(1024.0), _CMP_NLT_UQ);  // NaN included
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-54), _CMP_LT_OQ);
+    const __m256d large = _mm256_cmp_pd(ax, k(512.0), _CMP_GE_OQ);
+    // Lanes of another path compute on zero: subnormal arithmetic in dead lanes is slow.
+    const __m256d xs = _mm256_andnot_pd(_mm256_or_pd(outside, tiny), x);
+
+    __m256d kd = fma(xs, k(kInvLn2N), k(kShift));
+    const __m256i ki = ints(kd);
+    kd = _mm256_sub_pd(kd, k(kShift));
+    __m256d r = fma(kd, k(kNegLn2HiN), xs);
+    r = fma(kd, k(kNegLn2LoN), r);
+    __m256d tail, scaleBits;
+    pairs(reinterpret_cast<const double*>(kExpTable), _mm256_and_si256(ki, _mm256_set1_epi64x(127)),
+          tail, scaleBits);
+    const __m256i sbits = _mm256_add_epi64(ints(scaleBits), _mm256_slli_epi64(ki, 45));
+    const __m256d p23 = fma(r, k(kExpC3), k(kExpC2));
+    const __m256d tr = _mm256_add_pd(tail, r);
+    const __m256d r2 = _mm256_mul_pd(r, r);
+    const __m256d p45 = fma(r, k(kExpC5), k(kExpC4));
+    const __m256d lowTerms = fma(p23, r2, tr);
+    const __m256d r4 = _mm256_mul_pd(r2, r2);
+    const __m256d tmp = fma(r4, p45, lowTerms);
+    const __m256d scale = bits(sbits);
+    __m256d y = fma(scale, tmp, scale);
+
+    int awayMask = lanes(outside);
+    const __m256d big = _mm256_andnot_pd(outside, large);
+    if (lanes(big)) {
+        // k > 0: the scale's exponent may have overflowed; take 2^1009 out of it.
+        const __m256d up = bits(_mm256_sub_epi64(sbits, _mm256_set1_epi64x(1009ll << 52)));
+        const __m256d yUp = _mm256_mul_pd(fma(up, tmp, up), k(0x1p1009));
+        // k < 0: 2^-1022 out of it; results below 2^-1022 are subnormal (scalar lanes).
+        const __m256d down = bits(_mm256_add_epi64(sbits, _mm256_set1_epi64x(1022ll << 52)));
+        const __m256d sum = _mm256_add_pd(down, _mm256_mul_pd(down, tmp));
+        const __m256d yDown = _mm256_mul_pd(sum, k(0x1p-1022));
+        const __m256d negative = _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ);
+        y = _mm256_blendv_pd(y, _mm256_blendv_pd(yUp, yDown, negative), big);
+        awayMask |= lanes(_mm256_and_pd(_mm256_and_pd(big, negative),
+                                        _mm256_cmp_pd(sum, k(1.0), _CMP_LT_OQ)));
+    }
+    y = _mm256_blendv_pd(y, _mm256_add_pd(k(1.0), x), tiny);
+    away = awayMask;
+    return y;
+}
+
+// log(x) near 1 (x in [1 - 2^-4, 1 + 0x1.09p-4)): r = x - 1 and a polynomial, with r split
+// so that r - r^2/2 is exact.
+OXM_AVX2 __m256d logNearOne(__m256d x)
+{
+    const __m256d r = _mm256_sub_pd(x, k(1.0));
+    const __m256d r2 = _mm256_mul_pd(r, r);
+    const __m256d r3 = _mm256_mul_pd(r, r2);
+    const __m256d p12 = fma(r2, k(kLogB3), fma(r, k(kLogB2), k(kLogB1)));
+    const __m256d p45 = fma(r2, k(kLogB6), fma(r, k(kLogB5), k(kLogB4)));
+    __m256d p78 = fma(r2, k(kLogB9), fma(r, k(kLogB8), k(kLogB7)));
+    p78 = fma(r3, k(kLogB10), p78);
+    const __m256d p = fma(fma(p78, r3, p45), r3, p12);
+    const __m256d w = fma(r, k(0x1p27), r);
+    const __m256d rhi = _mm256_fnmadd_pd(k(0x1p27), r, w);
+    const __m256d rlo = _mm256_sub_pd(r, rhi);
+    const __m256d rhi2 = _mm256_mul_pd(rhi, rhi);
+    const __m256d hi = fma(rhi2, k(kLogB0), r);
+    __m256d lo = fma(rhi2, k(kLogB0), _mm256_sub_pd(r, hi));
+    lo = fma(_mm256_mul_pd(k(kLogB0), rlo), _mm256_add_pd(rhi, r), lo);
+    return _mm256_add_pd(hi, fma(p, r3, lo));
+}
+
+// log(x) = k ln2 + log(c) + log1p(z/c - 1), x = 2^k z with z in [0x1.6p-1, 0x1.6p0) and c near
+// z from the table (its 1/c exact); log1p(r) - r by a polynomial.
+OXM_AVX2 __m256d logMain(__m256d x)
+{
+    const __m256i ix = ints(x);
+    const __m256i tmp = _mm256_sub_epi64(ix, _mm256_set1_epi64x(0x3fe6000000000000ll));
+    const __m256i i = _mm256_and_si256(_mm256_srli_epi64(tmp, 45), _mm256_set1_epi64x(127));
+    // k = tmp >> 52, arithmetic: AVX2 shifts only 32-bit lanes so, from the high halves.
+    const __m256i high = _mm256_permutevar8x32_epi32(_mm256_srai_epi32(tmp, 20),
+                                                     _mm256_setr_epi32(1, 3, 5, 7, 1, 3, 5, 7));
+    const __m256d kd = _mm256_cvtepi32_pd(_mm256_castsi256_si128(high));
+    const __m256i iz =
+        _mm256_sub_epi64(ix, _mm256_and_si256(tmp, _mm256_set1_epi64x(0xfffll << 52)));
+    __m256d invc, logc;
+    pairs(kLogTable, i, invc, logc);
+    const __m256d r = fma(bits(iz), invc, k(-1.0));
+    const __m256d w = fma(kd, k(kLn2Hi), logc);
+    const __m256d hi = _mm256_add_pd(r, w);
+    const __m256d lo = fma(kd, k(kLn2Lo), _mm256_add_pd(_mm256_sub_pd(w, hi), r));
+    const __m256d r2 = _mm256_mul_pd(r, r);
+    const __m256d r3 = _mm256_mul_pd(r, r2);
+    const __m256d q = fma(fma(r, k(kLogA4), k(kLogA3)), r2, fma(r, k(kLogA2), k(kLogA1)));
+    return _mm256_add_pd(fma(r3, q, fma(r2, k(kLogA0), lo)), hi);
+}
+
+OXM_AVX2 __m256d log4(__m256d x, int& away)
+{
+    const __m256d near = _mm256_and_pd(_mm256_cmp_pd(x, k(1.0 - 0x1p-4), _CMP_GE_OQ),
+                                       _mm256_cmp_pd(x, k(1.0 + 0x1.09p-4), _CMP_LT_OQ));
+    const __m256d normal = _mm256_and_pd(_mm256_cmp_pd(x, k(0x1p-1022), _CMP_GE_OQ),
+                                         _mm256_cmp_pd(x, k(__builtin_inf()), _CMP_LT_OQ));
+    const __m256d served = _mm256_or_pd(near, normal);
+    away = 15 & ~lanes(served);
+    const __m256d xs = _mm256_and_pd(served, x);
+    const int nearLanes = lanes(near);
+    if (nearLanes == 15)
+        return logNearOne(xs);
+    if (nearLanes == 0)
+        return logMain(xs);
+    return _mm256_blendv_pd(logMain(xs), logNearOne(xs), near);
+}
+
+// Four rows at a time; lanes away from the four-lane path, and the rows that raise, run the
+// kernel (which also records their codes).
+template <bool IsExp>
+[[gnu::target("avx2,fma")]] void column(const double* x, double* r, int* err, int n)
+{
+    for (int i = 0; i < n; i += 4) {
+        const __m256d v = _mm256_loadu_pd(x + i);
+        int away;
+        __m256d y;
+        if constexpr (IsExp) {
+            y = exp4(v, away);
+            away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
+        } else {
+            y = log4(v, away);
+        }
+        _mm256_storeu_pd(r + i, y);
+        for (; away; away &= away - 1) {
+            const int j = i + __builtin_ctz(static_cast<unsigned>(away));
+            if (j < n)
+                r[j] = IsExp ? oxk::eval_OxExp(x[j], err[j]) : oxk::eval_OxLn(x[j], err[j]);
+        }
+    }
+}
+
+// The four-lane paths assume rounding to nearest, no flush to zero and no denormals-are-zero
+// (MXCSR bits 13-14, 15 and 6); a host may change them at any time.
+bool plainRounding()
+{
+    return (_mm_getcsr() & 0xe040u) == 0;
+}
+
+template <bool IsExp>
+void guarded(const double* x, double* r, int* err, int n)
+{
+    if (plainRounding()) {
+        column<IsExp>(x, r, err, n);
+        return;
+    }
+    for (int i = 0; i < n; ++i)
+        r[i] = IsExp ? oxk::eval_OxExp(x[i], err[i]) : oxk::eval_OxLn(x[i], err[i]);
+}
+
+}  // namespace
+
+[[gnu::target("avx2,fma")]] int apply4(Fn fn, const double* x, double* r)
+{
+    int away;
+    const __m256d v = _mm256_loadu_pd(x);
+    _mm256_storeu_pd(r, fn == Fn::Exp ? exp4(v, away) : log4(v, away));
+    return away;
+}
+
+void expColumn(const double* x, double* r, int* err, int n)
+{
+    guarded<true>(x, r, err, n);
+}
+
+void logColumn(const double* x, double* r, int* err, int n)
+{
+    guarded<false>(x, r, err, n);
+}
+
+}  // namespace oxm

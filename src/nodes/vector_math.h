@@ -1,0 +1,40 @@
+// Four-lane exp and log that give the C library's bits: the batch program's exp and ln columns.
+//
+// They follow the algorithm of the table-based exp and log that glibc 2.36 runs on x86-64 with
+// AVX2 and FMA (its FMA build), operation for operation, with every fused multiply-add where
+// that build has one (the file is compiled with -ffp-contract=off so that the compiler adds
+// none). Lanes outside the common path (exp: NaN, infinities, |x| >= 1024, results that
+// overflow or are subnormal; log: x <= 0, subnormal x, infinity, NaN) go to the scalar
+// function. Whether they serve is decided once per process by a self-check against the
+// running C library (see vector_math_check.cpp).
+#ifndef OXEL_NODES_VECTOR_MATH_H
+#define OXEL_NODES_VECTOR_MATH_H
+
+#include <oxel/export.h>
+
+namespace oxm {
+
+enum class Fn { Exp, Log };
+
+// The four-lane form serves fn in this process: AVX2 and FMA, glibc 2.36, rounding to
+// nearest, OXEL_VECTOR_MATH not "0" and the self-check passed. Decided at the first call.
+OXEL_API bool serves(Fn fn);
+
+// The self-check: the four-lane form against reference (the C library's function) on inputs
+// that tell the C library's builds apart and on pseudo-random inputs of every branch; true
+// when all agree bit for bit. Only where the processor has AVX2 and FMA.
+OXEL_API bool selfCheck(Fn fn, double (*reference)(double));
+
+// r[i] = fn(x[i]) for four lanes; the result has bit i set for each lane the four-lane path
+// does not cover (its r[i] is then meaningless). Only where the processor has AVX2 and FMA.
+OXEL_API int apply4(Fn fn, const double* x, double* r);
+
+// The columns of the kernels eval_OxExp and eval_OxLn over n rows: values and codes as the
+// kernel gives them row by row. Reads and writes n rounded up to four values (the columns of
+// the batch program hold whole blocks). Only where serves(fn).
+void expColumn(const double* x, double* r, int* err, int n);
+void logColumn(const double* x, double* r, int* err, int n);
+
+}  // namespace oxm
+
+#endif

@@ -1,0 +1,188 @@
+// Whether the four-lane exp and log serve: the switch, the host's C library and processor,
+// and the self-check against the running C library.
+#include "nodes/vector_math.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include <xmmintrin.h>
+#if defined(__GLIBC__)
+#include <gnu/libc-version.h>
+#endif
+
+namespace oxm {
+namespace {
+
+// Inputs where a build of the same algorithm without fused multiply-adds (the C library's
+// variant for processors without FMA) rounds differently: a check that passes them runs
+// against the FMA build. Spread over the branches: exp on [-10, 10], [-700, 700], [512, 710),
+// (-740, -512]; log near 1, on (0, 10], over all exponents, on [1/2, 2].
+const double kExpSeparating[] = {
+    -0x1.c2c0be93dfeap+0,   0x1.78381dd251dap+1,    -0x1.498cf4daabbcp-1,
+    0x1.e29af9b84e4e4p+1,   -0x1.18696df7d9f84p+3,  0x1.571cb38bc75ap+0,
+    -0x1.d35dbe338f258p+1,  0x1.6bba5fd68356p+2,    -0x1.888775d367dacp+2,
+    0x1.39050efc19f0cp+3,   -0x1.4c9d1573081c6p+2,  0x1.3f6de26335752p+2,
+    0x1.e4a7075100d6cp+8,   0x1.02a8ef0f0b2fap+8,   -0x1.b4c351b9c1da5p+8,
+    0x1.11ac29fc21cfcp+7,   -0x1.56eb39cd704a8p+7,  0x1.430f742dfb976p+8,
+    -0x1.355e53172aa4bp+8,  0x1.0502466047af6p+9,   0x1.1ca71550c7298p+9,
+    0x1.30e72b50fa334p+7,   -0x1.a084a193f12fcp+8,  0x1.00a4be600a1a8p+6,
+    0x1.37d2f17937ceap+9,   0x1.4d9c6cd21a344p+9,   0x1.4e0a4065880a9p+9,
+    0x1.625f74c981555p+9,   0x1.3e2039002fa67p+9,   0x1.11852dd5d8934p+9,
+    0x1.41e3bbb66b597p+9,   0x1.5cae793d79032p+9,   0x1.1129186217ffcp+9,
+    0x1.5b133ac45e565p+9,   0x1.0150fa2c58f6bp+9,   0x1.601ca59ac0ba1p+9,
+    -0x1.1b4ac96b395b1p+9,  -0x1.610bb18132889p+9,  -0x1.23d2764d06c7dp+9,
+    -0x1.0dab3accf63dbp+9,  -0x1.5b3363bc3a1a3p+9,  -0x1.1ac5a60c2a706p+9,
+    -0x1.41b065b366fadp+9,  -0x1.3f483bd3473e9p+9,  -0x1.60cf986b493efp+9,
+    -0x1.2cdd5ea3f6647p+9,  -0x1.3d2ae66b8e9bep+9,  -0x1.2537d7267ec36p+9,
+};
+const double kLogSeparating[] = {
+    0x1.f00fe3257751dp-1,  0x1.0cadafc35d311p+0,  0x1.0ed6358d75a3fp+0,
+    0x1.084ad3b0b7336p+0,  0x1.e1d8bc332fdffp-1,  0x1.e9e21325e7b77p-1,
+    0x1.0d738c52e99b8p+0,  0x1.e88791a3d57fp-1,   0x1.fa2efc4463238p-1,
+    0x1.ec135ee54efffp-1,  0x1.07fb636559ac4p+0,  0x1.e3486dd571616p-1,
+    0x1.38811d5c90702p+1,  0x1.856978dc7c23p+2,   0x1.6ac4eb6da49d7p+0,
+    0x1.43f79fe6e79dep+2,  0x1.9b872db73df9bp+0,  0x1.40a88ad5b55dcp+0,
+    0x1.147665d8e94b1p+0,  0x1.ae22357c5f07cp+1,  0x1.36ef27445767ep+0,
+    0x1.b286083eca048p+2,  0x1.0cbf9bfdaaa21p+0,  0x1.f76692fd0d3fp+1,
+    0x1.9c696ba65252dp+0,  0x1.b4093d00b572cp-1,  0x1.e7fc5a723cfeep+0,
+    0x1.4082f0c76265dp+0,  0x1.4498bd3e76008p+0,  0x1.e33688ce258a9p-1,
+    0x1.5c98d1627ab71p+0,  0x1.c9f621d697d5dp-1,  0x1.a2203cc1fad8cp-1,
+    0x1.1d65001fdb00fp+0,  0x1.e08958304407ep-1,  0x1.399fb04cd59d3p+0,
+    0x1.d8cee170ac53ap-1,  0x1.c53bd23921406p-1,  0x1.1ccb90f195dc6p+0,
+    0x1.feccb0af64ccep+0,  0x1.e0c288d759c7p+0,   0x1.34974236257e7p+0,
+    0x1.7883251876898p+0,  0x1.84182e6692458p-1,  0x1.1a0ddbe17390ap+0,
+    0x1.153241cd9271ep+0,  0x1.ce48c6ffeb246p-1,  0x1.c6f28d8ce7f8ep-1,
+};
+
+// Ranges [lo, hi) of every branch, random inputs from each; {0, 0}: random bit patterns (for
+// log without the sign: every exponent alike).
+struct Range {
+    double lo, hi;
+};
+const Range kExpRanges[] = {{-0x1p-50, 0x1p-50}, {-1.0, 1.0},     {-10.0, 10.0},
+                            {-708.0, 708.0},     {512.0, 709.7},  {-745.2, -512.0},
+                            {0.0, 0.0}};
+const Range kLogRanges[] = {{0.9375, 1.0647}, {0x1p-1022, 0x1p-1000}, {0.0, 10.0},
+                            {0.5, 2.0},       {0.0, 0.0}};
+const int kPerRange = 256;
+
+struct Rng {
+    uint64_t s = 0x9e3779b97f4a7c15ull;
+    uint64_t next()
+    {
+        s ^= s << 13;
+        s ^= s >> 7;
+        s ^= s << 17;
+        return s;
+    }
+    double in(const Range& r, uint64_t signMask)
+    {
+        if (r.lo == r.hi) {
+            const uint64_t b = next() & signMask;
+            double v;
+            std::memcpy(&v, &b, sizeof v);
+            return v;
+        }
+        return r.lo + (r.hi - r.lo) * static_cast<double>(next() >> 11) * 0x1p-53;
+    }
+};
+
+bool sameBits(double a, double b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Four inputs at once: every lane the four-lane path serves gives the reference's bits.
+bool agree(Fn fn, double (*reference)(double), const double* x)
+{
+    double r[4];
+    const int away = apply4(fn, x, r);
+    for (int i = 0; i < 4; ++i)
+        if (!(away >> i & 1) && !sameBits(r[i], reference(x[i])))
+            return false;
+    return true;
+}
+
+template <size_t N>
+bool agreeAll(Fn fn, double (*reference)(double), const double (&xs)[N])
+{
+    static_assert(N % 4 == 0, "four lanes at a time");
+    for (size_t i = 0; i < N; i += 4)
+        if (!agree(fn, reference, xs + i))
+            return false;
+    return true;
+}
+
+template <size_t N>
+bool agreeRandom(Fn fn, double (*reference)(double), const Range (&ranges)[N])
+{
+    Rng rng;
+    for (const Range& range : ranges) {
+        for (int i = 0; i < kPerRange; i += 4) {
+            double x[4];
+            for (double& v : x)
+                v = rng.in(range, fn == Fn::Exp ? ~0ull : ~0ull >> 1);
+            if (!agree(fn, reference, x))
+                return false;
+        }
+    }
+    return true;
+}
+
+bool hostFits()
+{
+#if defined(__x86_64__) && defined(__GLIBC__)
+    if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma"))
+        return false;
+    if (std::strcmp(gnu_get_libc_version(), "2.36") != 0)
+        return false;
+    const char* v = std::getenv("OXEL_VECTOR_MATH");
+    return !(v && std::strcmp(v, "0") == 0);
+#else
+    return false;
+#endif
+}
+
+double cExp(double x)
+{
+    return std::exp(x);
+}
+
+double cLog(double x)
+{
+    return std::log(x);
+}
+
+bool decide(Fn fn)
+{
+    if (!hostFits())
+        return false;
+    return selfCheck(fn, fn == Fn::Exp ? &cExp : &cLog);
+}
+
+}  // namespace
+
+bool selfCheck(Fn fn, double (*reference)(double))
+{
+    // Rounding to nearest without flushing for the check, whatever the host has set; the
+    // columns test it again on every use.
+    const unsigned csr = _mm_getcsr();
+    _mm_setcsr(csr & ~0xe040u);
+    const bool ok = fn == Fn::Exp ? agreeAll(fn, reference, kExpSeparating) &&
+                                        agreeRandom(fn, reference, kExpRanges)
+                                  : agreeAll(fn, reference, kLogSeparating) &&
+                                        agreeRandom(fn, reference, kLogRanges);
+    _mm_setcsr(csr);
+    return ok;
+}
+
+bool serves(Fn fn)
+{
+    static const bool exp = decide(Fn::Exp);
+    static const bool log = decide(Fn::Log);
+    return fn == Fn::Exp ? exp : log;
+}
+
+}  // namespace oxm

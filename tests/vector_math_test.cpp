@@ -1,0 +1,210 @@
+// The four-lane exp and log against the C library bit for bit, their self-check, and the
+// batch program's exp and ln columns against eval.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <oxel/oxel.h>
+
+#include "node_probe.h"
+
+#if defined(__x86_64__) && defined(__GLIBC__)
+#include <gnu/libc-version.h>
+
+#include "nodes/vector_math.h"
+
+namespace {
+
+using oxm::Fn;
+
+bool hasAvx2Fma()
+{
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+}
+
+bool isGlibc236()
+{
+    return std::strcmp(gnu_get_libc_version(), "2.36") == 0;
+}
+
+double fromBits(uint64_t b)
+{
+    double v;
+    std::memcpy(&v, &b, sizeof v);
+    return v;
+}
+
+bool sameBits(double a, double b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Special values and a few ulps either side of every branch's threshold, then random inputs:
+// uniform on the common ranges, uniform in the exponent, and raw bit patterns.
+std::vector<double> inputs(Fn fn, int randomCount)
+{
+    std::vector<double> xs = {0.0, -0.0, INFINITY, -INFINITY, NAN, -NAN, 1.0, -1.0, DBL_MAX,
+                              -DBL_MAX, DBL_MIN, -DBL_MIN, DBL_TRUE_MIN, -DBL_TRUE_MIN};
+    const double exps[] = {0x1p-54, 512.0, 1024.0, 709.782712893384, 708.3964185322641,
+                           745.1332191019411, 744.4400719213812, 0x1.62e42fefa39efp-8};
+    const double logs[] = {1.0 - 0x1p-4, 1.0 + 0x1.09p-4, 0x1p-1022, 0x1.6p-1, 0x1.6p0, 0x1.6p-600,
+                           0x1.6p700, 1.0, 2.0, 0.5};
+    auto around = [&](double t) {
+        for (double s : {t, -t}) {
+            double lo = s, hi = s;
+            for (int i = 0; i < 8; ++i) {
+                xs.push_back(lo = std::nextafter(lo, -INFINITY));
+                xs.push_back(hi = std::nextafter(hi, INFINITY));
+            }
+            xs.push_back(s);
+        }
+    };
+    if (fn == Fn::Exp)
+        for (double t : exps)
+            around(t);
+    else
+        for (double t : logs)
+            around(t);
+    std::mt19937_64 rng(fn == Fn::Exp ? 31 : 32);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const double lo[2][3] = {{-10.0, -745.2, -60.0}, {0.0, 0.9, -1074.0}};
+    const double hi[2][3] = {{10.0, 709.8, 10.0}, {10.0, 1.1, 1024.0}};
+    const int f = fn == Fn::Exp ? 0 : 1;
+    for (int i = 0; i < randomCount; ++i) {
+        const int kind = i % 4;
+        if (kind == 3) {
+            xs.push_back(fromBits(rng()));
+        } else if (kind == 2) {  // exponent-uniform, either sign for exp
+            const double m = std::ldexp(1.0 + unit(rng), static_cast<int>(lo[f][2] + unit(rng) *
+                                                                          (hi[f][2] - lo[f][2])));
+            xs.push_back(f == 0 && rng() % 2 ? -m : m);
+        } else {
+            xs.push_back(lo[f][kind] + unit(rng) * (hi[f][kind] - lo[f][kind]));
+        }
+    }
+    while (xs.size() % 4)
+        xs.push_back(1.0);
+    return xs;
+}
+
+TEST(VectorMath, KernelsGiveTheCLibraryBits)
+{
+    if (!hasAvx2Fma() || !isGlibc236())
+        GTEST_SKIP() << "the kernels follow glibc 2.36's FMA build";
+    for (Fn fn : {Fn::Exp, Fn::Log}) {
+        const std::vector<double> xs = inputs(fn, 1000000);
+        int served = 0, wrong = 0, wronglyAway = 0;
+        for (size_t i = 0; i < xs.size(); i += 4) {
+            double r[4];
+            const int away = oxm::apply4(fn, &xs[i], r);
+            for (int l = 0; l < 4; ++l) {
+                const double x = xs[i + static_cast<size_t>(l)];
+                const double want = fn == Fn::Exp ? std::exp(x) : std::log(x);
+                // Away exactly where the C library leaves its common path: exp for |x| >= 1024,
+                // NaN and results below 2^-1022; log for x <= 0, subnormal x, infinity, NaN.
+                const bool mustGo = fn == Fn::Exp
+                                        ? !(std::fabs(x) < 1024.0) || want < 0x1p-1022
+                                        : !(x >= DBL_MIN && x < INFINITY);
+                const bool mayGo = mustGo || (fn == Fn::Exp && want == 0x1p-1022);
+                if (away >> l & 1) {
+                    wronglyAway += !mayGo;
+                } else {
+                    ++served;
+                    wronglyAway += mustGo;
+                    if (!sameBits(r[l], want) && wrong++ < 5)
+                        ADD_FAILURE() << (fn == Fn::Exp ? "exp(" : "log(") << std::hexfloat << x
+                                      << ") = " << r[l] << ", C library " << want;
+                }
+            }
+        }
+        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(wronglyAway, 0);
+        EXPECT_GT(served, 700000);
+    }
+}
+
+// References that differ from the C library on one branch only, or on one input in 64
+// anywhere (as a build that rounds some products differently would): each is refused.
+TEST(VectorMath, SelfCheckRefusesAnotherVariant)
+{
+    if (!hasAvx2Fma())
+        GTEST_SKIP() << "no AVX2 and FMA";
+    if (isGlibc236()) {
+        EXPECT_TRUE(oxm::selfCheck(Fn::Exp, [](double x) { return std::exp(x); }));
+        EXPECT_TRUE(oxm::selfCheck(Fn::Log, [](double x) { return std::log(x); }));
+    }
+    auto off = [](double v) { return std::nextafter(v, INFINITY); };
+    auto rare = [](double x) {
+        uint64_t b;
+        std::memcpy(&b, &x, sizeof b);
+        return (b * 0x9e3779b97f4a7c15ull) >> 58 == 0;
+    };
+    static double (*const exps[])(double) = {
+        [](double x) { return 0 < x && x < 1e-20 ? std::nextafter(std::exp(x), 0.) : std::exp(x); },
+        [](double x) { return x >= 512 ? std::nextafter(std::exp(x), INFINITY) : std::exp(x); },
+        [](double x) { return x <= -512 ? std::nextafter(std::exp(x), INFINITY) : std::exp(x); },
+        [](double x) { return x > 2 && x < 5 ? std::nextafter(std::exp(x), 0.0) : std::exp(x); },
+    };
+    static double (*const logs[])(double) = {
+        [](double x) { return x > 1 && x < 1.05 ? std::nextafter(std::log(x), 0.0) : std::log(x); },
+        [](double x) { return x > 3 ? std::nextafter(std::log(x), INFINITY) : std::log(x); },
+        [](double x) { return x < 1e-300 ? std::nextafter(std::log(x), 0.0) : std::log(x); },
+    };
+    for (auto* f : exps)
+        EXPECT_FALSE(oxm::selfCheck(Fn::Exp, f));
+    for (auto* f : logs)
+        EXPECT_FALSE(oxm::selfCheck(Fn::Log, f));
+    static bool (*rareInput)(double) = rare;
+    static double (*offBy)(double) = off;
+    EXPECT_FALSE(oxm::selfCheck(
+        Fn::Exp, [](double x) { return rareInput(x) ? offBy(std::exp(x)) : std::exp(x); }));
+    EXPECT_FALSE(oxm::selfCheck(
+        Fn::Log, [](double x) { return rareInput(x) ? offBy(std::log(x)) : std::log(x); }));
+}
+
+// The vector forms serve on this kind of host unless switched off; the ctest entries that run
+// under OXEL_VECTOR_MATH=0 or with the C library's FMA build disabled set
+// OXEL_EXPECT_SCALAR_MATH, and there they must not.
+TEST(VectorMath, ServesWhereExpected)
+{
+    const bool expected = !std::getenv("OXEL_EXPECT_SCALAR_MATH") && hasAvx2Fma() && isGlibc236();
+    EXPECT_EQ(oxm::serves(Fn::Exp), expected);
+    EXPECT_EQ(oxm::serves(Fn::Log), expected);
+}
+
+}  // namespace
+
+#endif
+
+namespace {
+
+// exp and ln in the batch program (rows not a multiple of four, and more than a block; raising
+// rows among served ones) against the tree walk and eval: value bits, codes, slots.
+TEST(VectorMath, BatchColumnsMatchEval)
+{
+    const double special[] = {0.0,    -0.0,    1.0,    -1.0,  709.72,   709.7199,  710.0,
+                              -745.2, -720.0,  600.0,  -600.0, 1e-20,   NAN,       INFINITY,
+                              -INFINITY, 1e-310, DBL_MAX, 0.97, 1.03,    2.0};
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> wide(-750.0, 750.0);
+    for (const char* text : {"exp(x)", "ln(x)", "exp(x) - ln(y)", "ln(exp(x) + y)"}) {
+        OxelExpression e;
+        ASSERT_EQ(parseXyz(e, text, 2), 1) << text;
+        for (int n : {3, 257, 1031}) {
+            std::vector<double> rows(2 * static_cast<size_t>(n));
+            for (size_t i = 0; i < rows.size(); ++i)
+                rows[i] = i % 5 == 0 ? special[(i / 5) % std::size(special)]
+                                     : (i % 2 ? std::fabs(wide(rng)) / 50 : wide(rng));
+            EXPECT_EQ(exprMismatch(e, rows, 2), "") << text << ", " << n << " rows";
+        }
+    }
+}
+
+}  // namespace
