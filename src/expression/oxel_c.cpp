@@ -45,6 +45,9 @@ oxel_expr* adopt(OxelExpression* made)
     return h;
 }
 
+// Why this thread's last partial or gradient was refused.
+thread_local std::string refusal;
+
 } // namespace
 
 extern "C" {
@@ -129,6 +132,31 @@ oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var)
     return guarded<oxel_expr*>(nullptr, [expr, var] { return adopt(expr->expr->derivative(var)); });
 }
 
+oxel_expr* oxel_expr_partial(oxel_expr* expr, const char* var)
+{
+    refusal = !expr ? "no expression" : !var ? "no variable name" : "";
+    if (!expr || !var)
+        return nullptr;
+    return guarded<oxel_expr*>(nullptr, [expr, var] {
+        return adopt(expr->expr->partial(var, &refusal));
+    });
+}
+
+const char* oxel_last_refusal(void)
+{
+    return refusal.c_str();
+}
+
+void oxel_set_node_budget(long n)
+{
+    oxelSetNodeBudget(n);
+}
+
+long oxel_node_budget(void)
+{
+    return oxelNodeBudget();
+}
+
 oxel_expr* oxel_expr_simplified(const oxel_expr* expr)
 {
     if (!expr)
@@ -151,6 +179,7 @@ char* oxel_expr_print(const oxel_expr* expr)
 
 oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count, int order)
 {
+    refusal = "invalid arguments";
     if (!expr || count < 0 || (count > 0 && !names))
         return nullptr;
     return guarded<oxel_grad*>(nullptr, [=]() -> oxel_grad* {
@@ -160,7 +189,8 @@ oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int cou
                 return nullptr;
             list.emplace_back(names[i]);
         }
-        std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order);
+        refusal.clear();
+        std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order, &refusal);
         return g ? new oxel_grad{std::move(g)} : nullptr;
     });
 }
