@@ -63,7 +63,16 @@ bool keeps(double r, double a, double b, bool product)
 }
 
 
-E make(Term t) { return std::make_shared<const Term>(std::move(t)); }
+// Terms that this thread's normal form may still make (null: unbounded); past it, TooLarge.
+thread_local long* termsLeft = nullptr;
+struct TooLarge {};
+
+E make(Term t)
+{
+    if (termsLeft && --*termsLeft < 0)
+        throw TooLarge();
+    return std::make_shared<const Term>(std::move(t));
+}
 
 // A sum or product whose operands must keep their order keeps it; others sort by key.
 template <class Pairs>
@@ -608,10 +617,23 @@ bool thirds(double k)
 
 }  // namespace oxnf
 
+// Terms beyond one per node of the tree come from the node budget: multiplying out can grow
+// without bound, and is refused (null) when it would pass the budget.
 Oxel* oxelNormalized(Oxel* tree)
 {
     if (!tree)
         return nullptr;
     oxnf::draws = 0;
-    return oxnf::toTree(oxnf::fromTree(tree));
+    struct Scope {  // the count ends with this call however it ends
+        long left;
+        explicit Scope(long n) : left(n) { oxnf::termsLeft = &left; }
+        ~Scope() { oxnf::termsLeft = nullptr; }
+    } scope(oxelNodeCount(tree) + oxelNodeBudget());
+    try {
+        oxnf::E e = oxnf::fromTree(tree);
+        oxnf::termsLeft = nullptr;
+        return oxnf::toTree(e);
+    } catch (const oxnf::TooLarge&) {
+        return nullptr;
+    }
 }

@@ -285,7 +285,8 @@ OxelExpression* OxelExpression::simplifiedFully() const
 
 OxelExpression* OxelExpression::normalized() const
 {
-    return root_ ? withSameNames(oxelNormalized(root_)) : nullptr;
+    Oxel* normal = root_ ? oxelNormalized(root_) : nullptr;  // null beyond the node budget
+    return normal ? withSameNames(normal) : nullptr;
 }
 
 KxString OxelExpression::toC() const { return oxelToC(root_); }
