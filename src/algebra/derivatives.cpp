@@ -297,7 +297,8 @@ Oxel* oxd::partialDiff(Oxel* tree, const char* var, long* nodes, std::string* wh
         else
             *why = "no derivative by '" + std::string(var) + "' can be formed: the formula "
                    "uses an operation without one (%, a bitwise operator, floor, rint, trunc, "
-                   "copysign, drem, fmod, a ';' sequence)";
+                   "copysign, drem, fmod, jn or yn of a varying order, a ';' sequence, a "
+                   "dependent variable beyond its derivative levels)";
     }
     return d;
 }
