@@ -94,12 +94,13 @@ OXEL_API long oxelDepth(Oxel* node);
 OXEL_API Oxel* oxelDerivative(Oxel* tree, const char* var);
 
 /// The node budget, process-wide: the most nodes that one derivative, one gradient (all its
-/// outputs together), one normal form or one simplification may build, counted while they
-/// are built; beyond it they refuse (null) instead of taking memory and time. Default
-/// oxelDefaultNodeBudget (about 0.3 GB and a few seconds at most); n <= 0 restores it.
+/// outputs together) or one normal form (beyond one term per node of its tree) may build,
+/// counted while they are built; beyond it they refuse (null) instead of taking memory and
+/// time. Default oxelDefaultNodeBudget (about half a gigabyte and ten seconds at most for a
+/// derivative that just fits, with its normal form); n <= 0 restores it.
 OXEL_API void oxelSetNodeBudget(long n);
 OXEL_API long oxelNodeBudget();
-const long oxelDefaultNodeBudget = 2000000;
+const long oxelDefaultNodeBudget = 1000000;
 
 /// Destroys a tree of any depth without recursion (plain delete recurses once per level).
 OXEL_API void oxelDestroy(Oxel* node);

@@ -58,8 +58,8 @@ OXEL_API oxel_expr* oxel_expr_partial(oxel_expr* expr, const char* var);
 /** Why the last oxel_expr_partial() or oxel_expr_gradient() of this thread gave NULL; "" after
  *  a success. Valid until this thread's next such call. */
 OXEL_API const char* oxel_last_refusal(void);
-/** The node budget of derivatives, gradients, normal forms and simplification
- *  (oxelSetNodeBudget); @p n <= 0 restores the default. */
+/** The node budget of derivatives, gradients and normal forms (oxelSetNodeBudget); @p n <= 0
+ *  restores the default. */
 OXEL_API void oxel_set_node_budget(long n);
 OXEL_API long oxel_node_budget(void);
 /** A new, simplified expression with the same variables; free it with oxel_expr_free(). */
@@ -77,7 +77,8 @@ typedef struct oxel_grad oxel_grad;
  *  the second derivatives (i, j), i <= j, row by row. Each output and code is what
  *  oxel_expr_eval() gives on the value or the oxel_expr_partial() expression (the code
  *  starting at 0). NULL for an unknown name, an order other than 1 or 2, or where a
- *  derivative cannot be formed; oxel_last_refusal() then says why. The handle does not depend on @p expr afterwards; free it with oxel_grad_free(). */
+ *  derivative cannot be formed; oxel_last_refusal() then says why. The handle does not
+ *  depend on @p expr afterwards; free it with oxel_grad_free(). */
 OXEL_API oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count,
                                        int order);
 /** Number of outputs; 0 for NULL. */

@@ -1,4 +1,4 @@
-// The process-wide node budget of derivatives, gradients, normal forms and simplification.
+// The process-wide node budget of derivatives, gradients and normal forms.
 #include <atomic>
 
 #include <oxel/core.h>
