@@ -127,7 +127,7 @@ TEST(Derivative, RefusedWhenTooLarge)
     testing::internal::CaptureStderr();
     EXPECT_EQ(0, e.initFromString(("diff(" + f + ", x)").c_str()));
     testing::internal::GetCapturedStderr();
-    EXPECT_STREQ("derivative too large near >)<", e.lastError());
+    EXPECT_STREQ("derivative larger than the node budget near >)<", e.lastError());
 }
 
 TEST(Derivative, BaseRuleAnnouncesAndCopies)

@@ -1,5 +1,5 @@
-// Tests of OxelGradient: every output and code against eval() of the separate derivative
-// expressions, at single points and over columns.
+// Tests of OxelGradient: every output and code against eval() of the separate partial
+// derivative expressions, at single points and over columns.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -34,10 +34,10 @@ std::vector<std::unique_ptr<OxelExpression>> separate(
     std::vector<std::unique_ptr<OxelExpression>> out;
     out.emplace_back(nullptr);  // the value: e itself
     for (const std::string& n : names)
-        out.emplace_back(e.derivative(n.c_str()));
+        out.emplace_back(e.partial(n.c_str()));
     for (size_t i = 0; order == 2 && i < names.size(); ++i)
         for (size_t j = i; j < names.size(); ++j)
-            out.emplace_back(out[1 + i] ? out[1 + i]->derivative(names[j].c_str()) : nullptr);
+            out.emplace_back(out[1 + i] ? out[1 + i]->partial(names[j].c_str()) : nullptr);
     for (size_t k = 1; k < out.size(); ++k)
         if (!out[k])
             return {};
@@ -314,27 +314,40 @@ TEST(Gradient, ThreadsShareOneGradient)
     }
 }
 
-// Null where a derivative is null or the request is bad; bad batch arguments are refused.
+// Null, with the reason, where a partial derivative is null or the request is bad; bad batch
+// arguments are refused.
 TEST(Gradient, NullCasesAndBadArguments)
 {
     const struct {
         const char* formula;
         std::vector<std::string> names;
         int order;
+        const char* why;  // a part of the reason
     } rows[] = {
-        { "x % 2 + y", { "x" }, 1 },  // the modulo refuses
-        { "a = x; a * y", { "x" }, 1 },  // several statements
-        { "x * y", { "q" }, 1 },  // unknown name
-        { "x * y", { "x" }, 3 },  // order
-        { "x * y", { "x" }, 0 },
-        { "floor(x) + y", { "y", "x" }, 2 },  // only the second derivative refuses
+        { "x % 2 + y", { "x" }, 1, "no derivative by 'x'" },  // the modulo refuses
+        { "a = x; a * y", { "x" }, 1, "no derivative by 'x'" },  // several statements
+        { "x * y", { "y", "q" }, 1, "unknown variable 'q'" },  // misspelt: no silent zero
+        { "x * y", { "x" }, 3, "order" },
+        { "x * y", { "x" }, 0, "order" },
+        { "floor(x) + y", { "y", "x" }, 2, "by 'x'" },  // only the second derivative refuses
+        { "y + (x < y)", { "x" }, 1, "'x < y' has no derivative" },  // no rule, nothing printed
+        { "exp(exp(exp(exp(x))))", { "x" }, 2, "node budget (40," },  // 9 + 39 + 92 + ... nodes
     };
+    int messages = 0;
+    oxelSetMessageHandler([](int, const char*, void* count) { ++*static_cast<int*>(count); },
+                          &messages);
+    oxelSetNodeBudget(40);
     for (const auto& row : rows) {
         OxelExpression e;
         declare(e);
         ASSERT_EQ(e.initFromString(row.formula), 1);
-        EXPECT_FALSE(e.gradient(row.names, row.order)) << row.formula;
+        std::string why;
+        EXPECT_FALSE(e.gradient(row.names, row.order, &why)) << row.formula;
+        EXPECT_NE(why.find(row.why), std::string::npos) << row.formula << ": " << why;
     }
+    oxelSetNodeBudget(0);
+    oxelSetMessageHandler(nullptr, nullptr);
+    EXPECT_EQ(messages, 0);
     OxelExpression e;
     declare(e);
     ASSERT_EQ(e.initFromString("x * y"), 1);

@@ -85,6 +85,39 @@ TEST(Normal, EqualFormsPrintTheSame)
     EXPECT_EQ(normal("(x*1 < 0 + y) + floor(x + x)"), normal("(x < y) + floor(2*x)"));
 }
 
+// Numbers are folded only where their folded value keeps the formula's: at each point the
+// formula is finite without a code, and so must its normal form be, within rounding.
+TEST(Normal, NoOverflowOrUnderflowFromFolding)
+{
+    const struct {
+        const char* text;
+        double x, y;
+    } rows[] = {
+        {"x*1e308 + x*1e308", 0.5, 0},  // 2e308 * x overflows for every x
+        {"x*1e200*1e200*y", 1e-200, 1},  // so does 1e400
+        {"x*1e308*2", 0.5, 0},
+        {"1e200 * (1e200*x + y)", 1e-200, 1},  // distributing the factor
+        {"x*1e-200*1e-200", 1e200, 0},  // 1e-400 is 0
+        {"x*1e-160*1e-160", 1e160, 0},  // 1e-320 is subnormal
+        {"x/1e-200/1e-200 + y", 1e-300, 1},
+        {"x*1e308 + x*1e308 + y*x", 0.5, 1},  // like terms kept apart stay apart in print
+    };
+    for (const auto& r : rows) {
+        Expr e = parsed(r.text);
+        ASSERT_TRUE(e);
+        Expr n(e->normalized());
+        ASSERT_TRUE(n);
+        int code;
+        const double want = evalAt(*e, {r.x, r.y}, code);
+        ASSERT_EQ(code, 0) << r.text;
+        const double got = evalAt(*n, {r.x, r.y}, code);
+        EXPECT_EQ(code, 0) << r.text << " -> " << n->toFormula().c_str();
+        EXPECT_NEAR(got, want, std::fabs(want) * 1e-15) << r.text;
+        Expr again(n->normalized());  // and normalizing again changes nothing
+        EXPECT_STREQ(again->toFormula().c_str(), n->toFormula().c_str());
+    }
+}
+
 // Random formulas over the whole language and their derivatives: the normal form reads back,
 // normalizing it again changes nothing, and it evaluates to the same values within rounding
 // wherever both evaluate without an error (formulas that jump at rounding are exempt there).

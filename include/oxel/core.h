@@ -89,9 +89,18 @@ OXEL_API long oxelDepth(Oxel* node);
 
 /// diff() with a size budget: rules that copy a derivative (expm1, atan2) double it per level of
 /// nesting, so a short text can ask for more nodes than memory holds. Returns null when the
-/// tree has no derivative or the derivative would need more than about two million nodes
+/// tree has no derivative or the derivative would need more nodes than the node budget
 /// (OxelExpression::derivative and diff() in formula text use it; Oxel::diff has no bound).
 OXEL_API Oxel* oxelDerivative(Oxel* tree, const char* var);
+
+/// The node budget, process-wide: the most nodes that one derivative, one gradient (all its
+/// outputs together) or one normal form (beyond one term per node of its tree) may build,
+/// counted while they are built; beyond it they refuse (null) instead of taking memory and
+/// time. Default oxelDefaultNodeBudget (about half a gigabyte and ten seconds at most for a
+/// derivative that just fits, with its normal form); n <= 0 restores it.
+OXEL_API void oxelSetNodeBudget(long n);
+OXEL_API long oxelNodeBudget();
+const long oxelDefaultNodeBudget = 1000000;
 
 /// Destroys a tree of any depth without recursion (plain delete recurses once per level).
 OXEL_API void oxelDestroy(Oxel* node);

@@ -84,6 +84,15 @@ public:
     /// Derivative by a variable or alias, not simplified; null where none exists. The
     /// derivative and the simplified copies below are new expressions owned by the caller.
     OxelExpression* derivative(const char* var) const;
+    /// The partial derivative for numerical use (gradients, optimisers, the normal form of a
+    /// derivative): the tree of derivative(), except that every sub-tree that does not depend
+    /// on var (no occurrence of it, of an assigned name that depends on it, or of a dependent
+    /// variable's argument that does) differentiates to exactly +0 and is not evaluated for
+    /// it. Where a sub-tree depends on var, its values and codes are derivative()'s. Null,
+    /// with the reason in *why when given, for a name that is neither a variable nor an alias,
+    /// for a node without a derivative rule that depends on var (a comparison, logic,
+    /// gauss(); nothing is printed), where no derivative exists, and beyond the node budget.
+    OxelExpression* partial(const char* var, std::string* why = nullptr) const;
     /// One simplification pass.
     OxelExpression* simplified() const;
     /// Repeats the simplification pass until the printed text stops changing.
@@ -114,11 +123,18 @@ public:
     /// The value with its derivatives by names (variables or aliases), evaluated together:
     /// order 1 gives the value and the gradient, order 2 adds the upper triangle of the
     /// Hessian (see OxelGradient). Null for an unknown name, an order other than 1 or 2, and
-    /// where derivative() of a requested name (or of such a derivative) gives null.
-    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order = 1);
+    /// where partial() of a requested name (or of such a partial) gives null; every output
+    /// together within the node budget. *why (when given) then says why.
+    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order,
+                                           std::string* why);
+    std::unique_ptr<OxelGradient> gradient(const std::vector<std::string>& names, int order = 1)
+    {
+        return gradient(names, order, nullptr);
+    }
 
 private:
     OxelExpression* withSameNames(Oxel* tree) const;
+    OxelExpression* partialWithin(const char* var, long* nodes, std::string* why) const;
     void installTree(Oxel* tree);
     void dropProgram();
     OxelProgram* batchProgram() const;
@@ -143,8 +159,8 @@ private:
 /// A value and its partial derivatives run as one program whose equal steps are computed
 /// once. Outputs: the value; d/d names[k] for each k; for order 2 then entry (i, j), i <= j,
 /// of the Hessian row by row (the derivative by names[i], then by names[j]). Each output and
-/// its code are what eval() gives on the expression, on derivative(names[k]) and on
-/// derivative(names[i])->derivative(names[j]), with the code starting at 0 and the values
+/// its code are what eval() gives on the expression, on partial(names[k]) and on
+/// partial(names[i])->partial(names[j]), with the code starting at 0 and the values
 /// copied for each; the caller's values are never written. A point where anything fails is
 /// evaluated again output by output, so dependent-variable callbacks must give the same
 /// result however often they are called (the shared program calls each distinct variable,

@@ -59,6 +59,19 @@ OXEL_API int oxel_expr_eval_batch(
 /** A new expression for the partial derivative by @p var (a variable or an alias), not
  *  simplified; NULL where none can be formed. Free it with oxel_expr_free(). */
 OXEL_API oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var);
+/** The partial derivative for numerical use (OxelExpression::partial): as
+ *  oxel_expr_derivative(), except that a sub-tree independent of @p var differentiates to
+ *  exactly 0 and is not evaluated. NULL for an unknown name, a node without a derivative
+ *  rule that depends on @p var, no derivative, or beyond the node budget; oxel_last_refusal()
+ *  then says why. Free it with oxel_expr_free(). */
+OXEL_API oxel_expr* oxel_expr_partial(oxel_expr* expr, const char* var);
+/** Why the last oxel_expr_partial() or oxel_expr_gradient() of this thread gave NULL; "" after
+ *  a success. Valid until this thread's next such call. */
+OXEL_API const char* oxel_last_refusal(void);
+/** The node budget of derivatives, gradients and normal forms (oxelSetNodeBudget); @p n <= 0
+ *  restores the default. */
+OXEL_API void oxel_set_node_budget(long n);
+OXEL_API long oxel_node_budget(void);
 /** A new, simplified expression with the same variables; free it with oxel_expr_free(). */
 OXEL_API oxel_expr* oxel_expr_simplified(const oxel_expr* expr);
 /** The library's printed form of the expression's tree, a malloc()ed string to release with
@@ -72,9 +85,10 @@ typedef struct oxel_grad oxel_grad;
 /** The value of @p expr with its derivatives by @p names[0 .. count) (variables or aliases):
  *  @p order 1 gives 1 + count outputs (the value, then each first derivative), order 2 adds
  *  the second derivatives (i, j), i <= j, row by row. Each output and code is what
- *  oxel_expr_eval() gives on the value or the derivative expression (the code starting at 0).
- *  NULL for an unknown name, an order other than 1 or 2, or where a derivative cannot be
- *  formed. The handle does not depend on @p expr afterwards; free it with oxel_grad_free(). */
+ *  oxel_expr_eval() gives on the value or the oxel_expr_partial() expression (the code
+ *  starting at 0). NULL for an unknown name, an order other than 1 or 2, or where a
+ *  derivative cannot be formed; oxel_last_refusal() then says why. The handle does not
+ *  depend on @p expr afterwards; free it with oxel_grad_free(). */
 OXEL_API oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count,
                                        int order);
 /** Number of outputs; 0 for NULL. */

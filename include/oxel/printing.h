@@ -12,7 +12,10 @@
 /// function mathematically, not bit for bit: folding and collecting round differently, and
 /// cancelled factors (x/x) drop the points where they were undefined. Assignments, random
 /// sources, dependent variables, comparisons and the other operators stay where they are, with
-/// their operands normalized; normalizing the result again changes nothing.
+/// their operands normalized; normalizing the result again changes nothing. Numbers whose
+/// folded value would overflow, be NaN or turn subnormal where theirs are not stay apart
+/// (x*1e200*1e200 is 1e200 * x * 1e200), so the form never fails where the tree does not.
+/// Null also when it would make more terms than the tree's nodes plus the node budget.
 OXEL_API Oxel* oxelNormalized(Oxel* tree);
 
 /// tree as a C99 expression over <math.h> (variables by their names, numbers with 17 digits):

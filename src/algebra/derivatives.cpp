@@ -1,8 +1,10 @@
 // Derivatives of leaves, operators, the sequence node and dependent variables.
 #include <cmath>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include <oxel/formula.h>
 #include <oxel/nodes.h>
 
 #include "algebra/trees.h"
@@ -159,14 +161,14 @@ Oxel* OxHoch::diff(const char* var)
             return nullptr;
         Oxel* p = powerPart(u, w);
         Oxel* l = factorUnlessOne(new OxLn(C(u)), dw);
-        Oxel* t1 = Mal(dup(), l);
+        Oxel* t1 = Mal(C(this), l);
         Oxel* t2 = timesUnlessOne(du, p);
         return Plus(t1, t2);
     }
     Oxel* dw = oxd::D(w, var);
     if (!dw)
         return nullptr;
-    return Mal(dup(), factorUnlessOne(new OxLn(C(u)), dw));
+    return Mal(C(this), factorUnlessOne(new OxLn(C(u)), dw));
 }
 
 // ---------------------------------------------------------------- dependent variables
@@ -212,6 +214,40 @@ Oxel* OxDepVar::diff(const char* var)
 
 thread_local long oxd::budget = oxd::kUnbounded;
 
+namespace {
+
+// The derivative state of this thread for one bounded derivative, restored afterwards.
+class Bounded {
+public:
+    Bounded(long maxNodes, bool partial)
+        : budget_(oxd::budget), partial_(oxd::partial), missing_(oxd::missingRule)
+    {
+        oxd::budget = maxNodes > 0 ? maxNodes : 0;
+        oxd::partial = partial;
+        oxd::missingRule = nullptr;
+    }
+    ~Bounded()
+    {
+        oxd::budget = budget_;
+        oxd::partial = partial_;
+        oxd::missingRule = missing_;
+    }
+
+private:
+    long budget_;
+    bool partial_;
+    Oxel* missing_;
+};
+
+// A formula's text for a message, cut short when long.
+std::string shortText(Oxel* node)
+{
+    std::string text = oxelToFormula(node).c_str();
+    return text.size() > 60 ? text.substr(0, 57) + "..." : text;
+}
+
+}  // namespace
+
 Oxel* oxd::boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarge)
 {
     const long depth = oxelDepth(tree);
@@ -221,11 +257,9 @@ Oxel* oxd::boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarg
         std::unique_ptr<oxs::ConstancyMemo> memo;
         if (depth > oxs::kShallowDepth)
             memo.reset(new oxs::ConstancyMemo(tree, var));
-        long saved = budget;
-        budget = maxNodes;
+        Bounded state(maxNodes, false);
         d = tree->diff(var);
         *tooLarge = budget == 0;
-        budget = saved;
     });
     if (*tooLarge && d) {  // a rule that ignores a missing operand derivative kept a part
         oxelDestroy(d);
@@ -234,8 +268,43 @@ Oxel* oxd::boundedDiff(Oxel* tree, const char* var, long maxNodes, bool* tooLarg
     return d;
 }
 
+Oxel* oxd::partialDiff(Oxel* tree, const char* var, long* nodes, std::string* why)
+{
+    const long depth = oxelDepth(tree);
+    Oxel* d = nullptr;
+    Oxel* missing = nullptr;
+    bool tooLarge = false;
+    oxs::withStackFor(depth, [&] {
+        std::unique_ptr<oxs::ConstancyMemo> memo;
+        if (depth > oxs::kShallowDepth)
+            memo.reset(new oxs::ConstancyMemo(tree, var));
+        Bounded state(*nodes, true);
+        d = D(tree, var);
+        tooLarge = budget == 0;
+        *nodes = budget;
+        missing = missingRule;
+    });
+    if ((tooLarge || missing) && d) {
+        oxelDestroy(d);
+        d = nullptr;
+    }
+    if (!d && why) {
+        if (missing)
+            *why = "'" + shortText(missing) + "' has no derivative";
+        else if (tooLarge)
+            *why = "the derivative by '" + std::string(var) + "' needs more nodes than the node "
+                   "budget (" + std::to_string(oxelNodeBudget()) + ", oxelSetNodeBudget)";
+        else
+            *why = "no derivative by '" + std::string(var) + "' can be formed: the formula "
+                   "uses an operation without one (%, a bitwise operator, floor, rint, trunc, "
+                   "copysign, drem, fmod, jn or yn of a varying order, a ';' sequence, a "
+                   "dependent variable beyond its derivative levels)";
+    }
+    return d;
+}
+
 Oxel* oxelDerivative(Oxel* tree, const char* var)
 {
     bool tooLarge = false;
-    return tree ? oxd::boundedDiff(tree, var, oxd::kMaxDerivativeNodes, &tooLarge) : nullptr;
+    return tree ? oxd::boundedDiff(tree, var, oxd::maxDerivativeNodes(), &tooLarge) : nullptr;
 }

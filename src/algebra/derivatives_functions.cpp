@@ -97,7 +97,7 @@ OXEL_QUOTIENT_RULES(OXEL_DEFINE_QUOTIENT)
 Oxel* OxExp::diff(const char* var)
 {
     Oxel* du = oxd::D(arg_, var);
-    return du ? Mal(dup(), du) : nullptr;
+    return du ? Mal(C(this), du) : nullptr;
 }
 
 Oxel* OxArccos::diff(const char* var)
@@ -187,7 +187,7 @@ Oxel* OxHypot::diff(const char* var)
     Oxel *da, *db;
     if (!diffBoth(left_, right_, var, &da, &db))
         return nullptr;
-    return Durch(Plus(Mal(C(left_), da), Mal(C(right_), db)), dup());
+    return Durch(Plus(Mal(C(left_), da), Mal(C(right_), db)), C(this));
 }
 
 // atan2(a, b). The general case keeps the extra factor a'*b' in its numerator.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -45,8 +46,33 @@ void bounded(std::string& key)
 
 bool integral(double v) { return std::isfinite(v) && v == std::floor(v); }
 
+bool subnormal(double v) { return v != 0 && std::fabs(v) < DBL_MIN; }
 
-E make(Term t) { return std::make_shared<const Term>(std::move(t)); }
+// Whether r, folded from a and b, keeps their values: no overflow or NaN from finite operands,
+// and no subnormal (or, for a product, zero) from normal ones. Otherwise the operands stay
+// apart, so that the normal form never fails where the formula does not.
+bool keeps(double r, double a, double b, bool product)
+{
+    if (std::isnan(r))
+        return !std::isfinite(a) || !std::isfinite(b);
+    if (std::isinf(r))
+        return std::isinf(a) || std::isinf(b);
+    if (subnormal(r) || (product && r == 0 && a != 0 && b != 0))
+        return subnormal(a) || subnormal(b);
+    return true;
+}
+
+
+// Terms that this thread's normal form may still make (null: unbounded); past it, TooLarge.
+thread_local long* termsLeft = nullptr;
+struct TooLarge {};
+
+E make(Term t)
+{
+    if (termsLeft && --*termsLeft < 0)
+        throw TooLarge();
+    return std::make_shared<const Term>(std::move(t));
+}
 
 // A sum or product whose operands must keep their order keeps it; others sort by key.
 template <class Pairs>
@@ -133,7 +159,8 @@ double content(const E& sum)
     return sum->terms.front().second < 0 ? -g : g;
 }
 
-// Pairs with equal keys as one, at the first one's place, their values combined.
+// Pairs with equal keys as one, at the first one's place, their values combined where combine
+// agrees; a number kept apart from its fellows (keeps) is never combined.
 template <class V, class Combine>
 std::vector<std::pair<E, V>> mergedByKey(const std::vector<std::pair<E, V>>& list, Combine combine)
 {
@@ -141,11 +168,13 @@ std::vector<std::pair<E, V>> mergedByKey(const std::vector<std::pair<E, V>>& lis
     std::map<std::string, size_t> seen;
     for (const auto& [e, v] : list) {
         auto it = seen.find(e->key);
-        if (it == seen.end()) {
+        if (e->kind == Kind::Num) {
+            merged.emplace_back(e, v);
+        } else if (it == seen.end()) {
             seen.emplace(e->key, merged.size());
             merged.emplace_back(e, v);
-        } else {
-            combine(merged[it->second].second, v);
+        } else if (!combine(merged[it->second].second, v)) {
+            merged.emplace_back(e, v);
         }
     }
     return merged;
@@ -160,6 +189,15 @@ E scaled(const E& sum, double g)
 }
 
 }  // namespace
+
+bool keptApart(const std::vector<std::pair<E, double>>& terms)
+{
+    std::map<std::string, int> seen;
+    for (const auto& term : terms)
+        if (++seen[term.first->key] > 1)
+            return true;
+    return false;
+}
 
 bool isNum(const E& e, double* v)
 {
@@ -235,6 +273,11 @@ E add(const std::vector<std::pair<E, double>>& parts)
             list.emplace_back(e, c);
             return;
         }
+        if (!keeps(c * e->num, c, e->num, true)) {  // the factor c stays in the term
+            E kept = mul({number(c), e});
+            list.emplace_back(monic(kept), kept->num);
+            return;
+        }
         size_t sums = 0, at = 0;
         for (size_t i = 0; i < e->factors.size(); ++i) {
             double k;
@@ -254,19 +297,33 @@ E add(const std::vector<std::pair<E, double>>& parts)
         if (sum->num != 0)
             push(others, c * e->num * sum->num);
     };
+    // A constant that would not keep its value stays a term of its own: 1 times the number.
+    auto addConstant = [&](double c, double k) {
+        double v = c * k;
+        if (keeps(v, c, k, true) && keeps(constant + v, constant, v, false))
+            constant += v;
+        else
+            push(mul({number(c), number(k)}), 1);
+    };
     for (const auto& [e, c] : parts) {
         if (e->kind == Kind::Num) {
-            constant += c * e->num;
+            addConstant(c, e->num);
         } else if (e->kind == Kind::Sum) {
-            constant += c * e->num;
+            addConstant(c, e->num);
             for (const auto& [t, k] : e->terms)
-                push(t, c * k);
+                keeps(c * k, c, k, true) ? push(t, c * k) : push(mul({number(c), t}), k);
         } else {
             push(e, c);
         }
     }
-    // Like terms, first occurrence first.
-    auto merged = mergedByKey(list, [](double& c, double more) { c += more; });
+    // Like terms, first occurrence first; coefficients whose sum would not keep its value stay
+    // apart.
+    auto merged = mergedByKey(list, [](double& c, double more) {
+        if (!keeps(c + more, c, more, false))
+            return false;
+        c += more;
+        return true;
+    });
     merged.erase(std::remove_if(merged.begin(), merged.end(),
                                 [](const auto& p) { return p.second == 0; }),
                  merged.end());
@@ -274,8 +331,9 @@ E add(const std::vector<std::pair<E, double>>& parts)
         return number(constant);
     if (merged.size() == 1 && constant == 0)
         return mul({number(merged[0].second), merged[0].first});
-    // What every term shares comes out: x*y + x*z is x*(y + z).
-    if (constant == 0 && !ordered) {
+    // What every term shares comes out: x*y + x*z is x*(y + z); not from like terms kept apart,
+    // whose coefficients would meet again in the sum that remains.
+    if (constant == 0 && !ordered && !keptApart(merged)) {
         std::vector<size_t> all(merged.size());
         for (size_t i = 0; i < all.size(); ++i)
             all[i] = i;
@@ -289,6 +347,44 @@ E add(const std::vector<std::pair<E, double>>& parts)
     }
     return makeSum(constant, std::move(merged), ordered);
 }
+
+namespace {
+
+// The product of nums over the product of dens, as N / D when that keeps its value (keeps);
+// otherwise one at a time, and those that would not keep it become factors of their own
+// (x*1e200*1e200 is not 1e400*x, which overflows where x*1e200*1e200 does not).
+double foldNumbers(const std::vector<double>& nums, const std::vector<double>& dens,
+                   std::vector<std::pair<E, E>>& apart)
+{
+    bool whole = true;
+    auto product = [&](const std::vector<double>& list) {
+        double p = 1;
+        for (double v : list) {
+            whole = whole && keeps(p * v, p, v, true);
+            p *= v;
+        }
+        return p;
+    };
+    double n = product(nums), d = product(dens);
+    if (whole && keeps(n / d, n, d, true))
+        return n / d;
+    double c = 1;
+    for (double v : nums) {
+        if (keeps(c * v, c, v, true))
+            c *= v;
+        else
+            apart.emplace_back(number(v), number(1));
+    }
+    for (double v : dens) {
+        if (keeps(c / v, c, v, true))
+            c /= v;
+        else
+            apart.emplace_back(number(v), number(-1));
+    }
+    return c;
+}
+
+}  // namespace
 
 E mul(const std::vector<E>& num, const std::vector<E>& den)
 {
@@ -307,12 +403,13 @@ E mul(const std::vector<E>& num, const std::vector<E>& den)
         }
         list.emplace_back(base, exponent);
     };
+    std::vector<double> nums, dens;  // the numbers, folded below
     auto take = [&](const E& e, bool inverse) {
         ordered = ordered || e->ordered;
         if (e->kind == Kind::Num) {
-            (inverse ? d : n) *= e->num;
+            (inverse ? dens : nums).push_back(e->num);
         } else if (e->kind == Kind::Prod) {
-            (inverse ? d : n) *= e->num;
+            (inverse ? dens : nums).push_back(e->num);
             for (const auto& [base, exponent] : e->factors)
                 factor(base, inverse ? mul({number(-1), exponent}) : exponent);
         } else {
@@ -323,22 +420,32 @@ E mul(const std::vector<E>& num, const std::vector<E>& den)
         take(e, false);
     for (const E& e : den)
         take(e, true);
-    double c = n / d;
+    nums.push_back(n);
+    dens.push_back(d);
+    std::vector<std::pair<E, E>> apart;  // numbers that do not fold (keeps)
+    double c = foldNumbers(nums, dens, apart);
     if (c == 0)
         return number(0);
     // Equal bases: one power with the summed exponent.
-    auto merged = mergedByKey(list, [](E& x, const E& more) { x = add({{x, 1}, {more, 1}}); });
+    auto merged = mergedByKey(list, [](E& x, const E& more) {
+        x = add({{x, 1}, {more, 1}});
+        return true;
+    });
     std::vector<std::pair<E, E>> factors;
     for (auto& f : merged) {
         double k;
         if (isNum(f.second, &k) && k == 0)
             continue;
         if (f.first->kind == Kind::Num && isNum(f.second, &k) && integral(k)) {
-            c *= std::pow(f.first->num, k);  // pow(2, 3) and the like, folded
-            continue;
+            double p = std::pow(f.first->num, k);  // pow(2, 3) and the like, folded
+            if (keeps(p, f.first->num, k, true) && keeps(c * p, c, p, true)) {
+                c *= p;
+                continue;
+            }
         }
         factors.push_back(std::move(f));
     }
+    factors.insert(factors.end(), apart.begin(), apart.end());
     // A number times one sum is distributed over it: 2*(x + y) is 2*x + 2*y.
     double one;
     if (c != 1 && factors.size() == 1 && factors[0].first->kind == Kind::Sum &&
@@ -357,7 +464,7 @@ E power(const E& base, const E& exponent)
             return base;
         if (isNum(base, &b) && integral(k) && std::fabs(k) <= 64) {
             double r = std::pow(b, k);
-            if (std::isfinite(r) && r != 0)
+            if (std::isfinite(r) && r != 0 && keeps(r, b, k, true))
                 return number(r);
         }
         // (u*v)^k is u^k * v^k, and (u^a)^k is u^(a*k), for whole k only: sqrt(x*x) is no x.
@@ -510,10 +617,23 @@ bool thirds(double k)
 
 }  // namespace oxnf
 
+// Terms beyond one per node of the tree come from the node budget: multiplying out can grow
+// without bound, and is refused (null) when it would pass the budget.
 Oxel* oxelNormalized(Oxel* tree)
 {
     if (!tree)
         return nullptr;
     oxnf::draws = 0;
-    return oxnf::toTree(oxnf::fromTree(tree));
+    struct Scope {  // the count ends with this call however it ends
+        long left;
+        explicit Scope(long n) : left(n) { oxnf::termsLeft = &left; }
+        ~Scope() { oxnf::termsLeft = nullptr; }
+    } scope(oxelNodeCount(tree) + oxelNodeBudget());
+    try {
+        oxnf::E e = oxnf::fromTree(tree);
+        oxnf::termsLeft = nullptr;
+        return oxnf::toTree(e);
+    } catch (const oxnf::TooLarge&) {
+        return nullptr;
+    }
 }

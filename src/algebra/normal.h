@@ -52,6 +52,10 @@ Oxel* toTree(const E& e);
 
 bool isNum(const E& e, double* v = nullptr);
 
+// Whether two terms have one key: like terms whose coefficients do not add up to a number
+// (mul and add keep the value: 1e308*x + 1e308*x is no 2e308*x).
+bool keptApart(const std::vector<std::pair<E, double>>& terms);
+
 // k is n/3 for a whole, moderate n that 3 does not divide (up to the rounding that summing
 // thirds leaves): such a power is written as a cube root.
 bool thirds(double k);

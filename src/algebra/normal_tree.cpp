@@ -89,9 +89,14 @@ Oxel* product(double c, const std::vector<std::pair<E, E>>& factors)
         num.push_back(new OxZahl(std::isnan(c) ? c : p));
     if (q != 1)
         den.push_back(new OxZahl(q));
-    std::vector<std::pair<E, E>> ordered = factors;  // sums last: x * (y + z)
+    // Sums last: x * (y + z); numbers that the coefficient could not take after them, so that
+    // the variables scale first (1e308 * x * 2).
+    std::vector<std::pair<E, E>> ordered = factors;
     std::stable_partition(ordered.begin(), ordered.end(),
-                          [](const auto& f) { return f.first->kind != Kind::Sum; });
+                          [](const auto& f) { return f.first->kind != Kind::Num; });
+    std::stable_partition(ordered.begin(), ordered.end(), [](const auto& f) {
+        return f.first->kind != Kind::Sum && f.first->kind != Kind::Num;
+    });
     for (const auto& [base, exponent] : ordered) {
         double k;
         if (!isNum(exponent, &k))
@@ -156,7 +161,8 @@ using Terms = std::vector<std::pair<E, double>>;
 void pieces(const Terms& terms, bool ordered, std::vector<std::pair<Oxel*, double>>& out)
 {
     std::map<std::string, std::vector<size_t>> holders;  // base and sign: the terms with it
-    for (size_t i = 0; i < terms.size() && !ordered && terms.size() <= 64; ++i) {
+    const bool factor = !ordered && terms.size() <= 64 && !keptApart(terms);
+    for (size_t i = 0; i < terms.size() && factor; ++i) {
         const E& t = terms[i].first;
         for (const auto& [base, exponent] : t->kind == Kind::Prod ? t->factors
                                             : std::vector<std::pair<E, E>>{{t, number(1)}}) {

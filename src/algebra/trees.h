@@ -10,28 +10,35 @@ namespace oxd {
 
 // Nodes that the derivative being built may still copy. Rules that copy a derivative
 // (expm1, atan2) or several operands (min, max) make the result grow exponentially with
-// nesting, so a short text could exhaust memory; bounded derivatives start from a budget,
-// and once it is spent every further derivative request answers "none", which the null
-// protocol unwinds without leaking. Unbounded (the default) outside boundedDiff().
+// nesting, and chains (exp(exp(...))) quadratically, so a short text could exhaust memory;
+// the rest, a few fresh nodes per rule, grows with the formula alone. Bounded derivatives
+// start from a budget, charged before each copy is made, and once it is
+// spent every further derivative request answers "none", which the null protocol unwinds
+// without leaking. Unbounded (the default) outside boundedDiff() and partialDiff().
 extern thread_local long budget;
 const long kUnbounded = -1;
 
 // Every operand that enters a derivative is a fresh copy, so results never share a node.
+// Once the budget cannot pay for a copy, a number stands in: the result is thrown away.
 inline Oxel* C(Oxel* node)
 {
-    Oxel* copy = node->dup();
     if (budget != kUnbounded) {
-        long size = oxelNodeCount(copy);
+        const long size = oxelNodeCount(node);
         budget = budget > size ? budget - size : 0;
+        if (budget == 0)
+            return new OxZahl(0.0);
     }
-    return copy;
+    return node->dup();
 }
 
-// The derivative of one operand, or null once the budget is spent.
+// The derivative of one operand, or null once the budget is spent. Building a partial
+// derivative, an operand independent of var is the number 0 whatever its rule.
 inline Oxel* D(Oxel* node, const char* var)
 {
     if (budget == 0)
         return nullptr;
+    if (partial && node->pconstant(var))
+        return new OxZahl(0.0);
     Oxel* d = node->diff(var);
     if (budget == 0 && d) {  // spent while building it: the caller would copy it further
         oxelDestroy(d);

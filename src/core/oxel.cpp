@@ -6,6 +6,7 @@
 #include <oxel/core.h>
 
 #include "core/deep.h"
+#include "core/derivative.h"
 
 #include "support/messages.h"
 
@@ -13,6 +14,11 @@ Oxel::~Oxel() {}
 
 Oxel* Oxel::diff(const char* /*var*/)
 {
+    if (oxd::partial) {  // a numerical client wants no copy, only the refusal
+        if (!oxd::missingRule)
+            oxd::missingRule = this;
+        return nullptr;
+    }
     std::string line = std::string("diff: Not yet implemented in ") + symbol() + ".";
     if (!oxelMessage(OXEL_MESSAGE_NO_DERIVATIVE_RULE, line.c_str()))
         std::printf("%s\n", line.c_str());

@@ -10,6 +10,7 @@
 #include <oxel/nodes.h>
 
 #include "core/deep.h"
+#include "core/derivative.h"
 #include "program/native/native.h"
 #include "program/program.h"
 #include "nodes/kernels.h"
@@ -242,6 +243,31 @@ OxelExpression* OxelExpression::derivative(const char* var) const
     return withSameNames(d);
 }
 
+OxelExpression* OxelExpression::partial(const char* var, std::string* why) const
+{
+    long nodes = oxelNodeBudget();
+    return partialWithin(var, &nodes, why);
+}
+
+OxelExpression* OxelExpression::partialWithin(const char* var, long* nodes,
+                                              std::string* why) const
+{
+    if (!root_)
+        return nullptr;
+    // A misspelt name would otherwise give a silent zero.
+    if (varIndex(var) < 0) {
+        if (why)
+            *why = "unknown variable '" + std::string(var ? var : "") + "' (neither a "
+                   "declared variable nor an alias)";
+        return nullptr;
+    }
+    KxString name(var);
+    if (KxString* target = aliases_.lookup(name))
+        name = *target;
+    Oxel* d = oxd::partialDiff(root_, name.c_str(), nodes, why);
+    return d ? withSameNames(d) : nullptr;
+}
+
 OxelExpression* OxelExpression::simplified() const
 {
     if (!root_)
@@ -269,7 +295,8 @@ OxelExpression* OxelExpression::simplifiedFully() const
 
 OxelExpression* OxelExpression::normalized() const
 {
-    return root_ ? withSameNames(oxelNormalized(root_)) : nullptr;
+    Oxel* normal = root_ ? oxelNormalized(root_) : nullptr;  // null beyond the node budget
+    return normal ? withSameNames(normal) : nullptr;
 }
 
 KxString OxelExpression::toC() const { return oxelToC(root_); }

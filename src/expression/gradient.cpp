@@ -282,25 +282,31 @@ int OxelGradient::evalBatchColumns(
 }
 
 std::unique_ptr<OxelGradient> OxelExpression::gradient(
-    const std::vector<std::string>& names, int order)
+    const std::vector<std::string>& names, int order, std::string* why)
 {
-    if (!root_ || (order != 1 && order != 2))
+    if (!root_ || (order != 1 && order != 2)) {
+        if (why)
+            *why = root_ ? "the order of derivatives must be 1 or 2" : "no formula";
         return nullptr;
-    for (const std::string& name : names)
-        if (varIndex(name.c_str()) < 0)
-            return nullptr;
+    }
     std::unique_ptr<OxelGradient::Impl> g(new OxelGradient::Impl);
     g->numVars = numVars();
     std::unordered_set<const Oxel*> above;
     markAssignments(root_, above);
     g->exprs.emplace_back(withSameNames(copyKeepingAssignments(root_, above)));
-    for (const std::string& name : names)
-        g->exprs.emplace_back(derivative(name.c_str()));
+    long nodes = oxelNodeBudget();  // shared by every output
+    for (const std::string& name : names) {
+        g->exprs.emplace_back(partialWithin(name.c_str(), &nodes, why));
+        if (!g->exprs.back())
+            return nullptr;
+    }
     const size_t n = names.size();
     for (size_t i = 0; order == 2 && i < n; ++i)
-        for (size_t j = i; j < n; ++j)
-            g->exprs.emplace_back(
-                g->exprs[1 + i] ? g->exprs[1 + i]->derivative(names[j].c_str()) : nullptr);
+        for (size_t j = i; j < n; ++j) {
+            g->exprs.emplace_back(g->exprs[1 + i]->partialWithin(names[j].c_str(), &nodes, why));
+            if (!g->exprs.back())
+                return nullptr;
+        }
     std::vector<Oxel*> roots;
     for (const auto& e : g->exprs) {
         if (!e)

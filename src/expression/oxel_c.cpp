@@ -98,6 +98,9 @@ oxel_expr* adopt(OxelExpression* made)
     return h;
 }
 
+// Why this thread's last partial or gradient was refused.
+thread_local std::string refusal;
+
 } // namespace
 
 extern "C" {
@@ -191,6 +194,31 @@ oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var)
     return guarded<oxel_expr*>(nullptr, [expr, var] { return adopt(expr->expr->derivative(var)); });
 }
 
+oxel_expr* oxel_expr_partial(oxel_expr* expr, const char* var)
+{
+    refusal = !live(expr) ? "no expression" : !var ? "no variable name" : "";
+    if (!live(expr) || !var)
+        return nullptr;
+    return guarded<oxel_expr*>(nullptr, [expr, var] {
+        return adopt(expr->expr->partial(var, &refusal));
+    });
+}
+
+const char* oxel_last_refusal(void)
+{
+    return refusal.c_str();
+}
+
+void oxel_set_node_budget(long n)
+{
+    oxelSetNodeBudget(n);
+}
+
+long oxel_node_budget(void)
+{
+    return oxelNodeBudget();
+}
+
 oxel_expr* oxel_expr_simplified(const oxel_expr* expr)
 {
     if (!live(expr))
@@ -213,6 +241,7 @@ char* oxel_expr_print(const oxel_expr* expr)
 
 oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count, int order)
 {
+    refusal = "invalid arguments";
     if (!live(expr) || count < 0 || (count > 0 && !names))
         return nullptr;
     return guarded<oxel_grad*>(nullptr, [=]() -> oxel_grad* {
@@ -222,7 +251,8 @@ oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int cou
                 return nullptr;
             list.emplace_back(names[i]);
         }
-        std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order);
+        refusal.clear();
+        std::unique_ptr<OxelGradient> g = expr->expr->gradient(list, order, &refusal);
         if (!g)
             return nullptr;
         oxel_grad* h = Shells<oxel_grad>::take(kLiveGrad);

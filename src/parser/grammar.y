@@ -142,9 +142,9 @@ exp:
         /* An aborting action releases its own operands: the parser does not. */
         bool tooLarge = false;
         $$ = oxd::boundedDiff($3, (*OxConverter_yyVarNames)[$5].c_str(),
-                              oxd::kMaxDerivativeNodes, &tooLarge);
+                              oxd::maxDerivativeNodes(), &tooLarge);
         if (!$$) {
-            OxConverter_yyerror(tooLarge ? "derivative too large" : "no sufficient differentiability");
+            OxConverter_yyerror(tooLarge ? "derivative larger than the node budget" : "no sufficient differentiability");
             oxelDestroy($3);
             YYABORT;
         }

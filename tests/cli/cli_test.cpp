@@ -132,6 +132,14 @@ const Case kCases[] = {
     {{"grad", "t*y", "t", "y=2", "t=3", "--alias", "t=x"}, 0, "value 6\nd/dt 2\n", ""},
     {{"grad", "sqrt(x)*y", "x", "y", "x=0", "y=2"}, 3, "value 0\nd/dx error 8\nd/dy 0\n", "evaluation error 8: Division by zero"},
     {{"grad", "x%2", "x", "x=1"}, 4, "", "cannot be formed"},
+    // Parts independent of a variable differentiate to 0: pow(x, 2) by y is no ln(x) * 0.
+    {{"grad", "pow(x,2)+pow(y,2)", "x", "y", "x=0", "y=0", "--hessian"}, 0, "value 0\nd/dx 0\nd/dy 0\nd2/dxdx 2\nd2/dxdy 0\nd2/dydy 2\n", ""},
+    {{"grad", "x*x", "y", "x=1"}, 0, "value 1\nd/dy 0\n", ""},  // y is not read: no value
+    {{"grad", "x<y", "x", "x=1", "y=2"}, 4, "", "'x < y' has no derivative\n"},
+    {{"grad", "exp(exp(exp(x)))", "x", "x=0", "--budget", "5"}, 4, "", "node budget (5,"},
+    {{"diff", "pow(x, 2)", "y", "--simplify"}, 0, "0\n", ""},
+    {{"diff", "exp(exp(x))", "x", "--budget=3"}, 4, "", "beyond the node budget"},
+    {{"simplify", "x*1e200*1e200*y"}, 0, "1e+200 * x * y * 1e+200\n", ""},  // no overflow
     {{"grad", "x", "x=1"}, 1, "", "grad needs the variables to differentiate by"},
     {{"eval", "x", "x=1", "--hessian"}, 1, "", "--hessian applies to grad only"},
     {{"eval", "x", "x=1", "--grad", "x"}, 1, "", "--grad applies to table only"},

@@ -21,16 +21,25 @@ int runDiff(const Args& a)
     s.declareNamesOf(f.text);
     if (!s.parse(f.text))
         return kParse;
-    std::unique_ptr<OxelExpression> d(s.expression().derivative(var.c_str()));
+    // Simplified, the derivative is the partial one: independent parts are 0 from the start.
+    std::string why;
+    std::unique_ptr<OxelExpression> d(a.simplify ? s.expression().partial(var.c_str(), &why)
+                                                 : s.expression().derivative(var.c_str()));
     if (!d) {
-        std::fprintf(stderr, "oxel: no derivative with respect to %s can be formed\n",
-                     shown(var).c_str());
+        if (why.empty())
+            why = "an operation without one, or beyond the node budget (--budget)";
+        std::fprintf(stderr, "oxel: no derivative with respect to %s can be formed: %s\n",
+                     shown(var).c_str(), why.c_str());
         return kNoDerivative;
     }
     if (a.simplify) {
         std::unique_ptr<OxelExpression> simple(simplifiedAs(a, *d));
-        if (simple)
-            d = std::move(simple);
+        if (!simple) {
+            std::fprintf(stderr, "oxel: the simplified derivative needs more nodes than the "
+                                 "node budget (%ld, --budget)\n", oxelNodeBudget());
+            return kNoDerivative;
+        }
+        d = std::move(simple);
     }
     printAs(a, d->root(), a.tree);
     return kOk;

@@ -23,14 +23,16 @@ int runGrad(const Args& a)
     for (const std::string& n : names)
         s.declare(n);
     declareArguments(s, a.positional, first, false);
-    s.requireAllValues();
+    // A name the formula does not read has the derivative 0 whatever its value.
+    s.requireAllValuesBut(names, f.text);
     s.requireValuesFor(f.text);
     if (!s.parse(f.text))
         return kParse;
     const int order = a.hessian ? 2 : 1;
-    std::unique_ptr<OxelGradient> g = s.expression().gradient(names, order);
+    std::string why;
+    std::unique_ptr<OxelGradient> g = s.expression().gradient(names, order, &why);
     if (!g) {
-        std::fprintf(stderr, "oxel: the derivatives by these variables cannot be formed\n");
+        std::fprintf(stderr, "oxel: the derivatives cannot be formed: %s\n", why.c_str());
         return kNoDerivative;
     }
     const std::vector<double> row = s.baseRow();

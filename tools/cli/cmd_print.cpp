@@ -1,6 +1,7 @@
 // oxel print and oxel simplify: the parsed tree, as it is or simplified.
 #include "common.h"
 
+#include <cstdio>
 #include <memory>
 
 #include "session.h"
@@ -19,8 +20,14 @@ int printTree(const Args& a, bool simplifyIt)
     if (!s.parse(f.text))
         return kParse;
     std::unique_ptr<OxelExpression> simple;
-    if (simplifyIt)
+    if (simplifyIt) {
         simple.reset(simplifiedAs(a, s.expression()));
+        if (!simple) {
+            std::fprintf(stderr, "oxel: the simplified formula needs more nodes than the node "
+                                 "budget (%ld, --budget)\n", oxelNodeBudget());
+            return kNoDerivative;
+        }
+    }
     Oxel* tree = simple ? simple->root() : s.expression().root();
     printAs(a, tree, a.tree || !simplifyIt);
     return kOk;

@@ -328,9 +328,10 @@ bool tableGradient(Session& s, const std::vector<std::string>& names,
 {
     if (names.empty())
         return true;
-    grad = s.expression().gradient(names, 1);
+    std::string why;
+    grad = s.expression().gradient(names, 1, &why);
     if (!grad)
-        std::fprintf(stderr, "oxel: the derivatives by these variables cannot be formed\n");
+        std::fprintf(stderr, "oxel: the derivatives cannot be formed: %s\n", why.c_str());
     return grad != nullptr;
 }
 

@@ -196,6 +196,13 @@ Args parseArgs(int argc, char** argv)
                 usage("--file is given more than once");
             a.file = takeValue();
             a.hasFile = true;
+        } else if (opt == "--budget") {
+            std::string v = takeValue();
+            char* end = nullptr;
+            long n = std::strtol(v.c_str(), &end, 10);
+            if (v.empty() || *end != '\0' || n <= 0)
+                usage("--budget must be a positive number of nodes");
+            oxelSetNodeBudget(n);
         } else if (arg == "--simplify") {
             a.simplify = true;
         } else if (opt == "--format") {

@@ -61,6 +61,25 @@ public:
                 usage("no value for variable " + quoted(expr_.varName(i)));
     }
 
+    // The same, except for those of names that the formula does not read.
+    void requireAllValuesBut(const std::vector<std::string>& names, const std::string& formula)
+    {
+        KxDArray<KxString> read;
+        oxelFormulaNames(formula.c_str(), read);
+        auto exempt = [&](const char* var) {
+            bool named = false, isRead = false;
+            for (const std::string& n : names)
+                named = named || expr_.varIndex(n.c_str()) == expr_.varIndex(var);
+            for (int i = 0; i < read.length(); ++i)
+                isRead = isRead || expr_.varIndex(read[i].c_str()) == expr_.varIndex(var);
+            return named && !isRead;
+        };
+        int declared = expr_.numVars() - expr_.numInternalVars();
+        for (int i = 0; i < declared; ++i)
+            if (!hasValue(i) && !exempt(expr_.varName(i)))
+                usage(std::string("no value for variable '") + expr_.varName(i) + "'");
+    }
+
     // So does every name the formula reads before assigning it.
     void requireValuesFor(const std::string& formula)
     {

@@ -1,0 +1,57 @@
+#!/usr/bin/env python3
+# Time and peak memory of the oxel program on nested chains at n, 2n, 4n, 8n, with growth exponents.
+"""Usage: bench/budgets.py [path/to/oxel] [--budget N]
+
+For `oxel diff CHAIN x --simplify` and `oxel grad CHAIN x x=0.5 --hessian` over exp( nested
+n deep, prints the seconds, the peak resident memory (MB), the exit status and the growth
+exponent log(t2/t1)/log(2) between doubled sizes; then the two target sizes of the issue
+(4000 for diff, 1000 for the Hessian). An exit status of 4 is a refusal by the node budget.
+"""
+import math
+import os
+import subprocess
+import sys
+import time
+
+
+def run(args):
+    """Seconds, peak RSS in MB (from /usr/bin/time) and exit status of one run."""
+    start = time.perf_counter()
+    proc = subprocess.run(["/usr/bin/time", "-f", "%M"] + args, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE, text=True)
+    seconds = time.perf_counter() - start
+    kb = int(proc.stderr.strip().splitlines()[-1])
+    return seconds, kb / 1024.0, proc.returncode
+
+
+def chain(n):
+    return "exp(" * n + "x" + ")" * n
+
+
+def series(title, sizes, make_args):
+    print(title)
+    print("%8s %10s %10s %6s %8s" % ("n", "seconds", "MB", "exit", "growth"))
+    last = None
+    for n in sizes:
+        t, mb, rc = run(make_args(n))
+        growth = "" if last is None else "%.2f" % (math.log(max(t, 1e-3) / max(last, 1e-3), 2))
+        print("%8d %10.3f %10.1f %6d %8s" % (n, t, mb, rc, growth))
+        last = t
+
+
+def main():
+    argv = sys.argv[1:]
+    extra = []
+    if "--budget" in argv:
+        i = argv.index("--budget")
+        extra = ["--budget", argv[i + 1]]
+        del argv[i:i + 2]
+    oxel = argv[0] if argv else os.path.join("build", "oxel")
+    series("oxel diff exp-chain x --simplify", [250, 500, 1000, 2000, 4000],
+           lambda n: [oxel, "diff", chain(n), "x", "--simplify"] + extra)
+    series("oxel grad exp-chain x x=0.5 --hessian", [125, 250, 500, 1000],
+           lambda n: [oxel, "grad", chain(n), "x", "x=0.5", "--hessian"] + extra)
+
+
+if __name__ == "__main__":
+    main()
