@@ -9,7 +9,9 @@
 ``oxel.dask.evaluate`` runs the same evaluation over dask arrays, on one machine or a cluster.
 """
 from ._oxel import (Error, EvaluationError, Expression, Gradient, ParseError, __version__,
-                    error_message, get_num_threads, set_num_threads)
+                    error_message, get_num_threads, set_num_threads,
+                    get_node_budget, set_node_budget)
 
 __all__ = ["Error", "EvaluationError", "Expression", "Gradient", "ParseError", "__version__",
-           "error_message", "get_num_threads", "set_num_threads"]
+           "error_message", "get_num_threads", "set_num_threads",
+           "get_node_budget", "set_node_budget"]

@@ -118,17 +118,18 @@ PyExpression* PyExpression::create(
 
 py::object PyExpression::derive(const std::string& op, const std::string& arg)
 {
+    // A misspelt name is the caller's error, as in gradient(); no derivative is None.
+    if (op == "derivative" && !index().contains(arg))
+        throw py::value_error("derivative() got '" + arg
+            + "', which is not a variable or alias of this expression");
     std::unique_ptr<OxelExpression> made;
-    bool noRule = false;
     {
         py::gil_scoped_release released;
         Capture capture;
         std::lock_guard<std::mutex> lock(mutex_);
         made.reset(apply(op, arg));
-        // A node without a derivative rule reports itself and stays as it was: no derivative.
-        noRule = capture.saw(OXEL_MESSAGE_NO_DERIVATIVE_RULE);
     }
-    if (!made || noRule)
+    if (!made)
         return py::none();
     Recipe r = recipe_;
     r.steps.emplace_back(op, arg);
@@ -184,16 +185,16 @@ std::unique_ptr<OxelGradient> PyExpression::gradient(
     py::gil_scoped_release released;
     Capture capture;
     std::lock_guard<std::mutex> lock(mutex_);
-    std::unique_ptr<OxelGradient> g = expr_->gradient(names, order);
-    if (capture.saw(OXEL_MESSAGE_NO_DERIVATIVE_RULE))
-        g.reset();
-    return g;
+    std::string why;
+    return expr_->gradient(names, order, &why);
 }
 
 OxelExpression* PyExpression::apply(const std::string& op, const std::string& arg)
 {
+    // Numerical clients get the mathematical partial: independent parts are an exact 0.
+    std::string why;
     if (op == "derivative")
-        return expr_->derivative(arg.c_str());
+        return expr_->partial(arg.c_str(), &why);
     if (op == "simplified")
         return expr_->simplified();
     if (op == "simplified_fully")

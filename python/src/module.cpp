@@ -75,9 +75,11 @@ A text that does not parse raises oxel.ParseError (a ValueError).
             return expr(self).derive("derivative", var);
         },
         "var"_a,
-        R"DOC(Partial derivative by a variable or alias (not simplified), as a new Expression;
-None where none exists (also where a comparison, logic or gauss() node has no derivative
-rule). The interpreter lock is released while the library works.
+        R"DOC(Partial derivative by a variable or alias (not simplified), as a new Expression:
+parts that do not depend on var are an exact 0, never evaluated (so pow(x, 2) by y is 0 with
+no code). None where none exists (a comparison, logic or gauss() node depends on var, or the
+node budget is exceeded); ValueError for a name that is no variable or alias. The
+interpreter lock is released while the library works.
 
     >>> oxel.Expression("x*x*y").derivative("x").eval(x=2.0, y=1.0)
     (4.0, <Error.NONE: 0>)
@@ -189,4 +191,13 @@ evaluation on the calling thread. Results are the same bits whatever the count.
 )DOC");
     m.def("get_num_threads", &oxelBatchThreads,
         "The thread count that set_num_threads() sets (the default once reset).");
+    m.def(
+        "set_node_budget", [](long n) { oxelSetNodeBudget(n); }, "n"_a,
+        R"DOC(Nodes that one derivative, gradient or normal form may build, process-wide; beyond
+it they give None instead of taking unbounded memory and time. n <= 0 restores the default
+(one million).
+
+    >>> oxel.set_node_budget(0)
+)DOC");
+    m.def("get_node_budget", &oxelNodeBudget, "The node budget that set_node_budget() sets.");
 }
