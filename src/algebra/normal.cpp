@@ -13,6 +13,8 @@
 #include <oxel/nodes.h>
 #include <oxel/printing.h>
 
+#include "core/deep.h"
+
 namespace oxnf {
 
 namespace {
@@ -514,6 +516,11 @@ Oxel* oxelNormalized(Oxel* tree)
 {
     if (!tree)
         return nullptr;
-    oxnf::draws = 0;
-    return oxnf::toTree(oxnf::fromTree(tree));
+    Oxel* out = nullptr;
+    // Reading, writing back and releasing the terms recurse a few frames per level.
+    oxs::withStackFor(4 * oxelDepth(tree), [&] {
+        oxnf::draws = 0;
+        out = oxnf::toTree(oxnf::fromTree(tree));
+    });
+    return out;
 }

@@ -31,7 +31,7 @@ int runDiff(const Args& a)
         if (simple)
             d = std::move(simple);
     }
-    printAs(a, d->root(), a.tree);
+    printAs(a, *d, d->root(), a.tree);
     return kOk;
 }
 

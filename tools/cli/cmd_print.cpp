@@ -21,8 +21,8 @@ int printTree(const Args& a, bool simplifyIt)
     std::unique_ptr<OxelExpression> simple;
     if (simplifyIt)
         simple.reset(simplifiedAs(a, s.expression()));
-    Oxel* tree = simple ? simple->root() : s.expression().root();
-    printAs(a, tree, a.tree || !simplifyIt);
+    const OxelExpression& e = simple ? *simple : s.expression();
+    printAs(a, e, e.root(), a.tree || !simplifyIt);
     return kOk;
 }
 
