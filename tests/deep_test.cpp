@@ -188,7 +188,8 @@ const Operation kOperations[] = {
     {"simplified", [](OxelExpression& e, const std::string&) { return valueAt(e.simplified()); }},
     {"fully", [](OxelExpression& e, const std::string&) { return valueAt(e.simplifiedFully()); }},
     {"normalized", [](OxelExpression& e, const std::string&) { return valueAt(e.normalized()); }},
-    {"derivative", [](OxelExpression& e, const std::string&) { return valueAt(e.derivative("x")); }},
+    {"derivative",
+     [](OxelExpression& e, const std::string&) { return valueAt(e.derivative("x")); }},
     {"gradient", [](OxelExpression& e, const std::string&) {
          std::unique_ptr<OxelGradient> g = e.gradient({"x", "y"}, 1);
          if (!g)

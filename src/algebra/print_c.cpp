@@ -87,10 +87,10 @@ bool reservedInC(const std::string& name)
     const char last = name.empty() ? 0 : name.back();
     if ((last == 'f' || last == 'l') && words.count(name.substr(0, name.size() - 1)))
         return true;
-    // Macros: INFINITY, NAN, HUGE_VAL*, FP_*, M_* (constants), MATH_ERR*.
-    return name == "INFINITY" || name == "NAN" || name.compare(0, 8, "HUGE_VAL") == 0 ||
-           name.compare(0, 3, "FP_") == 0 || name.compare(0, 2, "M_") == 0 ||
-           name.compare(0, 8, "MATH_ERR") == 0;
+    // Macros: INFINITY, NAN, HUGE_VAL*, FP_*, M_* (constants), MATH_ERR*; none ends in '_'.
+    return name == "INFINITY" || name == "NAN" ||
+           (last != '_' && (name.compare(0, 8, "HUGE_VAL") == 0 || name.compare(0, 3, "FP_") == 0 ||
+                            name.compare(0, 2, "M_") == 0 || name.compare(0, 8, "MATH_ERR") == 0));
 }
 
 // The statements of the top-level sequence, first to last.
@@ -386,7 +386,8 @@ KxString oxelToCFunction(Oxel* tree, const char* name, const char* const* params
             if (last)
                 body += "    return " + target + ";\n";
         } else {
-            body += (last ? "    return " : "    (void)(") + w.expression(s) + (last ? ";\n" : ");\n");
+            const std::string value = w.expression(s);
+            body += last ? "    return " + value + ";\n" : "    (void)(" + value + ");\n";
         }
     }
     // Every variable read must be a parameter or assigned in the body.
