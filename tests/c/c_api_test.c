@@ -143,6 +143,12 @@ static void test_derivative_simplify_print(void)
     text = oxel_expr_print(s);
     CHECK(text != NULL && strcmp(text, "2+3*x") == 0);
     oxel_free(text);
+    /* the declared variables are the parameters; sin is reserved in C */
+    text = oxel_expr_to_c_function(s, "f");
+    CHECK(text != NULL &&
+          strcmp(text, "double f(double x, double y)\n{\n    return 2.0 + 3.0 * x;\n}\n") == 0);
+    oxel_free(text);
+    CHECK(oxel_expr_to_c_function(s, "sin") == NULL);
     oxel_expr_free(s);
     oxel_expr_free(e);
 }
@@ -161,6 +167,7 @@ static void test_null_handle(void)
     CHECK(oxel_expr_derivative(NULL, "x") == NULL);
     CHECK(oxel_expr_simplified(NULL) == NULL);
     CHECK(oxel_expr_print(NULL) == NULL);
+    CHECK(oxel_expr_to_c_function(NULL, "f") == NULL);
     oxel_expr_free(NULL);
     oxel_free(NULL);
 }
