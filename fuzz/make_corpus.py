@@ -12,7 +12,7 @@ def functions(table):
     with open(os.path.join(HERE, "..", "include", "oxel", "nodes.h")) as fh:
         text = fh.read()
     block = re.search(r"#define %s\(X\)(.*?)\n\n" % table, text, re.S).group(1)
-    return re.findall(r'X\(\w+, \d+, \d+, "[^"]*", "([^"]*)", \w+\)', block)
+    return re.findall(r'X\(\w+, \d+, \d+, "[^"]*", "([^"]*)", \w+, "[^"]*"\)', block)
 
 UNARY = functions("OXEL_UNARY_FUNCTIONS")
 BINARY = ["pow"] + functions("OXEL_BINARY_FUNCTIONS")

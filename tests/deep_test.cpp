@@ -1,6 +1,8 @@
 // Tests of huge and deeply nested formulas, long statements and names, and kept fuzz findings.
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -143,6 +145,117 @@ TEST(DeepTrees, FlatAndNestedFullyUsable)
             EXPECT_FALSE(oxelToString(d->root()).empty());
         }
         delete d;
+    }
+}
+
+namespace {
+
+// Outcomes of one operation on a parsed tree: a text, or a value at x = 0.25, y = 0.5;
+// "refused" where the operation gives nothing.
+std::string valueAt(OxelExpression* e)
+{
+    if (!e)
+        return "refused";
+    int err = 0;
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%.9g", evalAt(*e, {0.25, 0.5}, err));
+    delete e;
+    return err ? "error" : buf;
+}
+
+std::string orRefused(const KxString& text)
+{
+    return text.length() ? std::string(text.c_str()) : "refused";
+}
+
+struct Operation {
+    const char* name;
+    std::string (*run)(OxelExpression& e, const std::string& text);
+};
+
+const Operation kOperations[] = {
+    {"print", [](OxelExpression& e, const std::string&) { return oxelToString(e.root()); }},
+    {"formula", [](OxelExpression& e, const std::string&) { return orRefused(e.toFormula()); }},
+    {"C", [](OxelExpression& e, const std::string&) { return orRefused(e.toC()); }},
+    {"C function", [](OxelExpression& e, const std::string&) {  // its return statement
+         std::string f = orRefused(e.toCFunction("f"));
+         const std::string head = "double f(double x, double y)\n{\n    return ", tail = ";\n}\n";
+         const bool framed = f.size() > head.size() + tail.size() && f.find(head) == 0 &&
+                             f.compare(f.size() - tail.size(), tail.size(), tail) == 0;
+         return framed ? f.substr(head.size(), f.size() - head.size() - tail.size()) : f;
+     }},
+    {"LaTeX", [](OxelExpression& e, const std::string&) { return orRefused(e.toLatex()); }},
+    {"simplified", [](OxelExpression& e, const std::string&) { return valueAt(e.simplified()); }},
+    {"fully", [](OxelExpression& e, const std::string&) { return valueAt(e.simplifiedFully()); }},
+    {"normalized", [](OxelExpression& e, const std::string&) { return valueAt(e.normalized()); }},
+    {"derivative",
+     [](OxelExpression& e, const std::string&) { return valueAt(e.derivative("x")); }},
+    {"gradient", [](OxelExpression& e, const std::string&) {
+         std::unique_ptr<OxelGradient> g = e.gradient({"x", "y"}, 1);
+         if (!g)
+             return std::string("refused");
+         double values[] = {0.25, 0.5}, out[3];
+         int codes[3];
+         g->eval(values, out, codes);
+         char buf[80];
+         std::snprintf(buf, sizeof buf, "%.9g %.9g %.9g", out[0], out[1], out[2]);
+         return std::string(codes[0] || codes[1] || codes[2] ? "error" : buf);
+     }},
+    {"names", [](OxelExpression&, const std::string& text) {
+         KxDArray<KxString> names;
+         oxelFormulaNames(text.c_str(), names);
+         std::string out;
+         for (int i = 0; i < names.length(); ++i)
+             out += std::string(i ? "," : "") + names[i].c_str();
+         return out;
+     }},
+};
+
+std::string fixed(double v)
+{
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%.9g", v);
+    return buf;
+}
+
+}  // namespace
+
+// Every operation on a whole tree works on the widest and the deepest formulas that parse, or
+// refuses: nothing recurses on the caller's stack. Expected texts follow from how the
+// formulas are built, values from the sums and the chain rule they stand for.
+TEST(DeepTrees, EveryOperationWorksOrRefuses)
+{
+    const long pairs = kFlat / 2, levels = kMax;
+    const double sum = 0.75 * pairs, s = sines(levels, 0.25, false);
+    const std::string spaced = "x + y" + repeat(" + x + y", pairs - 1);
+    struct Row {
+        std::string text;
+        std::vector<std::string> expected;  // per operation, in kOperations' order
+    };
+    const Row rows[] = {
+        // x+y+x+y...: a sum of 10^6 terms leaning left, a million levels deep
+        {"x+y" + repeat("+x+y", pairs - 1),
+         {repeat("(", 2 * pairs - 2) + "x+y" + repeat(")+x)+y", pairs - 1), spaced, spaced,
+          spaced, spaced, fixed(sum), fixed(sum), fixed(sum), fixed(pairs),
+          fixed(sum) + " " + fixed(pairs) + " " + fixed(pairs), "x,y"}},
+        // sin(sin(...(x))): as deep as the parser goes; the derivative is too large to build
+        {nest("sin(", "x", levels),
+         {nest("sin(", "x", levels), nest("sin(", "x", levels), nest("sin(", "x", levels),
+          nest("sin(", "x", levels), repeat("\\sin\\left(", levels) + "x" +
+                                         repeat("\\right)", levels),
+          fixed(s), fixed(s), fixed(s), "refused", "refused", "x"}},
+    };
+    for (const Row& r : rows) {
+        OxelExpression e;
+        e.addVar("x");
+        e.addVar("y");
+        ASSERT_EQ(e.initFromString(r.text.c_str()), 1) << e.lastError();
+        ASSERT_EQ(r.expected.size(), std::size(kOperations));
+        for (size_t k = 0; k < std::size(kOperations); ++k) {
+            std::string got = kOperations[k].run(e, r.text);
+            EXPECT_TRUE(got == r.expected[k]) << kOperations[k].name << ": " << got.substr(0, 80)
+                                              << " / " << r.expected[k].substr(0, 80);
+        }
     }
 }
 

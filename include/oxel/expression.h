@@ -102,6 +102,8 @@ public:
     /// The tree as a C99 expression (oxelToC) and as LaTeX (oxelToLatex); empty where they fail.
     KxString toC() const;
     KxString toLatex() const;
+    /// The tree as a C function of the declared variables, in their order (oxelToCFunction).
+    KxString toCFunction(const char* name) const;
 
     /// Evaluates many points at once: row r holds its variable values at rows[r * stride]
     /// (stride >= numVars()); results[r] and errors[r] receive what eval() would give for that

@@ -232,55 +232,57 @@ private:
 
 // The functions of the language. Each row: class, identify code, priority, symbol (what
 // symbol() and print() write), the name the formula language spells it with (also what
-// oxelToFormula writes), and its grammar token. The tokens of the functions that exist today
-// are fixed; a function added later takes KW_FUNCTION1 or KW_FUNCTION2 by its argument count.
+// oxelToFormula writes), its grammar token, and its C spelling for oxelToC: a <math.h>
+// function taking the same arguments, or (with a parenthesis) a pattern in which A and B stand
+// for the operands. The tokens of the functions that exist today are fixed; a function added
+// later takes KW_FUNCTION1 or KW_FUNCTION2 by its argument count.
 // Beside its row a function needs only its kernel oxk::eval_<Class> (src/nodes/kernels.h) and
 // its derivative rule <Class>::diff (src/algebra/derivatives_functions.cpp).
 
 // One-argument functions (priority 3).
-#define OXEL_UNARY_FUNCTIONS(X)                                 \
-    X(OxSinus, 34054, 3, "sin", "sin", KW_SIN)                  \
-    X(OxCosinus, 34055, 3, "cos", "cos", KW_COS)                \
-    X(OxTangens, 34056, 3, "tan", "tan", KW_TAN)                \
-    X(OxSqroot, 34057, 3, "sqr", "sqrt", KW_SQR)                \
-    X(OxLn, 34058, 3, "OxLn", "ln", KW_LN)                      \
-    X(OxArctan, 34061, 3, "atan", "atan", KW_ATAN)              \
-    X(OxArcsin, 34062, 3, "asin", "asin", KW_ASIN)              \
-    X(OxArccos, 34063, 3, "acos", "acos", KW_ACOS)              \
-    X(OxExp, 34064, 3, "exp", "exp", KW_EXP)                    \
-    X(OxErf, 34065, 3, "erf", "erf", KW_ERF)                    \
-    X(OxErfc, 34066, 3, "erfc", "erfc", KW_ERFC)                \
-    X(OxBetrag, 0, 3, "abs", "abs", KW_ABS)                     \
-    X(OxArccosh, 34085, 3, "acosh", "acosh", KW_ACOSH)          \
-    X(OxArcsinh, 34086, 3, "asinh", "asinh", KW_ASINH)          \
-    X(OxArctanh, 34088, 3, "atanh", "atanh", KW_ATANH)          \
-    X(OxCbroot, 34089, 3, "cbrt", "cbrt", KW_CBRT)              \
-    X(OxCeil, 34090, 3, "ceil", "ceil", KW_CEIL)                \
-    X(OxCosh, 34092, 3, "cosh", "cosh", KW_COSH)                \
-    X(OxExpm1, 34094, 3, "expm1", "expm1", KW_EXPM1)            \
-    X(OxFloor, 34095, 3, "floor", "floor", KW_FLOOR)            \
-    X(OxJ0, 34099, 3, "j0", "j0", KW_J0)                        \
-    X(OxJ1, 34100, 3, "j1", "j1", KW_J1)                        \
-    X(OxLog10, 34102, 3, "log10", "log10", KW_LOG10)            \
-    X(OxRint, 34105, 3, "rint", "rint", KW_RINT)                \
-    X(OxSinh, 34106, 3, "sinh", "sinh", KW_SINH)                \
-    X(OxTanh, 34107, 3, "tanh", "tanh", KW_TANH)                \
-    X(OxTrunc, 34108, 3, "trunc", "trunc", KW_TRUNC)            \
-    X(OxY0, 34109, 3, "y0", "y0", KW_Y0)                        \
-    X(OxY1, 34110, 3, "y1", "y1", KW_Y1)                        \
-    X(OxSgn, 34114, 3, "sgn", "sgn", KW_SGN)
+#define OXEL_UNARY_FUNCTIONS(X)                                                                 \
+    X(OxSinus, 34054, 3, "sin", "sin", KW_SIN, "sin")                                           \
+    X(OxCosinus, 34055, 3, "cos", "cos", KW_COS, "cos")                                         \
+    X(OxTangens, 34056, 3, "tan", "tan", KW_TAN, "tan")                                         \
+    X(OxSqroot, 34057, 3, "sqr", "sqrt", KW_SQR, "sqrt")                                        \
+    X(OxLn, 34058, 3, "OxLn", "ln", KW_LN, "log")                                               \
+    X(OxArctan, 34061, 3, "atan", "atan", KW_ATAN, "atan")                                      \
+    X(OxArcsin, 34062, 3, "asin", "asin", KW_ASIN, "asin")                                      \
+    X(OxArccos, 34063, 3, "acos", "acos", KW_ACOS, "acos")                                      \
+    X(OxExp, 34064, 3, "exp", "exp", KW_EXP, "exp")                                             \
+    X(OxErf, 34065, 3, "erf", "erf", KW_ERF, "erf")                                             \
+    X(OxErfc, 34066, 3, "erfc", "erfc", KW_ERFC, "erfc")                                        \
+    X(OxBetrag, 0, 3, "abs", "abs", KW_ABS, "fabs")                                             \
+    X(OxArccosh, 34085, 3, "acosh", "acosh", KW_ACOSH, "acosh")                                 \
+    X(OxArcsinh, 34086, 3, "asinh", "asinh", KW_ASINH, "asinh")                                 \
+    X(OxArctanh, 34088, 3, "atanh", "atanh", KW_ATANH, "atanh")                                 \
+    X(OxCbroot, 34089, 3, "cbrt", "cbrt", KW_CBRT, "cbrt")                                      \
+    X(OxCeil, 34090, 3, "ceil", "ceil", KW_CEIL, "ceil")                                        \
+    X(OxCosh, 34092, 3, "cosh", "cosh", KW_COSH, "cosh")                                        \
+    X(OxExpm1, 34094, 3, "expm1", "expm1", KW_EXPM1, "expm1")                                   \
+    X(OxFloor, 34095, 3, "floor", "floor", KW_FLOOR, "floor")                                   \
+    X(OxJ0, 34099, 3, "j0", "j0", KW_J0, "j0")                                                  \
+    X(OxJ1, 34100, 3, "j1", "j1", KW_J1, "j1")                                                  \
+    X(OxLog10, 34102, 3, "log10", "log10", KW_LOG10, "log10")                                   \
+    X(OxRint, 34105, 3, "rint", "rint", KW_RINT, "rint")                                        \
+    X(OxSinh, 34106, 3, "sinh", "sinh", KW_SINH, "sinh")                                        \
+    X(OxTanh, 34107, 3, "tanh", "tanh", KW_TANH, "tanh")                                        \
+    X(OxTrunc, 34108, 3, "trunc", "trunc", KW_TRUNC, "trunc")                                   \
+    X(OxY0, 34109, 3, "y0", "y0", KW_Y0, "y0")                                                  \
+    X(OxY1, 34110, 3, "y1", "y1", KW_Y1, "y1")                                                  \
+    X(OxSgn, 34114, 3, "sgn", "sgn", KW_SGN, "(A > 0 ? 1.0 : A < 0 ? -1.0 : 0.0)")
 
 // Two-argument functions (priority 3; printed infix by the generic print).
-#define OXEL_BINARY_FUNCTIONS(X)                                \
-    X(OxArctan2, 34087, 3, "atan2", "atan2", KW_ATAN2)          \
-    X(OxCopysign, 34091, 3, "copysign", "copysign", KW_CPSIGN)  \
-    X(OxDrem, 34093, 3, "drem", "drem", KW_DREM)                \
-    X(OxFmod, 34096, 3, "fmod", "fmod", KW_FMOD)                \
-    X(OxHypot, 34098, 3, "hypot", "hypot", KW_HYPOT)            \
-    X(OxJn, 34101, 3, "jn", "jn", KW_JN)                        \
-    X(OxYn, 34111, 3, "yn", "yn", KW_YN)                        \
-    X(OxMax, 34112, 3, "max", "max", KW_MAX)                    \
-    X(OxMin, 34113, 3, "min", "min", KW_MIN)
+#define OXEL_BINARY_FUNCTIONS(X)                                                                \
+    X(OxArctan2, 34087, 3, "atan2", "atan2", KW_ATAN2, "atan2")                                 \
+    X(OxCopysign, 34091, 3, "copysign", "copysign", KW_CPSIGN, "copysign")                      \
+    X(OxDrem, 34093, 3, "drem", "drem", KW_DREM, "remainder")                                   \
+    X(OxFmod, 34096, 3, "fmod", "fmod", KW_FMOD, "fmod")                                        \
+    X(OxHypot, 34098, 3, "hypot", "hypot", KW_HYPOT, "(double)hypotf((float)A, (float)B)")      \
+    X(OxJn, 34101, 3, "jn", "jn", KW_JN, "jn((int)rint(A), B)")                                 \
+    X(OxYn, 34111, 3, "yn", "yn", KW_YN, "yn((int)rint(A), B)")                                 \
+    X(OxMax, 34112, 3, "max", "max", KW_MAX, "(A > B ? A : B)")                                 \
+    X(OxMin, 34113, 3, "min", "min", KW_MIN, "(A < B ? A : B)")
 
 // The slots each table-driven class overrides, in the order of the node interface.
 #define OXEL_NODE_SLOTS(Cls, code, prio)                    \

@@ -77,7 +77,11 @@ OXEL_API oxel_expr* oxel_expr_simplified(const oxel_expr* expr);
 /** The library's printed form of the expression's tree, a malloc()ed string to release with
  *  oxel_free(); NULL on failure. */
 OXEL_API char* oxel_expr_print(const oxel_expr* expr);
-/** Releases memory handed out by this interface (oxel_expr_print()). */
+/** The expression as a complete C99 function "double name(double x, ...) { ... }" of its
+ *  declared variables in their order (oxelToCFunction()), a malloc()ed string to release with
+ *  oxel_free(); NULL where it has no C form or name is no C identifier or is reserved. */
+OXEL_API char* oxel_expr_to_c_function(const oxel_expr* expr, const char* name);
+/** Releases memory handed out by this interface (oxel_expr_print(), ...). */
 OXEL_API void oxel_free(void* p);
 /** Opaque handle of a value with its partial derivatives, evaluated together. */
 typedef struct oxel_grad oxel_grad;

@@ -25,8 +25,19 @@ OXEL_API Oxel* oxelNormalized(Oxel* tree);
 /// rewrite uses twice is written twice. jn, yn, j0, j1, y0 and y1 need _XOPEN_SOURCE. Statements
 /// become comma expressions; internal variables must be declared by the caller. Empty for what
 /// C cannot express: gauss(), dependent variables, an assignment inside an expression (C
-/// leaves its order to other operands open), a class of the host's own.
+/// leaves its order to other operands open), a class of the host's own. A variable whose name
+/// C reserves (a keyword, a name or macro of <math.h> such as log, y0 or INFINITY, rand,
+/// RAND_MAX) is written with a trailing underscore (more, where that name is taken too).
 OXEL_API KxString oxelToC(Oxel* tree);
+
+/// tree as a complete C99 function "double name(double p1, ...) { ... }" over <math.h>, with
+/// the numParams names of params as its parameters in that order ("void" for none), renamed as
+/// oxelToC renames them: a statement per top-level statement, assigned variables that are no
+/// parameter declared first (as 0.0), the last statement's value returned. Empty where oxelToC
+/// is, for a name that is no C identifier or is reserved, and where the tree reads a variable
+/// that is neither a parameter nor assigned.
+OXEL_API KxString oxelToCFunction(Oxel* tree, const char* name, const char* const* params,
+                                  int numParams);
 
 /// tree as math-mode LaTeX (no surrounding $): \frac, \sqrt, \sin, e^{...}, \left( \right).
 /// Empty for a null tree or a class of the host's own.

@@ -36,3 +36,20 @@ def test_latex_renders_in_mathtext(text):
     for form in (e, e.derivative("x").normalized() if e.derivative("x") else e):
         latex = form._repr_latex_()
         parser.parse(latex, prop=FontProperties())  # raises on what mathtext cannot set
+
+
+def test_huge_formulas_work_in_every_operation():
+    """A sum of 10^6 terms and 10^5 nested calls: deeper than any stack, printed or refused."""
+    n = 500_000
+    flat = oxel.Expression("+".join(["x", "y"] * n), variables=XY)
+    spaced = " + ".join(["x", "y"] * n)
+    assert flat.to_formula() == flat.to_c() == flat.to_latex() == spaced
+    for form in (flat.normalized(), flat.simplified(), flat.derivative("y")):
+        assert form.eval(x=0.25, y=0.5)[0] in (0.75 * n, n)
+    assert list(flat.gradient(XY).eval(x=0.25, y=0.5)[0]) == [0.75 * n, n, n]
+    levels = 100_000
+    deep = oxel.Expression("sin(" * levels + "x" + ")" * levels, variables=XY)
+    assert deep.to_c() == deep.to_formula() == "sin(" * levels + "x" + ")" * levels
+    assert deep.to_latex() == "\\sin\\left(" * levels + "x" + "\\right)" * levels
+    assert deep.normalized().to_formula() == deep.to_formula()
+    assert deep.derivative("x") is None and deep.gradient(XY) is None

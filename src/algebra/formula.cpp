@@ -36,7 +36,7 @@ const std::unordered_map<std::type_index, Spelling>& spellings()
             {typeid(OxOr), {"||", kLogic}},
         };
 #define OXEL_BIT(Cls, code, prio, sym) t[typeid(Cls)] = {sym, kBit};
-#define OXEL_CALL(Cls, code, prio, sym, name, token) t[typeid(Cls)] = {name, kAtom};
+#define OXEL_CALL(Cls, code, prio, sym, name, token, c) t[typeid(Cls)] = {name, kAtom};
         OXEL_BITWISE_OPERATORS(OXEL_BIT)
         OXEL_UNARY_FUNCTIONS(OXEL_CALL)
         OXEL_BINARY_FUNCTIONS(OXEL_CALL)

@@ -14,6 +14,8 @@
 #include <oxel/nodes.h>
 #include <oxel/printing.h>
 
+#include "core/deep.h"
+
 namespace oxnf {
 
 namespace {
@@ -623,17 +625,23 @@ Oxel* oxelNormalized(Oxel* tree)
 {
     if (!tree)
         return nullptr;
-    oxnf::draws = 0;
-    struct Scope {  // the count ends with this call however it ends
-        long left;
-        explicit Scope(long n) : left(n) { oxnf::termsLeft = &left; }
-        ~Scope() { oxnf::termsLeft = nullptr; }
-    } scope(oxelNodeCount(tree) + oxelNodeBudget());
-    try {
-        oxnf::E e = oxnf::fromTree(tree);
-        oxnf::termsLeft = nullptr;
-        return oxnf::toTree(e);
-    } catch (const oxnf::TooLarge&) {
-        return nullptr;
-    }
+    Oxel* out = nullptr;
+    // Reading, writing back and releasing the terms recurse a few frames per level; the term
+    // budget lives on the thread that does the work.
+    oxs::withStackFor(4 * oxelDepth(tree), [&] {
+        oxnf::draws = 0;
+        struct Scope {  // the count ends with this call however it ends
+            long left;
+            explicit Scope(long n) : left(n) { oxnf::termsLeft = &left; }
+            ~Scope() { oxnf::termsLeft = nullptr; }
+        } scope(oxelNodeCount(tree) + oxelNodeBudget());
+        try {
+            oxnf::E e = oxnf::fromTree(tree);
+            oxnf::termsLeft = nullptr;
+            out = oxnf::toTree(e);
+        } catch (const oxnf::TooLarge&) {
+            out = nullptr;
+        }
+    });
+    return out;
 }

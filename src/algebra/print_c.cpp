@@ -1,44 +1,46 @@
-// oxelToC: a tree written as a C99 expression over <math.h>.
+// oxelToC and oxelToCFunction: a tree written as a C99 expression or function over <math.h>.
 #include <oxel/printing.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <set>
 #include <string>
 #include <typeindex>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <oxel/nodes.h>
 
+#include "algebra/print_walk.h"
+
 namespace {
+
+using oxpw::Text;
 
 // C's levels for the operators written infix; everything else comes out as an atom.
 enum Level { kAny, kAdd, kMul, kUnary, kAtom };
 
-// Functions whose C spelling takes the same arguments; the others are written out below.
-const std::unordered_map<std::type_index, const char*>& library()
+// Each function's C spelling from its row (a <math.h> function with the same arguments, or a
+// pattern over the operands' texts A and B); pow is an operator of the language.
+const std::unordered_map<std::type_index, const char*>& functions()
 {
-    static const std::unordered_map<std::type_index, const char*> table = {
-        {typeid(OxSinus), "sin"},     {typeid(OxCosinus), "cos"},   {typeid(OxTangens), "tan"},
-        {typeid(OxSqroot), "sqrt"},   {typeid(OxLn), "log"},        {typeid(OxArctan), "atan"},
-        {typeid(OxArcsin), "asin"},   {typeid(OxArccos), "acos"},   {typeid(OxExp), "exp"},
-        {typeid(OxErf), "erf"},       {typeid(OxErfc), "erfc"},     {typeid(OxBetrag), "fabs"},
-        {typeid(OxArccosh), "acosh"}, {typeid(OxArcsinh), "asinh"}, {typeid(OxArctanh), "atanh"},
-        {typeid(OxCbroot), "cbrt"},   {typeid(OxCeil), "ceil"},     {typeid(OxCosh), "cosh"},
-        {typeid(OxExpm1), "expm1"},   {typeid(OxFloor), "floor"},   {typeid(OxJ0), "j0"},
-        {typeid(OxJ1), "j1"},         {typeid(OxLog10), "log10"},   {typeid(OxRint), "rint"},
-        {typeid(OxSinh), "sinh"},     {typeid(OxTanh), "tanh"},     {typeid(OxTrunc), "trunc"},
-        {typeid(OxY0), "y0"},         {typeid(OxY1), "y1"},         {typeid(OxArctan2), "atan2"},
-        {typeid(OxCopysign), "copysign"}, {typeid(OxDrem), "remainder"},
-        {typeid(OxFmod), "fmod"},     {typeid(OxHoch), "pow"},
-    };
+    static const std::unordered_map<std::type_index, const char*> table = [] {
+        std::unordered_map<std::type_index, const char*> t{{typeid(OxHoch), "pow"}};
+#define OXEL_C_SPELLING(Cls, code, prio, sym, name, token, c) t[typeid(Cls)] = c;
+        OXEL_UNARY_FUNCTIONS(OXEL_C_SPELLING)
+        OXEL_BINARY_FUNCTIONS(OXEL_C_SPELLING)
+#undef OXEL_C_SPELLING
+        return t;
+    }();
     return table;
 }
 
-// Templates over the operands' texts A and B (each already an atom): truth values as 1.0/0.0,
-// integers as C's int (the language's 32-bit conversion).
-const std::unordered_map<std::type_index, const char*>& written()
+// Patterns of the other operators: truth values as 1.0/0.0, integers as C's int (the
+// language's 32-bit conversion).
+const std::unordered_map<std::type_index, const char*>& operators()
 {
     static const std::unordered_map<std::type_index, const char*> table = {
         {typeid(OxLess), "(A < B ? 1.0 : 0.0)"},
@@ -49,13 +51,7 @@ const std::unordered_map<std::type_index, const char*>& written()
         {typeid(OxAnd), "(A > 1e-8 && B > 1e-8 ? 1.0 : 0.0)"},
         {typeid(OxOr), "(A > 1e-8 || B > 1e-8 ? 1.0 : 0.0)"},
         {typeid(OxNot), "(A < 1e-8 ? 1.0 : 0.0)"},
-        {typeid(OxSgn), "(A > 0 ? 1.0 : A < 0 ? -1.0 : 0.0)"},
-        {typeid(OxMax), "(A > B ? A : B)"},
-        {typeid(OxMin), "(A < B ? A : B)"},
         {typeid(OxModulo), "(A - (double)(int)(A / B) * B)"},
-        {typeid(OxHypot), "(double)hypotf((float)A, (float)B)"},
-        {typeid(OxJn), "jn((int)rint(A), B)"},
-        {typeid(OxYn), "yn((int)rint(A), B)"},
         {typeid(OxBitOr), "(double)((int)A | (int)B)"},
         {typeid(OxBitAnd), "(double)((int)A & (int)B)"},
         {typeid(OxBitXOr), "(double)((int)A ^ (int)B)"},
@@ -65,18 +61,63 @@ const std::unordered_map<std::type_index, const char*>& written()
     return table;
 }
 
-struct Text {
-    std::string s;
-    int level;
-};
+// Names a variable may not keep in C: the keywords, what <math.h> declares or defines (with
+// the X/Open and GNU additions), and what the written-out forms use from <stdlib.h>.
+bool reservedInC(const std::string& name)
+{
+    static const std::unordered_set<std::string> words = {
+        "auto", "break", "case", "char", "const", "continue", "default", "do", "double", "else",
+        "enum", "extern", "float", "for", "goto", "if", "inline", "int", "long", "register",
+        "restrict", "return", "short", "signed", "sizeof", "static", "struct", "switch",
+        "typedef", "union", "unsigned", "void", "volatile", "while", "_Bool", "_Complex",
+        "_Imaginary", "acos", "acosh", "asin", "asinh", "atan", "atan2", "atanh", "cbrt", "ceil",
+        "copysign", "cos", "cosh", "erf", "erfc", "exp", "exp2", "expm1", "fabs", "fdim",
+        "floor", "fma", "fmax", "fmin", "fmod", "frexp", "hypot", "ilogb", "ldexp", "lgamma",
+        "llrint", "llround", "log", "log10", "log1p", "log2", "logb", "lrint", "lround", "modf",
+        "nan", "nearbyint", "nextafter", "nexttoward", "pow", "remainder", "remquo", "rint",
+        "round", "scalbln", "scalbn", "sin", "sinh", "sqrt", "tan", "tanh", "tgamma", "trunc",
+        "j0", "j1", "jn", "y0", "y1", "yn", "gamma", "signgam", "drem", "finite", "scalb",
+        "significand", "exp10", "pow10", "sincos", "isinf", "isnan", "isfinite", "isnormal",
+        "signbit", "fpclassify", "isgreater", "isgreaterequal", "isless", "islessequal",
+        "islessgreater", "isunordered", "float_t", "double_t", "math_errhandling", "rand",
+        "RAND_MAX", "NULL"};
+    if (words.count(name))
+        return true;
+    // Every function also comes as float and long double (sinf, sinl).
+    const char last = name.empty() ? 0 : name.back();
+    if ((last == 'f' || last == 'l') && words.count(name.substr(0, name.size() - 1)))
+        return true;
+    // Macros: INFINITY, NAN, HUGE_VAL*, FP_*, M_* (constants), MATH_ERR*; none ends in '_'.
+    return name == "INFINITY" || name == "NAN" ||
+           (last != '_' && (name.compare(0, 8, "HUGE_VAL") == 0 || name.compare(0, 3, "FP_") == 0 ||
+                            name.compare(0, 2, "M_") == 0 || name.compare(0, 8, "MATH_ERR") == 0));
+}
+
+// The statements of the top-level sequence, first to last.
+std::vector<Oxel*> statementsOf(Oxel* root)
+{
+    std::vector<Oxel*> out, todo{root};
+    while (!todo.empty()) {
+        Oxel* n = todo.back();
+        todo.pop_back();
+        if (n && typeid(*n) == typeid(OxBranch)) {
+            for (int i = n->getNumChildren(); i-- > 0;)
+                todo.push_back(n->getChild(i));
+        } else {
+            out.push_back(n);
+        }
+    }
+    return out;
+}
 
 class CWriter {
 public:
     bool ok = true;
+    oxpw::Rope rope;
 
-    // The statements of the top-level sequence: only there may an assignment stand, since C
-    // leaves two assignments inside one expression unsequenced.
-    explicit CWriter(Oxel* root)
+    // Only in the top-level sequence may an assignment stand, since C leaves two assignments
+    // inside one expression unsequenced. names: the parameters, if any.
+    CWriter(Oxel* root, const std::vector<std::string>& names)
     {
         std::vector<Oxel*> todo{root};
         while (!todo.empty()) {
@@ -87,20 +128,159 @@ public:
                 for (int i = 0; i < n->getNumChildren(); ++i)
                     todo.push_back(n->getChild(i));
         }
+        std::unordered_set<std::string> taken(names.begin(), names.end());
+        todo.assign(1, root);
+        while (!todo.empty()) {
+            Oxel* n = todo.back();
+            todo.pop_back();
+            if (auto* v = dynamic_cast<OxVar*>(n))
+                taken.insert(v->name().c_str());
+            for (int i = 0; n && i < n->getNumChildren(); ++i)
+                todo.push_back(n->getChild(i));
+        }
+        // A reserved name takes underscores until it is neither reserved nor another's name.
+        for (const std::string& name : taken) {
+            if (!reservedInC(name))
+                continue;
+            std::string c = name + "_";
+            while (taken.count(c) || reservedInC(c))
+                c += "_";
+            renamed_[name] = c;
+        }
     }
 
-    // The node's text, bracketed when its level is below need.
-    std::string operand(Oxel* node, int need)
+    // The variable's name in C.
+    std::string nameOf(const char* name) const
+    {
+        auto r = renamed_.find(name);
+        return r == renamed_.end() ? std::string(name) : r->second;
+    }
+
+    std::string expression(Oxel* node)
     {
         if (!node) {
             ok = false;
             return "";
         }
-        Text t = write(node);
-        return t.level < need ? "(" + t.s + ")" : t.s;
+        return rope.str(oxpw::foldTree(node, *this).id);
+    }
+
+    // The walk's callbacks (oxpw::foldTree).
+    void operands(Oxel* node, std::vector<Oxel*>& out)
+    {
+        switch (formOf(node)) {
+        case kBound:
+            out.push_back(static_cast<OxVar*>(node)->bound());
+            break;
+        case kSequence:
+        case kTwo:
+            out.push_back(node->getChild(0));
+            out.push_back(node->getChild(1));
+            break;
+        case kOne:
+            out.push_back(node->getChild(0));
+            break;
+        case kNotEqual: {
+            Oxel* eq = node->getChild(0);
+            out.push_back(eq->getChild(0));
+            if (eq->getNumChildren() > 1)
+                out.push_back(eq->getChild(1));
+            break;
+        }
+        default:
+            break;
+        }
+    }
+
+    Text missing()
+    {
+        ok = false;
+        return {rope.literal(""), kAtom};
+    }
+
+    Text combine(Oxel* node, const Text* t)
+    {
+        const std::type_info& type = typeid(*node);
+        switch (formOf(node)) {
+        case kNumber: {
+            double v = static_cast<OxZahl*>(node)->number();
+            return {rope.text(number(v)), std::signbit(v) && !std::isnan(v) ? kUnary : kAtom};
+        }
+        case kPlain:
+            return {rope.text(nameOf(static_cast<OxVar*>(node)->name().c_str())), kAtom};
+        case kBound:
+            if (!statements_.count(node))
+                ok = false;
+            return {join({lit("("), rope.text(nameOf(static_cast<OxVar*>(node)->name().c_str())),
+                          lit(" = "), operand(t[0], kAny), lit(")")}),
+                    kAtom};
+        case kRand:
+            return {lit("((double)rand() / RAND_MAX)"), kAtom};
+        case kSequence:
+            if (node->getNumChildren() != 2)
+                ok = false;
+            return {join({lit("("), operand(t[0], kAny), lit(", "), operand(t[1], kAny), lit(")")}),
+                    kAtom};
+        case kNotEqual:
+            return fill("(A != B ? 1.0 : 0.0)", t, node->getChild(0)->getNumChildren());
+        case kFail:
+            ok = false;  // gauss(), dependent variables, a class of the host's own
+            return {lit(""), kAtom};
+        default:
+            break;
+        }
+        if (type == typeid(OxPlus))
+            return infix(t, " + ", kAdd);
+        if (type == typeid(OxMinus))
+            return infix(t, " - ", kAdd);
+        if (type == typeid(OxDurch))
+            return infix(t, " / ", kMul);
+        if (type == typeid(OxMal)) {
+            auto* z = dynamic_cast<OxZahl*>(node->getChild(0));
+            if (!z || z->number() != -1.0)
+                return infix(t, " * ", kMul);
+            oxpw::Id x = operand(t[1], kUnary);
+            return {join({lit(rope.first(x) == '-' ? "- " : "-"), x}), kUnary};  // not "--"
+        }
+        const int n = node->getNumChildren();
+        auto f = functions().find(type);
+        const char* spelling = f != functions().end() ? f->second : operators().at(type);
+        if (std::strchr(spelling, '('))
+            return fill(spelling, t, n);
+        oxpw::Id parts[] = {lit(spelling), lit("("), operand(t[0], kAny), lit(", "),
+                            n == 2 ? operand(t[1], kAny) : lit(""), lit(")")};
+        if (n != 2)
+            parts[3] = parts[5];  // sin(a)
+        return {rope.join(parts, n == 2 ? 6 : 4), kAtom};
     }
 
 private:
+    // How a node is written, and so which operands it needs.
+    enum Form { kNumber, kPlain, kBound, kRand, kSequence, kNotEqual, kOne, kTwo, kFail };
+
+    Form formOf(Oxel* node) const
+    {
+        const std::type_info& type = typeid(*node);
+        if (dynamic_cast<OxZahl*>(node))
+            return kNumber;
+        if (auto* var = dynamic_cast<OxVar*>(node))
+            return var->bound() ? kBound : kPlain;
+        if (type == typeid(OxRand))
+            return kRand;
+        if (type == typeid(OxBranch))
+            return kSequence;
+        int n = node->getNumChildren();
+        if (n < 1 || n > 2 || !dynamic_cast<OxBinary*>(node) == (n == 2) ||
+            !node->getChild(0) || (n == 2 && !node->getChild(1)))
+            return kFail;
+        if (type == typeid(OxNot) && typeid(*node->getChild(0)) == typeid(OxEqual))
+            return kNotEqual;
+        if (type == typeid(OxPlus) || type == typeid(OxMinus) || type == typeid(OxDurch) ||
+            type == typeid(OxMal) || functions().count(type) || operators().count(type))
+            return n == 2 ? kTwo : kOne;
+        return kFail;
+    }
+
     static std::string number(double v)
     {
         if (std::isnan(v))
@@ -115,86 +295,54 @@ private:
         return s;
     }
 
-    Text infix(Oxel* node, const char* op, int level)
+    oxpw::Id lit(const char* s) { return rope.literal(s); }
+    oxpw::Id join(std::initializer_list<oxpw::Id> parts) { return rope.join(parts); }
+
+    // The operand's text, bracketed when its level is below need.
+    oxpw::Id operand(const Text& t, int need)
     {
-        return {operand(node->getChild(0), level) + op + operand(node->getChild(1), level + 1),
-                level};
+        return t.level < need ? join({lit("("), t.id, lit(")")}) : t.id;
     }
 
-    Text fill(const std::string& pattern, Oxel* node)
+    Text infix(const Text* t, const char* op, int level)
     {
-        std::string a = operand(node->getChild(0), kAtom);
-        std::string b = node->getNumChildren() > 1 ? operand(node->getChild(1), kAtom) : "";
-        std::string out;
-        for (char c : pattern)
-            out += c == 'A' ? a : c == 'B' ? b : std::string(1, c);
-        return {out, kAtom};
+        return {join({operand(t[0], level), lit(op), operand(t[1], level + 1)}), level};
     }
 
-    Text write(Oxel* node)
+    // The pattern with A and B replaced by the operands (n of them) as atoms.
+    Text fill(const char* pattern, const Text* t, int n)
     {
-        const std::type_info& type = typeid(*node);
-        if (auto* z = dynamic_cast<OxZahl*>(node)) {
-            double v = z->number();
-            return {number(v), std::signbit(v) && !std::isnan(v) ? kUnary : kAtom};
+        oxpw::Id a = operand(t[0], kAtom), b = n > 1 ? operand(t[1], kAtom) : lit("");
+        std::vector<oxpw::Id> parts;
+        std::string run;
+        for (const char* c = pattern; *c; ++c) {
+            if (*c != 'A' && *c != 'B') {
+                run += *c;
+                continue;
+            }
+            if (!run.empty())
+                parts.push_back(rope.text(run));
+            run.clear();
+            parts.push_back(*c == 'A' ? a : b);
         }
-        if (auto* var = dynamic_cast<OxVar*>(node)) {
-            std::string name = var->name().c_str();
-            if (!var->bound())
-                return {name, kAtom};
-            if (!statements_.count(node))
-                ok = false;
-            return {"(" + name + " = " + operand(var->bound(), kAny) + ")", kAtom};
-        }
-        if (type == typeid(OxRand))
-            return {"((double)rand() / RAND_MAX)", kAtom};
-        if (type == typeid(OxBranch)) {
-            if (node->getNumChildren() != 2)
-                ok = false;
-            return {"(" + operand(node->getChild(0), kAny) + ", " +
-                        operand(node->getChild(1), kAny) + ")",
-                    kAtom};
-        }
-        int n = node->getNumChildren();
-        if (n < 1 || n > 2 || !dynamic_cast<OxBinary*>(node) == (n == 2) ||
-            !node->getChild(0) || (n == 2 && !node->getChild(1))) {
-            ok = false;  // gauss(), dependent variables, a class of the host's own
-            return {"", kAtom};
-        }
-        if (type == typeid(OxPlus))
-            return infix(node, " + ", kAdd);
-        if (type == typeid(OxMinus))
-            return infix(node, " - ", kAdd);
-        if (type == typeid(OxDurch))
-            return infix(node, " / ", kMul);
-        if (type == typeid(OxMal)) {
-            auto* z = dynamic_cast<OxZahl*>(node->getChild(0));
-            if (!z || z->number() != -1.0)
-                return infix(node, " * ", kMul);
-            std::string x = operand(node->getChild(1), kUnary);
-            return {(x[0] == '-' ? "- " : "-") + x, kUnary};  // "--" would decrement
-        }
-        if (type == typeid(OxNot)) {
-            Oxel* eq = node->getChild(0);
-            if (typeid(*eq) == typeid(OxEqual))
-                return fill("(A != B ? 1.0 : 0.0)", eq);
-        }
-        auto call = library().find(type);
-        if (call != library().end()) {
-            std::string out = std::string(call->second) + "(" + operand(node->getChild(0), kAny);
-            if (n == 2)
-                out += ", " + operand(node->getChild(1), kAny);
-            return {out + ")", kAtom};
-        }
-        auto pattern = written().find(type);
-        if (pattern != written().end())
-            return fill(pattern->second, node);
-        ok = false;
-        return {"", kAtom};
+        if (!run.empty())
+            parts.push_back(rope.text(run));
+        return {rope.join(parts.data(), parts.size()), kAtom};
     }
 
-    std::set<Oxel*> statements_;
+    std::unordered_set<Oxel*> statements_;
+    std::unordered_map<std::string, std::string> renamed_;
 };
+
+bool identifier(const char* s)
+{
+    if (!s || !(std::isalpha(static_cast<unsigned char>(*s)) || *s == '_'))
+        return false;
+    for (; *s; ++s)
+        if (!std::isalnum(static_cast<unsigned char>(*s)) && *s != '_')
+            return false;
+    return true;
+}
 
 }  // namespace
 
@@ -202,7 +350,61 @@ KxString oxelToC(Oxel* tree)
 {
     if (!tree)
         return KxString();
-    CWriter w(tree);
-    std::string text = w.operand(tree, kAny);
+    CWriter w(tree, {});
+    std::string text = w.expression(tree);
     return w.ok ? KxString(text.c_str()) : KxString();
+}
+
+KxString oxelToCFunction(Oxel* tree, const char* name, const char* const* params, int numParams)
+{
+    if (!tree || !identifier(name) || reservedInC(name) || numParams < 0 ||
+        (numParams > 0 && !params))
+        return KxString();
+    std::vector<std::string> names;
+    for (int i = 0; i < numParams; ++i) {
+        if (!identifier(params[i]))
+            return KxString();
+        names.push_back(params[i]);
+    }
+    CWriter w(tree, names);
+    std::unordered_set<std::string> declared(names.begin(), names.end()), assigned;
+    std::string head = std::string("double ") + name + "(", body;
+    for (size_t i = 0; i < names.size(); ++i)
+        head += (i ? ", double " : "double ") + w.nameOf(names[i].c_str());
+    if (names.empty())
+        head += "void";
+    const std::vector<Oxel*> statements = statementsOf(tree);
+    for (size_t i = 0; i < statements.size(); ++i) {
+        Oxel* s = statements[i];
+        auto* var = dynamic_cast<OxVar*>(s);
+        const bool last = i + 1 == statements.size();
+        if (var && var->bound()) {
+            const std::string target = w.nameOf(var->name().c_str());
+            body += "    " + target + " = " + w.expression(var->bound()) + ";\n";
+            if (!declared.count(var->name().c_str()))
+                assigned.insert(target);
+            if (last)
+                body += "    return " + target + ";\n";
+        } else {
+            const std::string value = w.expression(s);
+            body += last ? "    return " + value + ";\n" : "    (void)(" + value + ");\n";
+        }
+    }
+    // Every variable read must be a parameter or assigned in the body.
+    std::vector<Oxel*> todo{tree};
+    while (!todo.empty()) {
+        Oxel* n = todo.back();
+        todo.pop_back();
+        auto* v = dynamic_cast<OxVar*>(n);
+        if (v && !declared.count(v->name().c_str()) && !assigned.count(w.nameOf(v->name().c_str())))
+            return KxString();
+        for (int i = 0; n && i < n->getNumChildren(); ++i)
+            todo.push_back(n->getChild(i));
+    }
+    if (!w.ok)
+        return KxString();
+    std::string locals;
+    for (const std::string& a : std::set<std::string>(assigned.begin(), assigned.end()))
+        locals += "    double " + a + " = 0.0;\n";
+    return KxString((head + ")\n{\n" + locals + body + "}\n").c_str());
 }

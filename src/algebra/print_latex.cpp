@@ -7,8 +7,11 @@
 #include <string>
 #include <typeindex>
 #include <unordered_map>
+#include <vector>
 
 #include <oxel/nodes.h>
+
+#include "algebra/print_walk.h"
 
 namespace {
 
@@ -32,7 +35,7 @@ const std::unordered_map<std::type_index, const char*>& spelled()
 {
     static const std::unordered_map<std::type_index, const char*> table = [] {
         std::unordered_map<std::type_index, const char*> t;
-#define OXEL_NAME(Cls, code, prio, sym, name, token) t[typeid(Cls)] = name;
+#define OXEL_NAME(Cls, code, prio, sym, name, token, c) t[typeid(Cls)] = name;
         OXEL_UNARY_FUNCTIONS(OXEL_NAME)
         OXEL_BINARY_FUNCTIONS(OXEL_NAME)
 #undef OXEL_NAME
@@ -61,18 +64,13 @@ const std::unordered_map<std::type_index, Infix>& infixes()
     return table;
 }
 
+using oxpw::Text;
+
 struct Around {
     const char* before;
     const char* after;
     int level;
 };
-
-struct Text {
-    std::string s;
-    int level;
-};
-
-std::string paren(const std::string& s) { return "\\left(" + s + "\\right)"; }
 
 // x, x_{1}, or a longer name upright.
 std::string name(const std::string& n)
@@ -91,25 +89,160 @@ std::string name(const std::string& n)
 class LatexWriter {
 public:
     bool ok = true;
+    oxpw::Rope rope;
 
-    std::string operand(Oxel* node, int need)
+    // The walk's callbacks (oxpw::foldTree).
+    void operands(Oxel* node, std::vector<Oxel*>& out)
     {
-        if (!node) {
-            ok = false;
-            return "";
+        switch (formOf(node)) {
+        case kBound:
+            out.push_back(static_cast<OxVar*>(node)->bound());
+            break;
+        case kCall:
+            for (int i = 0; i < node->getNumChildren(); ++i)
+                out.push_back(node->getChild(i));
+            break;
+        case kTwo:
+            out.push_back(node->getChild(0));
+            out.push_back(node->getChild(1));
+            break;
+        case kOne:
+            out.push_back(node->getChild(0));
+            break;
+        case kNotEqual:
+            out.push_back(node->getChild(0)->getChild(0));
+            out.push_back(node->getChild(0)->getChild(1));
+            break;
+        default:
+            break;
         }
-        Text t = write(node);
-        return t.level < need ? paren(t.s) : t.s;
+    }
+
+    Text missing()
+    {
+        ok = false;
+        return {lit(""), kAtom};
+    }
+
+    Text combine(Oxel* node, const Text* t)
+    {
+        const std::type_info& type = typeid(*node);
+        switch (formOf(node)) {
+        case kNumber:
+            return number(static_cast<OxZahl*>(node)->number());
+        case kPlain:
+            return {rope.text(name(static_cast<OxVar*>(node)->name().c_str())), kAtom};
+        case kBound:
+            return {join({rope.text(name(static_cast<OxVar*>(node)->name().c_str())), lit(" = "),
+                          operand(t[0], kLogic)}),
+                    kAny};
+        case kFail:
+            ok = false;  // a missing child, or a class of the host's own
+            return {lit(""), kAtom};
+        case kNotEqual:
+            return {join({operand(t[0], kAdd), lit(" \\neq "), operand(t[1], kAdd)}), kCompare};
+        default:
+            break;
+        }
+        if (type == typeid(OxRand))
+            return {lit("\\mathrm{rand}()"), kAtom};
+        if (type == typeid(OxGauss))
+            return {lit("\\mathrm{gauss}()"), kAtom};
+        if (auto* dep = dynamic_cast<OxDepVar*>(node)) {
+            oxpw::Id out = rope.text(name(dep->node()->getName()) + "_{" +
+                                     std::to_string(dep->component()) + "}");
+            return {dep->getNumChildren() ? join({out, args(node, t)}) : out, kAtom};
+        }
+        if (type == typeid(OxBranch))
+            return {join({operand(t[0], kAny), lit(";\\ "), operand(t[1], kAny)}), kAny};
+        Oxel* a = node->getChild(0);
+        if (type == typeid(OxMal)) {
+            auto* z = dynamic_cast<OxZahl*>(a);
+            if (z && z->number() == -1.0)
+                return {join({lit("-"), operand(t[1], kMul)}), kNeg};
+            return product(a, t);
+        }
+        if (type == typeid(OxDurch))
+            return {join({lit("\\frac{"), operand(t[0], kAny), lit("}{"), operand(t[1], kAny),
+                          lit("}")}),
+                    kMul};
+        if (type == typeid(OxHoch)) {
+            auto* z = dynamic_cast<OxZahl*>(node->getChild(1));
+            if (z && z->number() == 0.5)
+                return {join({lit("\\sqrt{"), operand(t[0], kAny), lit("}")}), kAtom};
+            return {join({operand(t[0], kAtom), lit("^{"), operand(t[1], kAny), lit("}")}), kPow};
+        }
+        auto wrap = around().find(type);
+        if (wrap != around().end())
+            return {join({lit(wrap->second.before), operand(t[0], kAny), lit(wrap->second.after)}),
+                    wrap->second.level};
+        if (type == typeid(OxNot))
+            return {join({lit("\\neg "), operand(t[0], kPow)}), kNeg};
+        auto in = infixes().find(type);
+        if (in != infixes().end() && node->getNumChildren() == 2) {
+            const Infix& i = in->second;
+            int right = i.level == kAdd ? kMul : i.level + 1;
+            return {join({operand(t[0], i.level == kCompare ? i.level + 1 : i.level), lit(i.op),
+                          operand(t[1], right)}),
+                    i.level};
+        }
+        auto op = operators().find(type);
+        if (op != operators().end())
+            return {join({lit(op->second), args(node, t)}), kAtom};
+        auto word = spelled().find(type);
+        return {join({lit("\\mathrm{"), lit(word->second), lit("}"), args(node, t)}), kAtom};
     }
 
 private:
-    static Text number(double v)
+    // How a node is written, and so which operands it needs.
+    enum Form { kNumber, kPlain, kBound, kLeaf, kCall, kTwo, kOne, kNotEqual, kFail };
+
+    static Form formOf(Oxel* node)
+    {
+        const std::type_info& type = typeid(*node);
+        if (dynamic_cast<OxZahl*>(node))
+            return kNumber;
+        if (auto* var = dynamic_cast<OxVar*>(node))
+            return var->bound() ? kBound : kPlain;
+        if (type == typeid(OxRand) || type == typeid(OxGauss))
+            return kLeaf;
+        if (dynamic_cast<OxDepVar*>(node))
+            return kCall;
+        if (type == typeid(OxBranch))
+            return kTwo;
+        int n = node->getNumChildren();
+        Oxel* a = n > 0 ? node->getChild(0) : nullptr;
+        Oxel* b = n > 1 ? node->getChild(1) : nullptr;
+        if (!a || (n == 2 && !b) || n > 2)
+            return kFail;
+        if (type == typeid(OxMal) || type == typeid(OxDurch) || type == typeid(OxHoch))
+            return kTwo;
+        if (around().count(type))
+            return kOne;
+        if (type == typeid(OxNot))
+            return typeid(*a) == typeid(OxEqual) ? kNotEqual : kOne;
+        if (infixes().count(type) && n == 2)
+            return kTwo;
+        if (operators().count(type) || spelled().count(type))
+            return kCall;
+        return kFail;
+    }
+
+    oxpw::Id lit(const char* s) { return rope.literal(s); }
+    oxpw::Id join(std::initializer_list<oxpw::Id> parts) { return rope.join(parts); }
+
+    oxpw::Id paren(oxpw::Id s) { return join({lit("\\left("), s, lit("\\right)")}); }
+
+    // The operand's text, bracketed when its level is below need.
+    oxpw::Id operand(const Text& t, int need) { return t.level < need ? paren(t.id) : t.id; }
+
+    Text number(double v)
     {
         if (std::isnan(v))
-            return {"\\mathrm{NaN}", kAtom};
+            return {lit("\\mathrm{NaN}"), kAtom};
         std::string sign = std::signbit(v) ? "-" : "";
         if (std::isinf(v))
-            return {sign + "\\infty", sign.empty() ? kAtom : kNeg};
+            return {rope.text(sign + "\\infty"), sign.empty() ? kAtom : kNeg};
         char buf[40];
         std::string s(buf, std::to_chars(buf, buf + sizeof buf, std::fabs(v)).ptr);
         size_t e = s.find('e');
@@ -120,77 +253,39 @@ private:
                 exponent.erase(0, 1);
             s = (mantissa == "1" ? "" : mantissa + " \\cdot ") + "10^{" + exponent + "}";
         }
-        return {sign + s, sign.empty() ? kAtom : kNeg};
+        return {rope.text(sign + s), sign.empty() ? kAtom : kNeg};
     }
 
-    std::string args(Oxel* node)
+    // The operands (all of the node's children) as a bracketed argument list.
+    oxpw::Id args(Oxel* node, const Text* t)
     {
-        std::string out;
-        for (int i = 0; i < node->getNumChildren(); ++i)
-            out += (i ? ", " : "") + operand(node->getChild(i), kAny);
-        return paren(out);
+        std::vector<oxpw::Id> parts{lit("\\left(")};
+        for (int i = 0; i < node->getNumChildren(); ++i) {
+            if (i)
+                parts.push_back(lit(", "));
+            parts.push_back(operand(t[i], kAny));
+        }
+        parts.push_back(lit("\\right)"));
+        return rope.join(parts.data(), parts.size());
     }
 
-    Text power(Oxel* base, const std::string& exponent)
+    Text product(Oxel* a, const Text* t)
     {
-        return {operand(base, kAtom) + "^{" + exponent + "}", kPow};
-    }
-
-    Text product(Oxel* a, Oxel* b)
-    {
-        std::string left = operand(a, kNeg), right = operand(b, kMul);
-        if (left == right && dynamic_cast<OxVar*>(a))
-            return {left + "^{2}", kPow};  // x x is x^{2}
+        oxpw::Id left = operand(t[0], kNeg), right = operand(t[1], kMul);
+        if (dynamic_cast<OxVar*>(a) && rope.size(left) == rope.size(right) &&
+            rope.str(left) == rope.str(right))
+            return {join({left, lit("^{2}")}), kPow};  // x x is x^{2}
         // 2 x and x y, but 2 \cdot 3 and x \cdot 2.
-        bool juxtapose = std::isalpha(static_cast<unsigned char>(right[0])) ||
-                         (right[0] == '\\' && right.compare(0, 5, "\\left") != 0);
-        return {left + (juxtapose ? " " : " \\cdot ") + right, kMul};
+        char c = rope.first(right);
+        bool juxtapose = std::isalpha(static_cast<unsigned char>(c)) ||
+                         (c == '\\' && !rope.startsWith(right, "\\left"));
+        return {join({left, lit(juxtapose ? " " : " \\cdot "), right}), kMul};
     }
 
-    Text write(Oxel* node)
+    // Functions that LaTeX writes around their argument.
+    static const std::unordered_map<std::type_index, Around>& around()
     {
-        const std::type_info& type = typeid(*node);
-        if (auto* z = dynamic_cast<OxZahl*>(node))
-            return number(z->number());
-        if (auto* var = dynamic_cast<OxVar*>(node)) {
-            std::string n = name(var->name().c_str());
-            if (!var->bound())
-                return {n, kAtom};
-            return {n + " = " + operand(var->bound(), kLogic), kAny};
-        }
-        if (type == typeid(OxRand))
-            return {"\\mathrm{rand}()", kAtom};
-        if (type == typeid(OxGauss))
-            return {"\\mathrm{gauss}()", kAtom};
-        if (auto* dep = dynamic_cast<OxDepVar*>(node)) {
-            std::string out = name(dep->node()->getName()) + "_{" + std::to_string(dep->component()) + "}";
-            return {dep->getNumChildren() ? out + args(dep) : out, kAtom};
-        }
-        if (type == typeid(OxBranch))
-            return {operand(node->getChild(0), kAny) + ";\\ " + operand(node->getChild(1), kAny), kAny};
-        int n = node->getNumChildren();
-        Oxel* a = n > 0 ? node->getChild(0) : nullptr;
-        Oxel* b = n > 1 ? node->getChild(1) : nullptr;
-        if (!a || (n == 2 && !b) || n > 2) {
-            ok = false;
-            return {"", kAtom};
-        }
-        if (type == typeid(OxMal)) {
-            auto* z = dynamic_cast<OxZahl*>(a);
-            if (z && z->number() == -1.0)
-                return {"-" + operand(b, kMul), kNeg};
-            return product(a, b);
-        }
-        if (type == typeid(OxDurch))
-            return {"\\frac{" + operand(a, kAny) + "}{" + operand(b, kAny) + "}", kMul};
-        if (type == typeid(OxHoch)) {
-            auto* z = dynamic_cast<OxZahl*>(b);
-            if (z && z->number() == 0.5)
-                return {"\\sqrt{" + operand(a, kAny) + "}", kAtom};
-            return power(a, operand(b, kAny));
-        }
-        // Functions that LaTeX writes around their argument.
-        static const std::unordered_map<std::type_index, Around> around = {
+        static const std::unordered_map<std::type_index, Around> table = {
             {typeid(OxSqroot), {"\\sqrt{", "}", kAtom}},
             {typeid(OxCbroot), {"\\sqrt[3]{", "}", kAtom}},
             {typeid(OxExp), {"e^{", "}", kPow}},
@@ -198,30 +293,7 @@ private:
             {typeid(OxCeil), {"\\left\\lceil ", "\\right\\rceil", kAtom}},
             {typeid(OxFloor), {"\\left\\lfloor ", "\\right\\rfloor", kAtom}},
         };
-        auto wrap = around.find(type);
-        if (wrap != around.end())
-            return {wrap->second.before + operand(a, kAny) + wrap->second.after, wrap->second.level};
-        if (type == typeid(OxNot)) {
-            if (typeid(*a) == typeid(OxEqual))
-                return {operand(a->getChild(0), kAdd) + " \\neq " + operand(a->getChild(1), kAdd),
-                        kCompare};
-            return {"\\neg " + operand(a, kPow), kNeg};
-        }
-        auto in = infixes().find(type);
-        if (in != infixes().end() && n == 2) {
-            const Infix& i = in->second;
-            int right = i.level == kAdd ? kMul : i.level + 1;
-            return {operand(a, i.level == kCompare ? i.level + 1 : i.level) + i.op + operand(b, right),
-                    i.level};
-        }
-        auto op = operators().find(type);
-        if (op != operators().end())
-            return {op->second + args(node), kAtom};
-        auto word = spelled().find(type);
-        if (word != spelled().end())
-            return {"\\mathrm{" + std::string(word->second) + "}" + args(node), kAtom};
-        ok = false;  // a class of the host's own
-        return {"", kAtom};
+        return table;
     }
 };
 
@@ -232,6 +304,6 @@ KxString oxelToLatex(Oxel* tree)
     if (!tree)
         return KxString();
     LatexWriter w;
-    std::string text = w.operand(tree, kAny);
+    std::string text = w.rope.str(oxpw::foldTree(tree, w).id);
     return w.ok ? KxString(text.c_str()) : KxString();
 }

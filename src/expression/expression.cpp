@@ -302,6 +302,14 @@ OxelExpression* OxelExpression::normalized() const
 KxString OxelExpression::toC() const { return oxelToC(root_); }
 KxString OxelExpression::toLatex() const { return oxelToLatex(root_); }
 
+KxString OxelExpression::toCFunction(const char* name) const
+{
+    std::vector<const char*> params;  // the declared variables; internal ones come after them
+    for (int i = 0; i < numVars() - numInternal_; ++i)
+        params.push_back(varName(static_cast<unsigned>(i)));
+    return oxelToCFunction(root_, name, params.data(), static_cast<int>(params.size()));
+}
+
 // ---------------------------------------------------------------- batch evaluation
 
 namespace {

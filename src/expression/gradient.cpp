@@ -9,6 +9,7 @@
 
 #include <oxel/core.h>
 
+#include "core/deep.h"
 #include "nodes/kinds.h"
 #include "nodes/vector_kernels.h"
 #include "program/native/native.h"
@@ -291,9 +292,13 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(
     }
     std::unique_ptr<OxelGradient::Impl> g(new OxelGradient::Impl);
     g->numVars = numVars();
-    std::unordered_set<const Oxel*> above;
-    markAssignments(root_, above);
-    g->exprs.emplace_back(withSameNames(copyKeepingAssignments(root_, above)));
+    Oxel* copy = nullptr;
+    oxs::withStackFor(oxelDepth(root_), [&] {
+        std::unordered_set<const Oxel*> above;
+        markAssignments(root_, above);
+        copy = copyKeepingAssignments(root_, above);
+    });
+    g->exprs.emplace_back(withSameNames(copy));
     long nodes = oxelNodeBudget();  // shared by every output
     for (const std::string& name : names) {
         g->exprs.emplace_back(partialWithin(name.c_str(), &nodes, why));

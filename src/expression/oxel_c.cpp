@@ -226,16 +226,32 @@ oxel_expr* oxel_expr_simplified(const oxel_expr* expr)
     return guarded<oxel_expr*>(nullptr, [expr] { return adopt(expr->expr->simplified()); });
 }
 
+// A malloc()ed copy of s.
+static char* copied(const char* s, size_t n)
+{
+    char* out = static_cast<char*>(std::malloc(n + 1));
+    if (out)
+        std::memcpy(out, s, n + 1);
+    return out;
+}
+
 char* oxel_expr_print(const oxel_expr* expr)
 {
     if (!live(expr))
         return nullptr;
     return guarded<char*>(nullptr, [expr] {
         std::string s = oxelToString(expr->expr->root());
-        char* out = static_cast<char*>(std::malloc(s.size() + 1));
-        if (out)
-            std::memcpy(out, s.c_str(), s.size() + 1);
-        return out;
+        return copied(s.c_str(), s.size());
+    });
+}
+
+char* oxel_expr_to_c_function(const oxel_expr* expr, const char* name)
+{
+    if (!live(expr) || !name)
+        return nullptr;
+    return guarded<char*>(nullptr, [=]() -> char* {
+        KxString s = expr->expr->toCFunction(name);
+        return s.length() ? copied(s.c_str(), static_cast<size_t>(s.length())) : nullptr;
     });
 }
 

@@ -11,8 +11,8 @@
 
 namespace oxw {
 
-#define OXW_UNARY(Cls, code, prio, sym, name, token) {name, 1, &oxk::make1<Cls>, nullptr},
-#define OXW_BINARY(Cls, code, prio, sym, name, token) {name, 2, nullptr, &oxk::make2<Cls>},
+#define OXW_UNARY(Cls, code, prio, sym, name, token, c) {name, 1, &oxk::make1<Cls>, nullptr},
+#define OXW_BINARY(Cls, code, prio, sym, name, token, c) {name, 2, nullptr, &oxk::make2<Cls>},
 #define OXW_KEYWORD(name, token) {name, 0, nullptr, nullptr},
 const Word kWords[kNumWords] = {OXEL_WORDS(OXW_UNARY, OXW_BINARY, OXW_KEYWORD)};
 #undef OXW_UNARY

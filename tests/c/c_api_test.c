@@ -145,6 +145,12 @@ static void test_derivative_simplify_print(void)
     text = oxel_expr_print(s);
     CHECK(text != NULL && strcmp(text, "2+3*x") == 0);
     oxel_free(text);
+    /* the declared variables are the parameters; sin is reserved in C */
+    text = oxel_expr_to_c_function(s, "f");
+    CHECK(text != NULL &&
+          strcmp(text, "double f(double x, double y)\n{\n    return 2.0 + 3.0 * x;\n}\n") == 0);
+    oxel_free(text);
+    CHECK(oxel_expr_to_c_function(s, "sin") == NULL);
     oxel_expr_free(s);
     oxel_expr_free(e);
 }
@@ -165,6 +171,7 @@ static void check_dead_handle(oxel_expr* e, oxel_grad* g)
     CHECK(oxel_expr_eval_batch(e, v, 1, 1, out, codes) == -1);
     CHECK(oxel_expr_derivative(e, "x") == NULL && oxel_expr_simplified(e) == NULL);
     CHECK(oxel_expr_print(e) == NULL && oxel_expr_gradient(e, names, 1, 1) == NULL);
+    CHECK(oxel_expr_to_c_function(e, "f") == NULL);
     CHECK(oxel_grad_outputs(g) == 0);
     oxel_grad_eval(g, v, out, codes);
     CHECK(codes[0] == -7 && oxel_grad_eval_columns(g, NULL, 0, NULL, NULL) == -1);

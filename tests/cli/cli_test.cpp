@@ -169,6 +169,13 @@ const Case kCases[] = {
     {{"print", "x", "--format=tex"}, 1, "", "--format must be formula, c or latex"},
     {{"print", "x", "--passes"}, 1, "", "--passes applies to diff and simplify only"},
     {{"diff", "x", "x", "--tree", "--format=c"}, 1, "", "--tree and --format exclude each other"},
+    // --function: a C file; a variable that C reserves gets a trailing underscore
+    {{"print", "abs(fabs)", "--function", "f"}, 0,
+     "#include <math.h>\n#include <stdlib.h>\n\ndouble f(double fabs_)\n{\n    return fabs(fabs_);\n}\n",
+     ""},
+    {{"print", "x", "--function", "sin"}, 0, "x\n", "cannot be written as a C function named 'sin'"},
+    {{"print", "x", "--function", "f", "--format=latex"}, 1, "", "--function writes C"},
+    {{"eval", "x", "x=1", "--function=f"}, 1, "", "--function applies to diff, simplify and print"},
     {{"eval", "x", "x=1", "--tree"}, 1, "", "--tree applies to diff, simplify and print only"},
     {{"diff", "x", "x", "--value"}, 1, "", "--value applies to eval only"},
     {{"names", "x", "y"}, 1, "", "names takes nothing but the formula"},
@@ -339,6 +346,39 @@ TEST(OxelProgram, HostileInputAndOutput)
     std::remove(path);
 }
 
+// Formulas far deeper than any stack: a sum of 20,000 terms, 12,000 nested calls, a gradient
+// of 300,000 products; the results follow from how the formulas are built.
+TEST(OxelProgram, HugeFormulasFromFile)
+{
+    std::string sum = "x", spaced = "x", nested, grad = "x*y";
+    for (int i = 1; i < 20000; ++i) {
+        sum += i % 2 ? "+y" : "+x";
+        spaced += i % 2 ? " + y" : " + x";
+    }
+    for (int i = 0; i < 12000; ++i)
+        nested += "sin(";
+    nested += "x" + std::string(12000, ')');
+    for (int i = 1; i < 300000; ++i)
+        grad += "+x*y";
+    char path[] = "/tmp/oxel-cli-huge-XXXXXX";
+    close(mkstemp(path));
+    const struct { std::string text; std::vector<std::string> args; std::string out; } rows[] = {
+        {sum, {"print", "--format=latex"}, spaced + "\n"},
+        {sum, {"print", "--format=c"}, spaced + "\n"},
+        {nested, {"simplify"}, nested + "\n"},
+        {grad, {"grad", "x", "y", "x=2", "y=3"}, "value 1800000\nd/dx 900000\nd/dy 600000\n"},
+    };
+    for (const auto& r : rows) {
+        std::ofstream(path) << r.text;
+        std::vector<std::string> args = r.args;
+        args.insert(args.begin() + 1, {"--file", path});
+        Result got = runOxel(args);
+        EXPECT_EQ(got.status, 0) << r.args[0] << ": " << got.err;
+        EXPECT_TRUE(got.out == r.out) << r.args[0] << ": " << got.out.substr(0, 80);
+    }
+    std::remove(path);
+}
+
 // The program's number text is printf's %.15g, %.16g or %.17g, whichever reads back first.
 TEST(OxelProgram, NumberTextIsTheShortestPrintfForm)
 {
@@ -371,6 +411,7 @@ TEST(OxelProgram, HelpNamesEveryCommandAndExitStatus)
         for (const char* word : {"eval FORMULA", "diff FORMULA", "simplify FORMULA", "print FORMULA",
                                  "table FORMULA", "names FORMULA", "--file", "--tree", "--value",
                                  "--csv", "--alias", "--var", "--simplify", "--once", "--passes", "--format",
+                                 "--function",
                                  "--version", "0  success", "1  usage error", "2  the formula does not parse",
                                  "3  evaluation error", "4  no derivative"})
             EXPECT_NE(r.out.find(word), std::string::npos) << word;

@@ -41,7 +41,7 @@ int runDiff(const Args& a)
         }
         d = std::move(simple);
     }
-    printAs(a, d->root(), a.tree);
+    printAs(a, *d, d->root(), a.tree);
     return kOk;
 }
 

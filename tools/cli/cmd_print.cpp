@@ -28,8 +28,8 @@ int printTree(const Args& a, bool simplifyIt)
             return kNoDerivative;
         }
     }
-    Oxel* tree = simple ? simple->root() : s.expression().root();
-    printAs(a, tree, a.tree || !simplifyIt);
+    const OxelExpression& e = simple ? *simple : s.expression();
+    printAs(a, e, e.root(), a.tree || !simplifyIt);
     return kOk;
 }
 

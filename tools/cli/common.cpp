@@ -209,6 +209,9 @@ Args parseArgs(int argc, char** argv)
             a.format = takeValue();
             if (a.format != "formula" && a.format != "c" && a.format != "latex")
                 usage("--format must be formula, c or latex");
+        } else if (opt == "--function") {
+            a.function = takeValue();
+            checkedName(a.function, a.function);
         } else if (arg == "--passes") {
             a.passes = true;
         } else if (arg == "--once") {
@@ -357,6 +360,7 @@ void rejectOptions(const Args& a, int accepted)
         {a.hessian, kHessian, "--hessian applies to grad only"},
         {!a.grad.empty(), kGrad, "--grad applies to table only"},
         {!a.format.empty(), kFormat, "--format applies to diff, simplify and print only"},
+        {!a.function.empty(), kFormat, "--function applies to diff, simplify and print only"},
         {a.passes, kPasses, "--passes applies to diff and simplify only"},
     };
     for (const auto& o : options)

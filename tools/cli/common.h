@@ -61,7 +61,8 @@ struct Args {
     bool hessian = false;
     std::vector<std::string> grad;  // from --grad: table adds these partial derivatives
     bool passes = false;
-    std::string format;  // from --format: formula, c or latex
+    std::string format;    // from --format: formula, c or latex
+    std::string function;  // from --function: the name of a C function to write
 };
 
 std::pair<std::string, std::string> splitAssignment(const std::string& arg, const char* what,
@@ -102,7 +103,7 @@ void printResult(Oxel* tree, bool asTree);
 // --once, --passes or --tree ask for the library's simplification pass), and the result
 // printed as --format says, or as printResult does.
 OxelExpression* simplifiedAs(const Args& a, const OxelExpression& e);
-void printAs(const Args& a, Oxel* tree, bool asTree);
+void printAs(const Args& a, const OxelExpression& e, Oxel* tree, bool asTree);
 
 // The commands, one source file each.
 int runEval(const Args& a);
