@@ -160,6 +160,13 @@ std::string PyExpression::printed(KxString (OxelExpression::*form)() const)
     return ((*expr_).*form)().c_str();
 }
 
+std::string PyExpression::cFunction(const std::string& name)
+{
+    py::gil_scoped_release released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return expr_->toCFunction(name.c_str()).c_str();
+}
+
 std::string PyExpression::print()
 {
     py::gil_scoped_release released;

@@ -40,6 +40,8 @@ public:
 
     // A printed form, made with the interpreter lock released.
     std::string printed(KxString (OxelExpression::*form)() const);
+    // The formula as a whole C function of the declared variables ('' where there is none).
+    std::string cFunction(const std::string& name);
     std::string print();
     // oxel.Expression('<formula>', variables=[...]) where the tree reads back.
     std::string repr();

@@ -113,8 +113,21 @@ folded): equal mathematically, rounding may differ.
     >>> oxel.Expression("pow(x, 2)+1").to_formula()
     'pow(x, 2) + 1'
 )DOC");
-    printed("to_c", &OxelExpression::toC,
-        R"DOC(A C99 expression over <math.h> ('' where C cannot express it).
+    cls.def(
+        "to_c",
+        [](py::handle self, const py::object& function) {
+            if (function.is_none())
+                return expr(self).printed(&OxelExpression::toC);
+            std::string text = expr(self).cFunction(function.cast<std::string>());
+            if (text.empty())
+                throw py::value_error("no C function " + py::repr(function).cast<std::string>()
+                    + " can be written: a name that is no C keyword or <math.h> name is needed");
+            return text;
+        },
+        "function"_a = py::none(),
+        R"DOC(A C99 expression over <math.h> ('' where C cannot express it); with function=NAME
+a whole C function double NAME(double x, ...) taking the variables in declaration order.
+Variables named like C keywords or <math.h> names get a trailing '_'.
 
     >>> oxel.Expression("sqrt(x)/2").to_c()
     'sqrt(x) / 2.0'
