@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -173,6 +174,30 @@ TEST(Fork, ChildrenAndParentKeepTheirOwnCode)
     EXPECT_EQ(outcome(a), "exit 0");
     EXPECT_EQ(outcome(b), "exit 0");
     EXPECT_TRUE(agrees(*large, longSumValue));  // the children's later programs went elsewhere
+}
+
+// A child that can open no file (so gets no memfd of its own) still runs the code it
+// inherited, from a private copy, and compiles nothing new over it.
+TEST(Fork, ChildWithoutFilesKeepsItsCode)
+{
+    HotCalls hot(0);
+    auto inherited = make("sin(x)*2 - 5");
+    ASSERT_TRUE(inherited && agrees(*inherited, sine));
+    rlimit was{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &was));
+    rlimit none = was;
+    none.rlim_cur = 0;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    const pid_t pid = child([&] {
+        auto own = make("x*1000 + 7");
+        return agrees(*inherited, sine) && own && agrees(*own, scaled) &&
+               agrees(*inherited, sine);
+    });
+    setrlimit(RLIMIT_NOFILE, &was);
+    EXPECT_EQ(outcome(pid), "exit 0");
+    inherited.reset();
+    auto large = make(longSum(600));  // over the parent's code, not the child's
+    EXPECT_TRUE(large && agrees(*large, longSumValue));
 }
 
 // A child forked after the parent's batches started the worker threads runs batches of its

@@ -23,6 +23,7 @@ struct Chunk {
     // While a fork is under way: the code as it was when the fork began (null when the chunk
     // holds none, or no memory was left for the copy).
     char* before = nullptr;
+    bool readable = true;  // false once a child could keep no copy (see makePrivate)
 };
 
 namespace {
@@ -102,7 +103,7 @@ void beforeFork()
 {
     gLock.lock();
     for (Chunk* c : gChunks)
-        c->before = c->used > 0 ? copyOf(c->rx, c->size) : nullptr;
+        c->before = c->used > 0 && c->readable ? copyOf(c->rx, c->size) : nullptr;
 }
 
 void dropCopies()
@@ -126,6 +127,8 @@ void afterForkParent()
 // parent may have replaced would give silently wrong values.
 void makePrivate(Chunk* c)
 {
+    if (!c->readable)
+        return;  // private and inaccessible already
     // Without the parent's copy (no memory for it), the best left is the shared pages now.
     char* copy = c->before ? c->before : c->used > 0 ? copyOf(c->rx, c->size) : nullptr;
     c->before = nullptr;  // used up here
@@ -148,6 +151,7 @@ void makePrivate(Chunk* c)
     if (copy)
         munmap(copy, c->size);
     mmap(c->rx, c->size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    c->readable = false;
 }
 
 void afterForkChild()
