@@ -5,15 +5,7 @@ import math
 import time
 
 import oxel
-
-
-def best_seconds(fn, repeat):
-    best = float("inf")
-    for _ in range(repeat):
-        start = time.process_time()
-        fn()
-        best = min(best, time.process_time() - start)
-    return best
+from timing import best_seconds
 
 
 def cases(n):
@@ -37,7 +29,7 @@ def main():
     rows = {}
     for n in sizes:
         for what, fn in cases(n).items():
-            rows.setdefault(what, []).append(best_seconds(fn, args.repeat))
+            rows.setdefault(what, []).append(best_seconds(fn, args.repeat, time.process_time))
     print("%-14s" % "names" + "".join("%12d" % n for n in sizes) + "   growth")
     for what, seconds in rows.items():
         growth = math.log(seconds[-1] / seconds[0]) / math.log(sizes[-1] / sizes[0])
