@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <oxel/oxel.h>
@@ -53,6 +54,56 @@ TEST(ExpressionRegistry, NamesAliasesAndInternals)
         EXPECT_EQ(row.needed, e.isVarNeeded(row.name)) << (row.name ? row.name : "null");
     e.setDefaultExpression();
     EXPECT_EQ(0, e.isVarNeeded("b"));
+}
+
+// Past a handful of names, the registry and the parser look names up in a hash: each name
+// still resolves as a scan in declaration order would, aliases one level deep.
+TEST(ExpressionRegistry, ManyNamesResolveAsAScanWould)
+{
+    for (int n : {5, 1000}) {  // below and above the count where lookups stop scanning
+        OxelExpression e;
+        std::string sum;
+        double want = 1000;  // from t below
+        for (int i = 0; i < n; ++i) {
+            const std::string v = "v" + std::to_string(i), a = "a" + std::to_string(i);
+            ASSERT_EQ(i, e.addVar(v.c_str()));
+            e.addVarAlias(v.c_str(), a.c_str());
+            sum += " + " + std::to_string(i % 7) + "*" + (i % 2 ? a : v);
+            want += (i % 7) * i;
+        }
+        // w aliases an undeclared name, so declaring it twice gives two slots; once the alias
+        // names w itself, w is the first of them.
+        e.addVarAlias("missing", "w");
+        EXPECT_EQ(n, e.addVar("w"));
+        EXPECT_EQ(n + 1, e.addVar("w"));
+        e.addVarAlias("w", "w");
+        EXPECT_TRUE(e.varIndex("w") == n && e.addVar("w") == n);
+        for (int i = 0; i < n; i += 7) {
+            EXPECT_EQ(i, e.varIndex(("v" + std::to_string(i)).c_str()));
+            EXPECT_EQ(i, e.varIndex(("a" + std::to_string(i)).c_str()));
+        }
+        EXPECT_EQ(-1, e.varIndex(("v" + std::to_string(n)).c_str()));
+
+        ASSERT_EQ(1, e.initFromString(("t = w*1000; t" + sum).c_str()));
+        EXPECT_EQ(-1, e.varIndex("t"));  // internal
+        std::vector<double> values(static_cast<size_t>(e.numVars()));
+        for (int i = 0; i < n; ++i)
+            values[static_cast<size_t>(i)] = i;
+        values[static_cast<size_t>(n)] = 1;  // the w the formula reads
+        values[static_cast<size_t>(n) + 1] = 2;
+        int err = 0;
+        EXPECT_EQ(want, e.eval(values.data(), e.numVars(), err));
+        EXPECT_EQ(0, err);
+
+        // Derived copies declare the internal names too; a copy of the names keeps the order.
+        std::unique_ptr<OxelExpression> d(e.simplified());
+        ASSERT_TRUE(d != nullptr);
+        EXPECT_EQ(want, d->eval(values.data(), d->numVars(), err));
+        EXPECT_TRUE(d->varIndex("w") == n && d->varIndex("t") == n + 2);
+        OxelExpression c;
+        c.copyVarNames(e);
+        EXPECT_TRUE(c.varIndex("w") == n && c.varIndex("a3") == 3 && c.varIndex("t") == -1);
+    }
 }
 
 TEST(ExpressionLifecycle, DefaultsFailuresAndReset)

@@ -145,6 +145,8 @@ private:
 
     Oxel* root_;
     KxDArray<KxString> names_;
+    // Hashed first positions of the declared names, so that many names stay cheap to look up.
+    std::vector<int> nameIndex_;
     KxHashTable<KxString, KxString> aliases_;
     int numInternal_;
     KxString lastError_;

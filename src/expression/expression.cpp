@@ -15,6 +15,7 @@
 #include "program/program.h"
 #include "nodes/kernels.h"
 #include "parser/converter.h"
+#include "support/name_index.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ int OxelExpression::addVar(const char* name)
     if (i >= 0 && i < declared)
         return i;
     names_.insert(declared, KxString(name));
+    oxs::nameAdd(nameIndex_, names_, declared);
     installTree(root_);  // drops the programs: they know the number of slots
     return declared;
 }
@@ -65,12 +67,7 @@ int OxelExpression::varIndex(const char* name) const
     if (aliases_.count() > 0)
         if (const KxString* target = aliases_.lookup(KxString(name)))
             wanted = target->c_str();
-    const int length = static_cast<int>(std::strlen(wanted));
-    int declared = numVars() - numInternal_;
-    for (int i = 0; i < declared; ++i)
-        if (names_[i].length() == length && std::strcmp(names_[i].c_str(), wanted) == 0)
-            return i;
-    return -1;
+    return oxs::nameFind(nameIndex_, names_, wanted);
 }
 
 const char* OxelExpression::varName(unsigned int index) const
@@ -190,6 +187,7 @@ void OxelExpression::installTree(Oxel* tree)
 void OxelExpression::clear()
 {
     names_.setLength(0);
+    nameIndex_.clear();
     aliases_.removeAll();
     numInternal_ = 0;
     setDefaultExpression();
@@ -203,6 +201,7 @@ void OxelExpression::copyVarNames(OxelExpression& other)
     int declared = other.numVars() - other.numInternal_;
     for (int i = 0; i < declared; ++i)
         names_.append(other.names_[i]);
+    oxs::nameIndex(nameIndex_, names_, declared);
     aliases_ = other.aliases_;
     installTree(root_);
 }
@@ -221,6 +220,8 @@ OxelExpression* OxelExpression::withSameNames(Oxel* tree) const
         out->names_.setLength(names_.length());
         for (int i = 0; i < names_.length(); ++i)
             out->names_[i] = names_[i];
+        // The copy declares the internal variables too.
+        oxs::nameIndex(out->nameIndex_, out->names_, names_.length());
         out->aliases_ = aliases_;
         out->installTree(tree);
         return out;

@@ -5,7 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <pthread.h>
+
 #include "support/messages.h"
+#include "support/name_index.h"
 
 KxMutex strToOxelMutex(false);
 
@@ -33,6 +36,30 @@ public:
     ParseLock& operator=(const ParseLock&) = delete;
 };
 
+// A fork waits for a parse under way, so that a child inherits neither a held lock nor a
+// half-run parse's state.
+struct ForkHandlers {
+    ForkHandlers()
+    {
+        pthread_atfork([] { strToOxelMutex.lock(); }, [] { strToOxelMutex.unlock(); },
+                       [] { strToOxelMutex.unlock(); });
+    }
+} forkHandlers;
+
+// Up to this many names a scan is cheaper than building an index.
+const int kScannedNames = 16;
+
+// The running parse's index of OxConverter_yyVarNames[0, indexedNames): the parse only
+// appends to the names, so the index catches up on the next lookup.
+std::vector<int> nameSlots;
+int indexedNames = 0;
+
+void forgetNameIndex()
+{
+    std::vector<int>().swap(nameSlots);  // a large one is not kept after its parse
+    indexedNames = 0;
+}
+
 }  // namespace
 
 int OxConverter_getVarIndex(const char* name)
@@ -44,10 +71,15 @@ int OxConverter_getVarIndex(const char* name)
     KxDArray<KxString>* names = OxConverter_yyVarNames;
     if (!names || names->length() == 0)
         return -1;
-    for (int i = 0; i < names->length(); ++i)
-        if (std::strcmp((*names)[i].c_str(), name) == 0)
-            return i;
-    return -1;
+    if (names->length() <= kScannedNames) {
+        for (int i = 0; i < names->length(); ++i)
+            if (std::strcmp((*names)[i].c_str(), name) == 0)
+                return i;
+        return -1;
+    }
+    for (; indexedNames < names->length(); ++indexedNames)
+        oxs::nameAdd(nameSlots, *names, indexedNames);
+    return oxs::nameFind(nameSlots, *names, name);
 }
 
 OxDepVarnode* OxConverter_getdepvar(const char* name)
@@ -138,6 +170,9 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
     OxConverter_startText();
     OxConverter_forgetLongNames();
     OxConverter_yyVarNames = &varNames;
+    struct IndexScope {
+        ~IndexScope() { forgetNameIndex(); }
+    } indexScope;
     OxConverter_yyVarAlias = aliases;
     OxConverter_yyDepVarnodes = depVars;
     OxConverter_yyNumDepVars = numDepVars;

@@ -1,13 +1,16 @@
 // Worker threads for large batches: started on first use, one job at a time, the calling
-// thread working beside them.
+// thread working beside them; a forked child starts its own.
 #include "program/program.h"
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <vector>
+
+#include <pthread.h>
 
 namespace oxp {
 namespace {
@@ -20,10 +23,15 @@ int defaultThreads()
     return n == 0 ? 1 : std::min(static_cast<int>(n), 8);
 }
 
+class Pool;
+std::atomic<Pool*> gLive{nullptr};
+
 class Pool {
 public:
+    explicit Pool(int threads) : threads_(threads) { gLive.store(this); }
     ~Pool()
     {
+        gLive.store(nullptr);
         {
             std::lock_guard<std::mutex> g(m_);
             stop_ = true;
@@ -92,7 +100,7 @@ private:
         }
     }
 
-    std::atomic<int> threads_{defaultThreads()};
+    std::atomic<int> threads_;
     std::mutex jobLock_;  // one job at a time
     std::mutex m_;
     std::condition_variable wake_, done_;
@@ -110,9 +118,24 @@ private:
 
 Pool& pool()
 {
-    static Pool p;
+    static Pool p(defaultThreads());
     return p;
 }
+
+// A forked child has only the thread that forked: the parent's workers, and any lock or job
+// state they held, are not there. It gets a fresh pool with the same thread count; the old
+// one is left as it is, since destroying it would join threads that do not exist.
+void afterForkChild()
+{
+    if (Pool* p = gLive.load()) {
+        const int threads = p->threads();
+        new (p) Pool(threads);
+    }
+}
+
+struct ForkHandler {
+    ForkHandler() { pthread_atfork(nullptr, nullptr, afterForkChild); }
+} gForkHandler;
 
 }  // namespace
 
