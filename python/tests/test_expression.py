@@ -224,7 +224,7 @@ def test_simplify_and_print():
 @pytest.mark.parametrize("make", [
     lambda: oxel.Expression("sin(x)*speed", variables=XY, aliases={"speed": "y"}),
     lambda: oxel.Expression("sin(x)*speed", variables=XY, aliases={"speed": "y"}).derivative("x"),
-    lambda: oxel.Expression("x*x*y*1", variables=XY).derivative("speed"),
+    lambda: oxel.Expression("x*x*y*1", variables=XY, aliases={"speed": "y"}).derivative("speed"),
     lambda: oxel.Expression("x*x*y*1", variables=XY).derivative("x").simplified(),
     lambda: oxel.Expression("a = x*2; ln(a) + y", variables=XY).simplified_fully(),
 ])
