@@ -97,6 +97,7 @@ const Case kCases[] = {
     {{"eval", "x + foo(1)", "x=1"}, 2, "", "  x + foo(1)\n      ^\noxel: unknown function 'foo'\n"},
     {{"eval", "2e3 (1)"}, 2, "", "unexpected '('"},
     {{"eval", "x**2", "x=1"}, 2, "", "oxel: hint: powers are written pow(a, b); ^ is exclusive or\n"},
+    {{"eval", "log(x)", "x=1"}, 2, "", "'log'\noxel: hint: no function log: ln is the natural logarithm"},
     {{"table", "x @+ 1", "x=0:1"}, 0, "x,value,error\n0,1,0\n1,2,0\n", "oxel: warning: ignored character '@' at offset 2\n"},
     {{"diff", "x < 1", "x"}, 0, "x < 1\n", "oxel: warning: diff: Not yet implemented in OXEL.\n"},
     {{"names", "a = x*2; a + sinx + sin(x) + b"}, 0, "a\nx\nsinx\nb\n", ""},

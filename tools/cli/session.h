@@ -113,6 +113,12 @@ public:
         if (at >= 0) {
             showWhere(formula, at);
             std::fprintf(stderr, "oxel: unknown function %s\n", quoted(called).c_str());
+            // A function the language spells otherwise (log) or reserves (gamma) says so.
+            KxDArray<KxString> self;
+            self.append(KxString(called.c_str()));
+            KxString hint = oxelParseHint(called.c_str(), "", self);
+            if (hint.length())
+                std::fprintf(stderr, "oxel: hint: %s\n", hint.c_str());
             return false;
         }
         if (expr_.initFromString(formula.c_str()))
