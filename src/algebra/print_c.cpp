@@ -273,7 +273,8 @@ private:
         if (n < 1 || n > 2 || !dynamic_cast<OxBinary*>(node) == (n == 2) ||
             !node->getChild(0) || (n == 2 && !node->getChild(1)))
             return kFail;
-        if (type == typeid(OxNot) && typeid(*node->getChild(0)) == typeid(OxEqual))
+        const Oxel& first = *node->getChild(0);
+        if (type == typeid(OxNot) && typeid(first) == typeid(OxEqual))
             return kNotEqual;
         if (type == typeid(OxPlus) || type == typeid(OxMinus) || type == typeid(OxDurch) ||
             type == typeid(OxMal) || functions().count(type) || operators().count(type))
