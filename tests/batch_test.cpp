@@ -160,18 +160,25 @@ std::string randomFormula(std::mt19937& rng, int depth, bool assigned, const std
         return "(" + *shared + ")";
     if (depth == 0 || rng() % 5 == 0)  // "a" is read only once it has been assigned
         return leaves[rng() % (sizeof leaves / sizeof leaves[0] - (assigned ? 0 : 1))];
+    // Each draw in a statement of its own: the operands of + are unsequenced, and compilers
+    // that order them differently would test different formulas.
     switch (rng() % 5) {
-    case 0:
-        return pick(unary) + "(" + randomFormula(rng, depth - 1, assigned, shared) + ")";
-    case 1:
-        return pick(binary) + "(" + randomFormula(rng, depth - 1, assigned, shared) + ", " +
-               randomFormula(rng, depth - 1, assigned, shared) + ")";
+    case 0: {
+        std::string f = pick(unary);
+        return f + "(" + randomFormula(rng, depth - 1, assigned, shared) + ")";
+    }
+    case 1: {
+        std::string f = pick(binary);
+        std::string l = randomFormula(rng, depth - 1, assigned, shared);
+        return f + "(" + l + ", " + randomFormula(rng, depth - 1, assigned, shared) + ")";
+    }
     case 2:
         return "(a = " + randomFormula(rng, depth - 1, assigned, shared) + ")";
     default: {
         std::string l = randomFormula(rng, depth - 1, assigned, shared);
         std::string r = randomFormula(rng, depth - 1, assigned, shared);
-        return "(" + l + " " + pick(infix) + " " + r + ")";
+        std::string op = pick(infix);
+        return "(" + l + " " + op + " " + r + ")";
     }
     }
 }

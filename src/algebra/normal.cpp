@@ -447,6 +447,8 @@ E mul(const std::vector<E>& num, const std::vector<E>& den)
         }
         factors.push_back(std::move(f));
     }
+    if (c == 0)  // a power of 0 folded in above: 0/u is 0 here as it is when read back
+        return number(0);
     factors.insert(factors.end(), apart.begin(), apart.end());
     // A number times one sum is distributed over it: 2*(x + y) is 2*x + 2*y.
     double one;
