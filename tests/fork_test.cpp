@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <oxel/oxel.h>
+#include <oxel/oxel_c.h>
 
 #include "program/native/native.h"
 
@@ -233,6 +234,46 @@ TEST(Fork, ChildRunsBatchesWhileTheParentIsBusy)
     busy.join();
     EXPECT_TRUE(fine.load());
     EXPECT_EQ(ends, std::vector<std::string>(4, "exit 0"));
+}
+
+// A child forked while another thread of the parent holds the normal generator's lock, or
+// draws, hands messages to the host's handler and takes and frees C handles, finds each of
+// those locks free: the fork waits for them.
+TEST(Fork, ChildFindsEveryShortLockFree)
+{
+    oxelSetMessageHandler([](int, const char*, void*) {}, nullptr);
+    auto draws = make("rand() + gauss() + x");
+    ASSERT_TRUE(draws);
+    auto work = [&] {
+        for (int i = 0; i < 50; ++i)
+            at(*draws, 1.0);
+        oxel_expr_free(oxel_expr_new());
+        return !make("x +") && std::isfinite(at(*draws, 1.0));  // the parse error is a message
+    };
+    std::vector<std::string> ends;
+    std::atomic<bool> held{false}, stop{false};
+    std::thread holder([&] {
+        OxGauss::m_mutex.lock();
+        held = true;
+        usleep(100000);
+        OxGauss::m_mutex.unlock();
+    });
+    while (!held.load())
+        usleep(100);
+    ends.push_back(outcome(child(work), 10));
+    holder.join();
+    std::thread busy([&] {
+        while (!stop.load())
+            work();
+    });
+    for (int i = 0; i < 8; ++i) {
+        ends.push_back(outcome(child(work), 10));
+        usleep(500);
+    }
+    stop = true;
+    busy.join();
+    oxelSetMessageHandler(nullptr, nullptr);
+    EXPECT_EQ(ends, std::vector<std::string>(9, "exit 0"));
 }
 
 }  // namespace

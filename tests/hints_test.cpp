@@ -50,4 +50,21 @@ TEST(ParseHints, ExplainTheFailureInWords)
     EXPECT_STREQ(ok.lastErrorHint(), "");  // cleared by a success
 }
 
+// A host's variable named log is no misspelt function, and a hint names at most 20 of the
+// declared names however many there are.
+TEST(ParseHints, StayTrueAndShortForTheHostsNames)
+{
+    OxelExpression e;
+    ASSERT_GE(e.addVar("log"), 0);
+    std::string want = "unknown name 'q' (declared: log";
+    for (int i = 0; i < 100; ++i) {
+        const std::string name = "v" + std::to_string(i);
+        e.addVar(name.c_str());
+        if (i < 19)
+            want += ", " + name;
+    }
+    ASSERT_EQ(e.initFromString("log(1) + q"), 0);
+    EXPECT_EQ(std::string(e.lastErrorHint()), want + " and 81 more)");
+}
+
 }  // namespace

@@ -1,12 +1,28 @@
 // oxel.Expression: parsing with the default variables, derived expressions, printing.
 #include "expression.h"
 
+#include <pthread.h>
+
 #include <cstdlib>
+#include <new>
 #include <stdexcept>
 
 namespace oxpy {
 
 namespace {
+
+// Counts the forks this process came out of as a child; each ForkFreshMutex remembers the
+// count it was made (or last replaced) at.
+std::atomic<unsigned> forkGeneration{0};
+std::mutex renewing; // replaced in the child, which has only the forking thread
+
+const bool forkCounted = [] {
+    pthread_atfork(nullptr, nullptr, [] {
+        new (&renewing) std::mutex;
+        forkGeneration.fetch_add(1);
+    });
+    return true;
+}();
 
 bool knownStep(const std::string& op)
 {
@@ -42,6 +58,21 @@ std::vector<std::string> namesRead(
 }
 
 } // namespace
+
+ForkFreshMutex::ForkFreshMutex() : generation_(forkGeneration.load()) {}
+
+std::mutex& ForkFreshMutex::fresh()
+{
+    const unsigned now = forkGeneration.load();
+    if (generation_.load(std::memory_order_acquire) != now) {
+        std::lock_guard<std::mutex> hold(renewing);
+        if (generation_.load(std::memory_order_relaxed) != now) {
+            new (&m_) std::mutex;
+            generation_.store(now, std::memory_order_release);
+        }
+    }
+    return m_;
+}
 
 PyExpression::PyExpression(Recipe r)
     : recipe_(std::move(r))
@@ -126,7 +157,7 @@ py::object PyExpression::derive(const std::string& op, const std::string& arg)
     {
         py::gil_scoped_release released;
         Capture capture;
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<ForkFreshMutex> lock(mutex_);
         made.reset(apply(op, arg));
     }
     if (!made)
@@ -156,21 +187,21 @@ py::dict PyExpression::aliases() const
 std::string PyExpression::printed(KxString (OxelExpression::*form)() const)
 {
     py::gil_scoped_release released;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<ForkFreshMutex> lock(mutex_);
     return ((*expr_).*form)().c_str();
 }
 
 std::string PyExpression::cFunction(const std::string& name)
 {
     py::gil_scoped_release released;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<ForkFreshMutex> lock(mutex_);
     return expr_->toCFunction(name.c_str()).c_str();
 }
 
 std::string PyExpression::print()
 {
     py::gil_scoped_release released;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<ForkFreshMutex> lock(mutex_);
     return oxelToString(expr_->root());
 }
 
@@ -191,7 +222,7 @@ std::unique_ptr<OxelGradient> PyExpression::gradient(
 {
     py::gil_scoped_release released;
     Capture capture;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<ForkFreshMutex> lock(mutex_);
     std::string why;
     return expr_->gradient(names, order, &why);
 }

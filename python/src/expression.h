@@ -4,11 +4,27 @@
 
 #include "oxpy.h"
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <utility>
 
 namespace oxpy {
+
+// A lock that a forked child finds free: the parent may have forked while one of its other
+// threads held it (with the interpreter lock released), and that thread is not in the child.
+// The first use in a child replaces the inherited lock with a new one.
+class ForkFreshMutex {
+public:
+    ForkFreshMutex();
+    void lock() { fresh().lock(); }
+    void unlock() { m_.unlock(); }
+
+private:
+    std::mutex& fresh();
+    std::mutex m_;
+    std::atomic<unsigned> generation_;
+};
 
 // How an expression came about: the text it was parsed from and the operations applied since,
 // so that unpickling rebuilds the very same tree.
@@ -65,7 +81,7 @@ private:
     std::unique_ptr<OxelExpression> expr_;
     int declared_ = 0;
     py::dict index_;
-    std::mutex mutex_; // derivatives and printing format number nodes: one thread at a time
+    ForkFreshMutex mutex_; // derivatives and printing format number nodes: one thread at a time
 };
 
 // Expression.gradient and the class oxel.Gradient (gradient.cpp).

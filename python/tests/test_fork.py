@@ -60,3 +60,30 @@ def test_workers_run_batches_after_the_parent_did():
     assert (values == 1.0).all()
     with multiprocessing.get_context("fork").Pool(2) as pool:
         assert pool.map_async(batch, range(4)).get(TIMEOUT) == [True] * 4
+
+
+def differentiate(_):
+    e = inherited["busy"]
+    return e.derivative("x") is not None and str(e) != ""
+
+
+def test_workers_use_an_expression_another_thread_was_differentiating():
+    # The thread holds the expression's own lock most of the time, the interpreter lock released.
+    import threading
+    inherited["busy"] = oxel.Expression("+".join(["sin(x*%d)*exp(x/%d)" % (k, k) for k in range(1, 300)]))
+    stop = threading.Event()
+
+    def work():
+        while not stop.is_set():
+            inherited["busy"].derivative("x")
+
+    thread = threading.Thread(target=work)
+    thread.start()
+    try:
+        ctx = multiprocessing.get_context("fork")
+        for _ in range(3):
+            with ctx.Pool(2) as pool:
+                assert pool.map_async(differentiate, range(2)).get(TIMEOUT) == [True, True]
+    finally:
+        stop.set()
+        thread.join()

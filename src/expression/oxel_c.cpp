@@ -10,6 +10,8 @@
 
 #include <oxel/oxel.h>
 
+#include "support/fork.h"
+
 // Words that mark a live handle; freeing clears them, so that a freed handle is recognised.
 constexpr unsigned kLiveExpr = 0x6f78656cu, kLiveGrad = 0x67726164u;
 
@@ -86,6 +88,10 @@ template <class H> struct Shells {
         }
     }
 };
+
+// Both lists exist from load on, and their locks are held across fork().
+const bool handlesForkSafe = oxelForkLock(kForkLeaf, Shells<oxel_expr>::get().lock) &&
+                             oxelForkLock(kForkLeaf, Shells<oxel_grad>::get().lock);
 
 // Wraps an expression the library made; it is released if the handle cannot be allocated.
 oxel_expr* adopt(OxelExpression* made)

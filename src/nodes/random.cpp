@@ -5,6 +5,8 @@
 
 #include <oxel/nodes.h>
 
+#include "support/fork.h"
+
 namespace {
 
 // Minimal-standard multiplicative congruential generator (Park-Miller), Schrage's method.
@@ -31,6 +33,16 @@ inline void schrageStep(int64_t* state)
 int64_t idum = -1;
 
 KxMutex OxGauss::m_mutex(false);
+
+namespace {
+
+// rand() keeps hidden state; its own lock, never held together with the Gauss one. Both are
+// held across fork(), so that a child never waits for a draw of a thread it does not have.
+KxMutex randMutex(false);
+const bool randomForkSafe =
+    oxelForkLock(kForkLeaf, randMutex) && oxelForkLock(kForkLeaf, OxGauss::m_mutex);
+
+}  // namespace
 
 float ran1(int64_t* state)
 {
@@ -83,11 +95,9 @@ float gasdev(int64_t* state)
 
 double OxRand::value(double* /*vars*/, int& /*err*/) const
 {
-    // rand() keeps hidden state; its own lock, never held together with the Gauss one.
-    static KxMutex mutex(false);
-    mutex.lock();
+    randMutex.lock();
     int r = std::rand();
-    mutex.unlock();
+    randMutex.unlock();
     return static_cast<double>(static_cast<float>(r) * AM);
 }
 

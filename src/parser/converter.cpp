@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include <pthread.h>
 
+#include "support/fork.h"
 #include "support/messages.h"
 #include "support/name_index.h"
 
@@ -38,13 +38,7 @@ public:
 
 // A fork waits for a parse under way, so that a child inherits neither a held lock nor a
 // half-run parse's state.
-struct ForkHandlers {
-    ForkHandlers()
-    {
-        pthread_atfork([] { strToOxelMutex.lock(); }, [] { strToOxelMutex.unlock(); },
-                       [] { strToOxelMutex.unlock(); });
-    }
-} forkHandlers;
+const bool parseForkSafe = oxelForkLock(kForkParse, strToOxelMutex);
 
 // Up to this many names a scan is cheaper than building an index.
 const int kScannedNames = 16;

@@ -1,9 +1,10 @@
 // Readable explanations of parse failures: the likely cause, or the parser's message in words.
 #include <oxel/parser.h>
 
+#include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -71,6 +72,9 @@ std::string inWords(const std::string& message)
     return out + " was expected";
 }
 
+// A hint stays one line however many names the host declared.
+const int kNamesShown = 20;
+
 bool isNameChar(char c)
 {
     return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
@@ -83,6 +87,9 @@ KxString oxelParseHint(const char* text, const char* message, const KxDArray<KxS
     if (!text || !message)
         return KxString();
     const std::string t = text;
+    std::unordered_set<std::string> declared;
+    for (int k = 0; k < known.length(); ++k)
+        declared.insert(known[k].c_str());
     // Words of the text outside braces: a function the language spells otherwise, or a
     // reserved word that no rule accepts.
     for (size_t i = 0, depth = 0; i < t.size();) {
@@ -106,7 +113,10 @@ KxString oxelParseHint(const char* text, const char* message, const KxDArray<KxS
         i = end;
         if (number)
             continue;
-        if (word == "log")
+        size_t next = end;
+        while (next < t.size() && std::isspace(static_cast<unsigned char>(t[next])))
+            ++next;
+        if (word == "log" && next < t.size() && t[next] == '(' && !declared.count(word))
             return KxString("no function log: ln is the natural logarithm, log10 base 10");
         if (word == "gamma" || word == "log1p" || word == "logb")
             return KxString(("'" + word + "' is a reserved word with no function in the formula "
@@ -122,14 +132,14 @@ KxString oxelParseHint(const char* text, const char* message, const KxDArray<KxS
     for (int i = 0; i < names.length(); ++i) {
         if (assigned[i])
             continue;
-        bool found = false;
-        for (int k = 0; k < known.length() && !found; ++k)
-            found = std::strcmp(known[k].c_str(), names[i].c_str()) == 0;
-        if (found)
+        if (declared.count(names[i].c_str()))
             continue;
         std::string hint = std::string("unknown name '") + names[i].c_str() + "' (declared: ";
-        for (int k = 0; k < known.length(); ++k)
+        const int shown = std::min(known.length(), kNamesShown);
+        for (int k = 0; k < shown; ++k)
             hint += (k ? ", " : "") + std::string(known[k].c_str());
+        if (shown < known.length())
+            hint += " and " + std::to_string(known.length() - shown) + " more";
         return KxString((hint + (known.length() ? ")" : "none)")).c_str());
     }
     return KxString(inWords(message).c_str());

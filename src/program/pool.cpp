@@ -1,6 +1,7 @@
 // Worker threads for large batches: started on first use, one job at a time, the calling
 // thread working beside them; a forked child starts its own.
 #include "program/program.h"
+#include "support/fork.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include <pthread.h>
 
 namespace oxp {
 namespace {
@@ -133,9 +133,7 @@ void afterForkChild()
     }
 }
 
-struct ForkHandler {
-    ForkHandler() { pthread_atfork(nullptr, nullptr, afterForkChild); }
-} gForkHandler;
+const bool gForkSafe = oxelOnFork(kForkPool, nullptr, nullptr, afterForkChild);
 
 }  // namespace
 

@@ -1,11 +1,13 @@
 // The message sink: a host's handler when one is installed, the standard streams otherwise.
 #include "support/messages.h"
+#include "support/fork.h"
 
 #include <mutex>
 
 namespace {
 
 std::mutex handlerMutex;
+const bool handlerForkSafe = oxelForkLock(kForkLeaf, handlerMutex);
 OxelMessageHandler currentHandler = nullptr;
 void* currentUserData = nullptr;
 

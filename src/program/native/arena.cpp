@@ -2,13 +2,13 @@
 // addresses, many programs per chunk (first fit), a chunk unmapped once empty; a forked child
 // gets private copies of the chunks at the same addresses.
 #include "program/native/arena.h"
+#include "support/fork.h"
 
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <vector>
 
-#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -162,9 +162,7 @@ void afterForkChild()
 }
 
 // Registered when the library is loaded, before any thread of it can hold the lock.
-struct ForkHandlers {
-    ForkHandlers() { pthread_atfork(beforeFork, afterForkParent, afterForkChild); }
-} gForkHandlers;
+const bool gForkSafe = oxelOnFork(kForkArena, beforeFork, afterForkParent, afterForkChild);
 
 bool take(Chunk* c, size_t size, size_t& offset)
 {
