@@ -116,7 +116,7 @@ KxString oxelParseHint(const char* text, const char* message, const KxDArray<KxS
         size_t next = end;
         while (next < t.size() && std::isspace(static_cast<unsigned char>(t[next])))
             ++next;
-        if (word == "log" && next < t.size() && t[next] == '(' && !declared.count(word))
+        if (word == "log" && next < t.size() && t[next] == '(')  // a variable log is no call
             return KxString("no function log: ln is the natural logarithm, log10 base 10");
         if (word == "gamma" || word == "log1p" || word == "logb")
             return KxString(("'" + word + "' is a reserved word with no function in the formula "

@@ -116,7 +116,7 @@ public:
             // A function the language spells otherwise (log) or reserves (gamma) says so.
             KxDArray<KxString> self;
             self.append(KxString(called.c_str()));
-            KxString hint = oxelParseHint(called.c_str(), "", self);
+            KxString hint = oxelParseHint((called + "()").c_str(), "", self);
             if (hint.length())
                 std::fprintf(stderr, "oxel: hint: %s\n", hint.c_str());
             return false;
