@@ -25,14 +25,11 @@ enum Level { kAny, kAdd, kMul, kUnary, kAtom };
 
 // Each function's C spelling from its row (a <math.h> function with the same arguments, or a
 // pattern over the operands' texts A and B); pow is an operator of the language.
-const std::unordered_map<std::type_index, const char*>& functions()
+const oxpw::ByClass& functions()
 {
-    static const std::unordered_map<std::type_index, const char*> table = [] {
-        std::unordered_map<std::type_index, const char*> t{{typeid(OxHoch), "pow"}};
-#define OXEL_C_SPELLING(Cls, code, prio, sym, name, token, c) t[typeid(Cls)] = c;
-        OXEL_UNARY_FUNCTIONS(OXEL_C_SPELLING)
-        OXEL_BINARY_FUNCTIONS(OXEL_C_SPELLING)
-#undef OXEL_C_SPELLING
+    static const oxpw::ByClass table = [] {
+        oxpw::ByClass t = oxpw::functionField(oxpw::FunctionField::kC);
+        t[typeid(OxHoch)] = "pow";
         return t;
     }();
     return table;

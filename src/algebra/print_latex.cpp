@@ -31,16 +31,9 @@ const std::unordered_map<std::type_index, const char*>& operators()
 }
 
 // Every function's name in the language, for those set upright by name.
-const std::unordered_map<std::type_index, const char*>& spelled()
+const oxpw::ByClass& spelled()
 {
-    static const std::unordered_map<std::type_index, const char*> table = [] {
-        std::unordered_map<std::type_index, const char*> t;
-#define OXEL_NAME(Cls, code, prio, sym, name, token, c) t[typeid(Cls)] = name;
-        OXEL_UNARY_FUNCTIONS(OXEL_NAME)
-        OXEL_BINARY_FUNCTIONS(OXEL_NAME)
-#undef OXEL_NAME
-        return t;
-    }();
+    static const oxpw::ByClass table = oxpw::functionField(oxpw::FunctionField::kName);
     return table;
 }
 

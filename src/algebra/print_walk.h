@@ -6,14 +6,31 @@
 #include <deque>
 #include <initializer_list>
 #include <string>
+#include <typeindex>
+#include <typeinfo>
 #include <unordered_map>
 #include <vector>
 
 #include <oxel/core.h>
+#include <oxel/nodes.h>
 
 namespace oxpw {
 
 using Id = uint32_t;
+
+// One field of every function's row by class: its name in the language, or its C spelling.
+enum class FunctionField { kName, kC };
+using ByClass = std::unordered_map<std::type_index, const char*>;
+inline ByClass functionField(FunctionField field)
+{
+    ByClass t;
+#define OXEL_FIELD(Cls, code, prio, sym, name, token, c) \
+    t[typeid(Cls)] = field == FunctionField::kName ? name : c;
+    OXEL_UNARY_FUNCTIONS(OXEL_FIELD)
+    OXEL_BINARY_FUNCTIONS(OXEL_FIELD)
+#undef OXEL_FIELD
+    return t;
+}
 
 // A node's text is its operands' texts joined with literals: joining copies no characters, so
 // a long sum costs what its text costs, not the square of it; one text may be joined twice.
