@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include <immintrin.h>
+
 #include <oxel/nodes.h>
 
 namespace oxb {
@@ -211,7 +213,16 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     }
     buildColumns(*p, ir);
     p->compiled = true;
+    p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode, p->blockMath);
     return p;
+}
+
+int oxelBlockCompile(Oxel* root, int numVars)
+{
+    OxelProgram* p = oxelProgramCompile(root, numVars);
+    const int made = p->block ? 1 : 0;
+    oxelProgramRelease(p);
+    return made;
 }
 
 OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars)
@@ -263,6 +274,57 @@ void runRows(OxelProgram& p, const Source& src, int numRows, double* results, in
     }
 }
 
+// The four-lane exp and ln assume rounding to nearest, no flush to zero and no
+// denormals-are-zero (MXCSR bits 13-14, 15 and 6); a host may change them at any time.
+bool plainRounding()
+{
+    return (_mm_getcsr() & 0xe040u) == 0;
+}
+
+// A block through the fused code: the rows it marks, and those past its last group of four,
+// are gathered into the front of the workspace's input columns (in place where a column is
+// there already: row k moves to k or below) and run through the instructions.
+void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* res, int* err)
+{
+    uint8_t marks[kBlock / 4];
+    int redo[kBlock];
+    int count = 0;
+    const int groups = n / 4;
+    if (groups > 0)
+        p.block(colp, res, marks, groups);
+    for (int g = 0; g < groups; g += 8) {  // eight groups' marks at a time, mostly zero
+        uint64_t word = 0;
+        std::memcpy(&word, marks + g, static_cast<size_t>(std::min(8, groups - g)));
+        for (; word; word &= word - 1) {
+            const int bit = __builtin_ctzll(word);
+            redo[count++] = 4 * (g + bit / 8) + bit % 8;
+        }
+    }
+    for (int r = 4 * groups; r < n; ++r)
+        redo[count++] = r;
+    if (count == 0)
+        return;
+    for (size_t c = 0; c < p.inputVars.size(); ++c) {
+        double* to = ws + c * kBlock;
+        const double* from = colp[c];
+        for (int k = 0; k < count; ++k)
+            to[k] = from[redo[k]];
+        colp[c] = to;
+    }
+    colp[p.numColumns] = ws + static_cast<size_t>(p.numColumns) * kBlock;
+    int codes[kBlock];
+    std::fill(codes, codes + count, 0);
+    oxb::Frame f{colp, codes, count};
+    for (const oxb::Insn& in : p.code)
+        in.run(in, f);
+    const double* value = colp[p.resultColumn];
+    for (int k = 0; k < count; ++k) {
+        res[redo[k]] = value[k];
+        if (codes[k])
+            err[redo[k]] = codes[k];
+    }
+}
+
 // Rows [begin, end) through the program, a block at a time, in this thread's workspace.
 void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, double* results,
                  int* errors)
@@ -279,6 +341,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
     double** colp = cols.data();
     const int numInputs = static_cast<int>(p.inputVars.size());
+    const bool fused = p.block && !src.outs && oxn::enabled() && (!p.blockMath || plainRounding());
     for (int start = begin; start < end; start += kBlock) {
         const int n = std::min(kBlock, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on
@@ -311,6 +374,10 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         if (!src.errorsZeroed)
             std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
         double* res = results + start;
+        if (fused) {
+            runFused(p, colp, ws.data(), n, res, err);
+            continue;
+        }
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
         for (size_t k = 1; k < outputs; ++k)  // scratch after the result's

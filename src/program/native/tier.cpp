@@ -46,6 +46,12 @@ PointFn compilePoint(const oxp::Program&, NativeCode&)
     return nullptr;
 }
 
+BlockFn compileBlock(const oxp::Program&, const std::vector<int>&, NativeCode&, bool& usesMath)
+{
+    usesMath = false;
+    return nullptr;
+}
+
 void releaseNative(NativeCode&) {}
 #endif
 

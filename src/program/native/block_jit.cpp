@@ -1,0 +1,544 @@
+// Fused block programs for the column batch: one x86-64 loop per program that takes four rows
+// at a time through every step in ymm registers, marking the rows it cannot vouch for.
+#include "program/native/generator.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#ifdef OXEL_VECTOR_MATH
+#include "nodes/vector_math.h"
+#endif
+
+namespace oxn {
+namespace {
+
+// A step the loop hands to C++: four lanes of a, b in memory, values to r; the result has bit
+// j set where lane j raised a code or left the fast path. extra is the plan of a prepared
+// power; a sine-cosine pair's b receives the other value.
+using Lanes = int (*)(const void* extra, const double* a, double* b, double* r);
+
+template <Kind K>
+int kernelLanes(const void*, const double* a, [[maybe_unused]] double* b, double* r)
+{
+    int marked = 0;
+    for (int j = 0; j < 4; ++j) {
+        int code = 0;
+        if constexpr (oxk::row(K).arity == 1) {
+            constexpr oxk::UnFn F = oxk::row(K).un;
+            r[j] = F(a[j], code);
+        } else {
+            constexpr oxk::BinFn F = oxk::row(K).bin;
+            r[j] = F(a[j], b[j], code);
+        }
+        marked |= (code != 0) << j;
+    }
+    return marked;
+}
+
+template <Kind K>
+constexpr Lanes lanesOf()
+{
+    if constexpr (oxk::row(K).arity == 1 || oxk::row(K).arity == 2)
+        return &kernelLanes<K>;
+    else
+        return nullptr;
+}
+
+constexpr int kNumKinds = static_cast<int>(Kind::Unknown) + 1;
+
+template <size_t... I>
+constexpr std::array<Lanes, kNumKinds> lanesTable(std::index_sequence<I...>)
+{
+    return {lanesOf<static_cast<Kind>(I)>()...};
+}
+
+constexpr std::array<Lanes, kNumKinds> kLanes = lanesTable(std::make_index_sequence<kNumKinds>());
+
+int powerLanes(const void* plan, const double* a, double*, double* r)
+{
+    int marked = 0;
+    for (int j = 0; j < 4; ++j) {
+        int code = 0;
+        r[j] = oxk::powPlanned(*static_cast<const oxk::PowPlan*>(plan), a[j], code);
+        marked |= (code != 0) << j;
+    }
+    return marked;
+}
+
+template <bool SinFirst>
+int sinCosLanes(const void*, const double* a, double* other, double* r)
+{
+    for (int j = 0; j < 4; ++j) {
+        double s, c;
+        ::sincos(a[j], &s, &c);
+        r[j] = SinFirst ? s : c;
+        other[j] = SinFirst ? c : s;
+    }
+    return 0;
+}
+
+#ifdef OXEL_VECTOR_MATH
+// The four-lane exp and log with the C library's bits; lanes they do not cover, and exp's
+// overflows (which raise), are marked.
+int expLanes(const void*, const double* a, double*, double* r)
+{
+    int marked = oxm::apply4(oxm::Fn::Exp, a, r);
+    for (int j = 0; j < 4; ++j)
+        marked |= (a[j] >= oxk::kExpLimit) << j;
+    return marked;
+}
+
+int logLanes(const void*, const double* a, double*, double* r)
+{
+    return oxm::apply4(oxm::Fn::Log, a, r);
+}
+
+Lanes mathLanes(Kind k)
+{
+    if (k == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
+        return &expLanes;
+    if (k == Kind::OxLn && oxm::serves(oxm::Fn::Log))
+        return &logLanes;
+    return nullptr;
+}
+#else
+Lanes mathLanes(Kind)
+{
+    return nullptr;
+}
+#endif
+
+const int kValues = 13;  // ymm0..ymm12 hold values; ymm13, ymm14 scratch, ymm15 marked lanes
+const int kMaxSlots = 1024;  // a frame of 32 KiB at most
+
+// Comparison predicates of vcmppd (ordered, quiet: NaN compares false, as in the kernels).
+const uint8_t kEqOq = 0x00, kUnordQ = 0x03, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
+              kGeOq = 0x1D, kGtOq = 0x1E;
+
+struct YPlace {
+    bool inReg = false;
+    int reg = -1;
+    Xbyak::Address mem = Xbyak::util::yword[Xbyak::util::rsp];
+};
+
+// Registers: rbx the input column pointers, rbp the results, r12 the group's mark byte, r13
+// the group's byte offset in the columns, r14 its end, r15d the marks of the group's calls.
+class BlockGenerator : public Xbyak::CodeGenerator {
+public:
+    BlockGenerator(const oxp::Program& l, const std::vector<int>& column, Extras& extras,
+                   void* buf, size_t size)
+        : Xbyak::CodeGenerator(size, buf), l_(l), column_(column), x_(extras)
+    {
+    }
+
+    void run();
+    bool usesMath = false;
+
+private:
+    const oxp::Program& l_;
+    const std::vector<int>& column_;  // input column of each variable slot
+    Extras& x_;
+    std::vector<int> reg_;
+    std::vector<bool> mem_;
+    int holder_[kValues];
+    int step_ = 0;
+    std::map<uint64_t, Xbyak::Label> pool_;
+    std::vector<int> pair_;
+    std::vector<bool> pairFirst_;
+    int pairOff_ = 0, argOff_ = 0, stackOff_ = 0;
+    const Xbyak::Ymm t0{13}, t1{14}, marks{15};
+
+    Xbyak::Address constant(double v)
+    {
+        uint64_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        return yword[rip + pool_[bits]];
+    }
+    Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_[bits]]; }
+    Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
+    Xbyak::Address arg(int i) { return yword[rsp + argOff_ + 32 * i]; }
+
+    // Inputs are read from the caller's column through base.
+    YPlace place(const Operand& o, const Xbyak::Reg64& base)
+    {
+        switch (o.mode) {
+        case Operand::Const:
+            return YPlace{false, -1, constant(o.k)};
+        case Operand::Input:
+            mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
+            return YPlace{false, -1, yword[base + r13]};
+        case Operand::Reg:
+            break;
+        }
+        const int r = reg_[static_cast<size_t>(o.index)];
+        return r >= 0 ? YPlace{true, r, yword[rsp]} : YPlace{false, -1, home(o.index)};
+    }
+
+    void spill(int r)
+    {
+        const int v = holder_[r];
+        if (!mem_[static_cast<size_t>(v)]) {
+            vmovupd(home(v), Xbyak::Ymm(r));
+            mem_[static_cast<size_t>(v)] = true;
+        }
+        reg_[static_cast<size_t>(v)] = -1;
+        holder_[r] = -1;
+    }
+
+    // A free register, or the one whose value is read last goes to its slot.
+    int pick(unsigned avoid)
+    {
+        int victim = -1;
+        for (int r = 0; r < kValues; ++r) {
+            if (avoid & (1u << r))
+                continue;
+            if (holder_[r] < 0)
+                return r;
+            if (victim < 0 || l_.lastUse[static_cast<size_t>(holder_[r])] >
+                                  l_.lastUse[static_cast<size_t>(holder_[victim])])
+                victim = r;
+        }
+        spill(victim);
+        return victim;
+    }
+
+    void define(int r)
+    {
+        forEachOperand(l_, l_.steps[static_cast<size_t>(step_)], [&](const Operand& o) {
+            if (o.mode != Operand::Reg || l_.lastUse[static_cast<size_t>(o.index)] > step_)
+                return;
+            const int held = reg_[static_cast<size_t>(o.index)];
+            if (held >= 0) {
+                holder_[held] = -1;
+                reg_[static_cast<size_t>(o.index)] = -1;
+            }
+        });
+        if (l_.lastUse[static_cast<size_t>(step_)] < 0)
+            return;
+        holder_[r] = step_;
+        reg_[static_cast<size_t>(step_)] = r;
+        mem_[static_cast<size_t>(step_)] = false;
+    }
+
+    // Before a call every ymm register is lost: live values go to their slots.
+    void spillAll()
+    {
+        for (int r = 0; r < kValues; ++r) {
+            if (holder_[r] < 0)
+                continue;
+            if (l_.lastUse[static_cast<size_t>(holder_[r])] > step_) {
+                spill(r);
+            } else {
+                reg_[static_cast<size_t>(holder_[r])] = -1;
+                holder_[r] = -1;
+            }
+        }
+    }
+
+    void copy(const Xbyak::Address& to, const Operand& o)
+    {
+        const YPlace p = place(o, rax);
+        if (p.inReg) {
+            vmovupd(to, Xbyak::Ymm(p.reg));
+        } else {
+            vmovupd(t0, p.mem);
+            vmovupd(to, t0);
+        }
+    }
+
+    bool inlined(const oxp::Step& s);
+    void callStep(const oxp::Step& s);
+};
+
+// The kinds computed in the registers. + - * / and sqrt mark the lanes whose result leaves
+// the kernels' fast range (the point code's tests: see kResultLimitBits); the rest cannot fail.
+bool BlockGenerator::inlined(const oxp::Step& s)
+{
+    const Kind k = s.kind;
+    switch (k) {
+    case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
+    case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
+    case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
+    case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
+    case Kind::OxBetrag:
+        break;
+    default:
+        return false;
+    }
+    const bool un = oxk::row(k).un != nullptr;
+    const YPlace a = place(s.a, rax);
+    const YPlace b = un ? YPlace{} : place(s.b, r10);
+    const unsigned ops = (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
+    const int dst = pick(ops);
+    const Xbyak::Ymm d(dst), ya(a.inReg ? a.reg : 0), yb(b.inReg ? b.reg : 0);
+    const Xbyak::Operand& aop = a.inReg ? static_cast<const Xbyak::Operand&>(ya) : a.mem;
+    const Xbyak::Operand& bop = b.inReg ? static_cast<const Xbyak::Operand&>(yb) : b.mem;
+    // The first source of a VEX operation is a register.
+    auto first = [&]() -> Xbyak::Ymm {
+        if (a.inReg)
+            return ya;
+        vmovupd(d, a.mem);
+        return d;
+    };
+    const uint64_t absMask = 0x7FFFFFFFFFFFFFFFull;
+    switch (k) {
+    case Kind::OxPlus:
+    case Kind::OxMinus:
+    case Kind::OxMal:
+    case Kind::OxDurch: {
+        const Xbyak::Ymm x = first();
+        if (k == Kind::OxPlus)
+            vaddpd(d, x, bop);
+        else if (k == Kind::OxMinus)
+            vsubpd(d, x, bop);
+        else if (k == Kind::OxMal)
+            vmulpd(d, x, bop);
+        else
+            vdivpd(d, x, bop);
+        vandpd(t0, d, constantBits(absMask));
+        vcmppd(t0, t0, constant(0x1p1022), kNltUq);  // NaN included
+        vorpd(marks, marks, t0);
+        break;
+    }
+    case Kind::OxSqroot:
+        vsqrtpd(d, aop);
+        vcmppd(t0, d, d, kUnordQ);  // a negative or NaN radicand
+        vorpd(marks, marks, t0);
+        break;
+    case Kind::OxMin:
+        vminpd(d, first(), bop);  // a < b ? a : b, NaN and signed zeros included
+        break;
+    case Kind::OxMax:
+        vmaxpd(d, first(), bop);
+        break;
+    case Kind::OxLess: case Kind::OxGreater: case Kind::OxLessEqual:
+    case Kind::OxGreaterEqual: case Kind::OxEqual: {
+        const uint8_t pred = k == Kind::OxLess ? kLtOq
+                             : k == Kind::OxGreater ? kGtOq
+                             : k == Kind::OxLessEqual ? kLeOq
+                             : k == Kind::OxGreaterEqual ? kGeOq
+                                                        : kEqOq;
+        vcmppd(d, first(), bop, pred);
+        vandpd(d, d, constant(1.0));
+        break;
+    }
+    case Kind::OxAnd:
+    case Kind::OxOr:
+        vmovupd(t0, constant(1e-8));
+        vcmppd(t0, t0, aop, kLtOq);
+        vmovupd(t1, constant(1e-8));
+        vcmppd(t1, t1, bop, kLtOq);
+        if (k == Kind::OxAnd)
+            vandpd(d, t0, t1);
+        else
+            vorpd(d, t0, t1);
+        vandpd(d, d, constant(1.0));
+        break;
+    case Kind::OxNot:
+        vcmppd(d, first(), constant(1e-8), kLtOq);
+        vandpd(d, d, constant(1.0));
+        break;
+    default:  // OxBetrag
+        vandpd(d, first(), constantBits(absMask));
+        break;
+    }
+    define(dst);
+    return true;
+}
+
+// Any other step: four lanes through C++ (the kernel itself, a prepared power, the four-lane
+// exp or log, sincos for a pair), operands and value in the frame.
+void BlockGenerator::callStep(const oxp::Step& s)
+{
+    const size_t i = static_cast<size_t>(step_);
+    const Xbyak::Address other = pair_[i] >= 0 ? yword[rsp + pairOff_ + 32 * pair_[i]] : arg(1);
+    if (pair_[i] >= 0 && !pairFirst_[i]) {  // the first of the pair left it in the frame
+        const int dst = pick(0);
+        vmovupd(Xbyak::Ymm(dst), other);
+        define(dst);
+        return;
+    }
+    Lanes fn = kLanes[static_cast<size_t>(s.kind)];
+    const void* extra = nullptr;
+    if (pair_[i] >= 0) {
+        fn = s.kind == Kind::OxSinus ? &sinCosLanes<true> : &sinCosLanes<false>;
+        copy(arg(0), s.a);
+    } else if (oxp::plannedPower(s)) {
+        x_.plans.push_back(oxp::powerPlan(s));
+        extra = &x_.plans.back();
+        fn = &powerLanes;
+        copy(arg(0), oxp::plannedOperand(s));
+    } else {
+        if (Lanes math = mathLanes(s.kind)) {
+            fn = math;
+            usesMath = true;
+        }
+        copy(arg(0), s.a);
+        if (!oxk::row(s.kind).un)
+            copy(arg(1), s.b);
+    }
+    spillAll();
+    vmovmskpd(eax, marks);
+    or_(r15d, eax);
+    vzeroupper();  // C++ may run SSE code
+    mov(rdi, reinterpret_cast<uint64_t>(extra));
+    lea(rsi, arg(0));
+    lea(rdx, other);
+    lea(rcx, arg(2));
+    mov(rax, reinterpret_cast<uint64_t>(fn));
+    call(rax);
+    or_(r15d, eax);
+    vxorpd(marks, marks, marks);
+    const int dst = pick(0);
+    vmovupd(Xbyak::Ymm(dst), arg(2));
+    define(dst);
+}
+
+// void fn(const double* const* columns, double* results, uint8_t* marks, int groups): groups
+// of four rows from the byte offset 0; per group its marked lanes as a byte.
+void BlockGenerator::run()
+{
+    const size_t n = l_.steps.size();
+    reg_.assign(n, -1);
+    mem_.assign(n, false);
+    for (int& h : holder_)
+        h = -1;
+    x_.plans.reserve(n);  // the code points into it
+    pair_.assign(n, -1);
+    pairFirst_.assign(n, false);
+    const std::vector<std::pair<int, int>> pairs = oxp::sinCosPairs(l_);
+    for (size_t q = 0; q < pairs.size(); ++q) {
+        pair_[static_cast<size_t>(pairs[q].first)] = pair_[static_cast<size_t>(pairs[q].second)] =
+            static_cast<int>(q);
+        pairFirst_[static_cast<size_t>(pairs[q].first)] = true;
+    }
+    pairOff_ = 32 * l_.numSlots;
+    argOff_ = pairOff_ + 32 * static_cast<int>(pairs.size());
+    stackOff_ = argOff_ + 3 * 32;
+    const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
+
+    push(rbx);
+    push(rbp);
+    push(r12);
+    push(r13);
+    push(r14);
+    push(r15);
+    mov(rax, rsp);
+    // Touched every 2 KiB on the way down: the frame never jumps over a stack's guard page.
+    for (int rest = frame; rest > 0; rest -= 2048) {
+        sub(rsp, std::min(rest, 2048));
+        or_(qword[rsp], 0);
+    }
+    and_(rsp, -32);
+    mov(qword[rsp + stackOff_], rax);
+    mov(rbx, rdi);
+    mov(rbp, rsi);
+    mov(r12, rdx);
+    movsxd(r14, ecx);
+    shl(r14, 5);
+    xor_(r13d, r13d);
+    Xbyak::Label loop, done;
+    test(r14, r14);
+    jle(done, T_NEAR);
+    L(loop);
+    vxorpd(marks, marks, marks);
+    xor_(r15d, r15d);
+    for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
+        const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
+        if (pair_[static_cast<size_t>(step_)] >= 0 || !inlined(s))
+            callStep(s);
+    }
+    const YPlace r = place(l_.result, rax);
+    if (r.inReg) {
+        vmovupd(yword[rbp + r13], Xbyak::Ymm(r.reg));
+    } else {
+        vmovupd(t0, r.mem);
+        vmovupd(yword[rbp + r13], t0);
+    }
+    vmovmskpd(eax, marks);
+    or_(eax, r15d);
+    mov(byte[r12], al);
+    add(r12, 1);
+    add(r13, 32);
+    cmp(r13, r14);
+    jb(loop, T_NEAR);
+    L(done);
+    mov(rsp, qword[rsp + stackOff_]);
+    vzeroupper();
+    pop(r15);
+    pop(r14);
+    pop(r13);
+    pop(r12);
+    pop(rbp);
+    pop(rbx);
+    ret();
+    align(32);
+    for (auto& c : pool_) {
+        L(c.second);
+        for (int j = 0; j < 4; ++j)
+            dq(c.first);
+    }
+}
+
+// AVX2 (the rest is AVX) and OXEL_BLOCK_JIT not "0": the column instructions alone then
+// serve, as before the block code existed (for measurements and as a way out).
+bool blockCodeOn()
+{
+    static const bool on = [] {
+        const char* v = std::getenv("OXEL_BLOCK_JIT");
+        return __builtin_cpu_supports("avx2") && !(v && std::strcmp(v, "0") == 0);
+    }();
+    return on;
+}
+
+// Programs the loop serves: no calls (draws and callbacks keep their row order), no raise (it
+// would mark every row), a value computed by a step, every step a kernel.
+bool fits(const oxp::Program& l)
+{
+    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.empty() ||
+        static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
+        return false;
+    for (const oxp::Step& s : l.steps)
+        if (s.kind == Kind::Unknown || !kLanes[static_cast<size_t>(s.kind)])
+            return false;
+    return true;
+}
+
+}  // namespace
+
+BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out,
+                     bool& usesMath)
+{
+    usesMath = false;
+    if (!enabled() || !blockCodeOn() || !fits(ir))
+        return nullptr;
+    std::vector<int> column(ir.inputRead.size(), -1);
+    for (size_t c = 0; c < inputVars.size(); ++c)
+        column[static_cast<size_t>(inputVars[c])] = static_cast<int>(c);
+    // Bounds per step: a call with its spills (about 250 bytes) or an inline step (about 60),
+    // and two constants of 32 bytes.
+    const size_t size = 4096 + 384 * ir.steps.size();
+    std::vector<uint64_t> buf(size / 8 + 8);
+    uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
+    start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;
+    Extras* extras = new Extras;
+    try {
+        BlockGenerator g(ir, column, *extras, start, size);
+        g.run();
+        if (!arenaPlace(g.getCode(), g.getSize(), out.block)) {
+            delete extras;
+            return nullptr;
+        }
+        usesMath = g.usesMath;
+    } catch (const Xbyak::Error&) {
+        delete extras;
+        return nullptr;
+    }
+    out.extras = extras;
+    return reinterpret_cast<BlockFn>(out.block.exec);
+}
+
+}  // namespace oxn
