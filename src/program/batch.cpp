@@ -284,22 +284,19 @@ bool plainRounding()
 // A block through the fused code: the rows it marks, and those past its last group of four,
 // are gathered into the front of the workspace's input columns (in place where a column is
 // there already: row k moves to k or below) and run through the instructions.
-void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* res, int* err)
+// Codes go to err directly unless the caller promised zeros (then only failures are written).
+void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* res, int* err,
+              bool zeroed)
 {
     uint8_t marks[kBlock / 4];
     int redo[kBlock];
+    int codes[kBlock];
     int count = 0;
     const int groups = n / 4;
-    if (groups > 0)
-        p.block(colp, res, marks, groups);
-    for (int g = 0; g < groups; g += 8) {  // eight groups' marks at a time, mostly zero
-        uint64_t word = 0;
-        std::memcpy(&word, marks + g, static_cast<size_t>(std::min(8, groups - g)));
-        for (; word; word &= word - 1) {
-            const int bit = __builtin_ctzll(word);
-            redo[count++] = 4 * (g + bit / 8) + bit % 8;
-        }
-    }
+    if (groups > 0 && p.block(colp, res, zeroed ? codes : err, marks, groups) != 0)
+        for (int g = 0; g < groups; ++g)
+            for (unsigned m = marks[g]; m; m &= m - 1)
+                redo[count++] = 4 * g + __builtin_ctz(m);
     for (int r = 4 * groups; r < n; ++r)
         redo[count++] = r;
     if (count == 0)
@@ -312,7 +309,6 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
         colp[c] = to;
     }
     colp[p.numColumns] = ws + static_cast<size_t>(p.numColumns) * kBlock;
-    int codes[kBlock];
     std::fill(codes, codes + count, 0);
     oxb::Frame f{colp, codes, count};
     for (const oxb::Insn& in : p.code)
@@ -320,7 +316,7 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
     const double* value = colp[p.resultColumn];
     for (int k = 0; k < count; ++k) {
         res[redo[k]] = value[k];
-        if (codes[k])
+        if (codes[k] || !zeroed)
             err[redo[k]] = codes[k];
     }
 }
@@ -371,13 +367,13 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
                 col[i] = base[static_cast<size_t>(i) * static_cast<size_t>(src.stride)];
         }
         int* err = errors + start;
-        if (!src.errorsZeroed)
-            std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
         double* res = results + start;
         if (fused) {
-            runFused(p, colp, ws.data(), n, res, err);
+            runFused(p, colp, ws.data(), n, res, err, src.errorsZeroed);
             continue;
         }
+        if (!src.errorsZeroed)
+            std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
         for (size_t k = 1; k < outputs; ++k)  // scratch after the result's

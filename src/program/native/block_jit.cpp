@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -111,11 +112,65 @@ Lanes mathLanes(Kind)
 }
 #endif
 
-const int kValues = 13;  // ymm0..ymm12 hold values; ymm13, ymm14 scratch, ymm15 marked lanes
+// ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
+// scratch.
+const int kValues = 11;
+
+// Bounds on magnitudes, infinite where unknown (NaN possible). A value below kSafe needs no
+// test: + - * / then give the kernel's own result (it leaves their fast range only at 2^1022).
+// A tested value that passes is below kTested; a checked input below kInput.
+const double kSafe = 0x1p1000, kTested = 0x1p512, kInput = 0x1p64;
+
+// The bound of an inline step's value from its operands' bounds, and whether it is tested.
+double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
+{
+    tested = false;
+    double r;
+    switch (k) {
+    case Kind::OxPlus:
+    case Kind::OxMinus:
+        r = a + b;
+        break;
+    case Kind::OxMal:
+        r = a * b;
+        break;
+    case Kind::OxDurch:  // a constant divisor of at least 1 cannot raise the magnitude
+        r = right.mode == Operand::Const && std::fabs(right.k) >= 1.0 ? a : __builtin_inf();
+        break;
+    case Kind::OxSqroot:  // a negative radicand
+        tested = true;
+        return std::min(std::sqrt(a), kTested);
+    case Kind::OxMin:
+    case Kind::OxMax:
+        return std::max(a, b);
+    case Kind::OxBetrag:
+        return a;
+    default:  // comparisons and connectives
+        return 1.0;
+    }
+    if (r < kSafe)
+        return r;
+    tested = true;
+    return kTested;
+}
+
+bool inlinable(Kind k)
+{
+    switch (k) {
+    case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
+    case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
+    case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
+    case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
+    case Kind::OxBetrag:
+        return true;
+    default:
+        return false;
+    }
+}
 const int kMaxSlots = 1024;  // a frame of 32 KiB at most
 
 // Comparison predicates of vcmppd (ordered, quiet: NaN compares false, as in the kernels).
-const uint8_t kEqOq = 0x00, kUnordQ = 0x03, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
+const uint8_t kEqOq = 0x00, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
               kGeOq = 0x1D, kGtOq = 0x1E;
 
 struct YPlace {
@@ -124,8 +179,9 @@ struct YPlace {
     Xbyak::Address mem = Xbyak::util::yword[Xbyak::util::rsp];
 };
 
-// Registers: rbx the input column pointers, rbp the results, r12 the group's mark byte, r13
-// the group's byte offset in the columns, r14 its end, r15d the marks of the group's calls.
+// Registers: rbx the input column pointers, rbp the results, r15 the codes, r12 the group's
+// mark byte, r13 the group's first row, r14d all marks so far; the marks of the group's calls
+// wait in the frame.
 class BlockGenerator : public Xbyak::CodeGenerator {
 public:
     BlockGenerator(const oxp::Program& l, const std::vector<int>& column, Extras& extras,
@@ -148,8 +204,42 @@ private:
     std::map<uint64_t, Xbyak::Label> pool_;
     std::vector<int> pair_;
     std::vector<bool> pairFirst_;
-    int pairOff_ = 0, argOff_ = 0, stackOff_ = 0;
-    const Xbyak::Ymm t0{13}, t1{14}, marks{15};
+    int pairOff_ = 0, argOff_ = 0, endOff_ = 0, callsOff_ = 0, stackOff_ = 0;
+    bool calls_ = false;  // some step calls C++
+    const Xbyak::Ymm t0{13}, t1{14};
+    const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
+    int nextSum_ = 0;
+    std::vector<double> bound_;  // per step
+    double inputBound_ = __builtin_inf();  // kInput where the inputs are checked
+
+    double boundOf(const Operand& o) const
+    {
+        switch (o.mode) {
+        case Operand::Const:
+            return std::isnan(o.k) ? __builtin_inf() : std::fabs(o.k);
+        case Operand::Input:
+            return inputBound_;
+        case Operand::Reg:
+            break;
+        }
+        return bound_[static_cast<size_t>(o.index)];
+    }
+
+    // Tests the inline steps need, with inputs of the given bound.
+    int testsNeeded(double input)
+    {
+        inputBound_ = input;
+        int tests = 0;
+        for (size_t i = 0; i < l_.steps.size(); ++i) {
+            const oxp::Step& s = l_.steps[i];
+            bool tested = false;
+            bound_[i] = inlinable(s.kind) && pair_[i] < 0
+                            ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
+                            : __builtin_inf();
+            tests += tested;
+        }
+        return tests;
+    }
 
     Xbyak::Address constant(double v)
     {
@@ -161,31 +251,59 @@ private:
     Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
     Xbyak::Address arg(int i) { return yword[rsp + argOff_ + 32 * i]; }
 
-    // Inputs are read from the caller's column through base.
-    YPlace place(const Operand& o, const Xbyak::Reg64& base)
+    // Registers hold step values (key: the step) and inputs (key: steps + variable slot), the
+    // inputs from their first read in the group to their last, never stored.
+    std::vector<int> inputLast_;  // per variable slot: the last step that reads it
+
+    int lastUseOf(int key) const
     {
-        switch (o.mode) {
-        case Operand::Const:
+        const int n = static_cast<int>(l_.steps.size());
+        return key < n ? l_.lastUse[static_cast<size_t>(key)]
+                       : inputLast_[static_cast<size_t>(key - n)];
+    }
+
+    int keyOf(const Operand& o) const
+    {
+        return o.mode == Operand::Input ? static_cast<int>(l_.steps.size()) + o.index : o.index;
+    }
+
+    // Inputs are read from the caller's column through base, into a register not in avoid
+    // where they are read again.
+    YPlace place(const Operand& o, const Xbyak::Reg64& base, unsigned avoid = 0,
+                 bool keep = false)
+    {
+        if (o.mode == Operand::Const)
             return YPlace{false, -1, constant(o.k)};
-        case Operand::Input:
-            mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
-            return YPlace{false, -1, yword[base + r13]};
-        case Operand::Reg:
-            break;
-        }
-        const int r = reg_[static_cast<size_t>(o.index)];
-        return r >= 0 ? YPlace{true, r, yword[rsp]} : YPlace{false, -1, home(o.index)};
+        const int key = keyOf(o);
+        const int r = reg_[static_cast<size_t>(key)];
+        if (r >= 0)
+            return YPlace{true, r, yword[rsp]};
+        if (o.mode == Operand::Reg)
+            return YPlace{false, -1, home(o.index)};
+        mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
+        if (!keep || lastUseOf(key) <= step_)
+            return YPlace{false, -1, yword[base + r13 * 8]};
+        const int into = pick(avoid);
+        vmovupd(Xbyak::Ymm(into), yword[base + r13 * 8]);
+        holder_[into] = key;
+        reg_[static_cast<size_t>(key)] = into;
+        return YPlace{true, into, yword[rsp]};
+    }
+
+    void drop(int r)
+    {
+        reg_[static_cast<size_t>(holder_[r])] = -1;
+        holder_[r] = -1;
     }
 
     void spill(int r)
     {
         const int v = holder_[r];
-        if (!mem_[static_cast<size_t>(v)]) {
+        if (v < static_cast<int>(l_.steps.size()) && !mem_[static_cast<size_t>(v)]) {
             vmovupd(home(v), Xbyak::Ymm(r));
             mem_[static_cast<size_t>(v)] = true;
         }
-        reg_[static_cast<size_t>(v)] = -1;
-        holder_[r] = -1;
+        drop(r);
     }
 
     // A free register, or the one whose value is read last goes to its slot.
@@ -197,8 +315,7 @@ private:
                 continue;
             if (holder_[r] < 0)
                 return r;
-            if (victim < 0 || l_.lastUse[static_cast<size_t>(holder_[r])] >
-                                  l_.lastUse[static_cast<size_t>(holder_[victim])])
+            if (victim < 0 || lastUseOf(holder_[r]) > lastUseOf(holder_[victim]))
                 victim = r;
         }
         spill(victim);
@@ -208,13 +325,11 @@ private:
     void define(int r)
     {
         forEachOperand(l_, l_.steps[static_cast<size_t>(step_)], [&](const Operand& o) {
-            if (o.mode != Operand::Reg || l_.lastUse[static_cast<size_t>(o.index)] > step_)
+            if (o.mode == Operand::Const || lastUseOf(keyOf(o)) > step_)
                 return;
-            const int held = reg_[static_cast<size_t>(o.index)];
-            if (held >= 0) {
-                holder_[held] = -1;
-                reg_[static_cast<size_t>(o.index)] = -1;
-            }
+            const int held = reg_[static_cast<size_t>(keyOf(o))];
+            if (held >= 0)
+                drop(held);
         });
         if (l_.lastUse[static_cast<size_t>(step_)] < 0)
             return;
@@ -229,12 +344,10 @@ private:
         for (int r = 0; r < kValues; ++r) {
             if (holder_[r] < 0)
                 continue;
-            if (l_.lastUse[static_cast<size_t>(holder_[r])] > step_) {
+            if (lastUseOf(holder_[r]) > step_)
                 spill(r);
-            } else {
-                reg_[static_cast<size_t>(holder_[r])] = -1;
-                holder_[r] = -1;
-            }
+            else
+                drop(r);
         }
     }
 
@@ -249,6 +362,32 @@ private:
         }
     }
 
+    // The result test: every tested value's square is added to one of three sums (three, so
+    // that the additions do not wait for each other). A sum is infinite or NaN where some
+    // value was NaN or of magnitude 2^512 or more, which covers every lane whose result
+    // leaves the kernels' fast range (below 2^1022, see kResultLimitBits); larger values below
+    // 2^1022 are merely redone.
+    void testValue(const Xbyak::Ymm& v)
+    {
+        vfmadd231pd(sums_[nextSum_], v, v);
+        nextSum_ = (nextSum_ + 1) % 3;
+    }
+
+    void clearSums()
+    {
+        for (const Xbyak::Ymm& y : sums_)
+            vxorpd(y, y, y);
+    }
+
+    // The lanes whose sums failed, as bits in eax.
+    void failedLanes()
+    {
+        vaddpd(t0, sums_[0], sums_[1]);
+        vaddpd(t0, t0, sums_[2]);
+        vcmppd(t0, t0, constant(__builtin_inf()), kNltUq);
+        vmovmskpd(eax, t0);
+    }
+
     bool inlined(const oxp::Step& s);
     void callStep(const oxp::Step& s);
 };
@@ -258,19 +397,11 @@ private:
 bool BlockGenerator::inlined(const oxp::Step& s)
 {
     const Kind k = s.kind;
-    switch (k) {
-    case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
-    case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
-    case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
-    case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
-    case Kind::OxBetrag:
-        break;
-    default:
+    if (!inlinable(k))
         return false;
-    }
     const bool un = oxk::row(k).un != nullptr;
-    const YPlace a = place(s.a, rax);
-    const YPlace b = un ? YPlace{} : place(s.b, r10);
+    const YPlace a = place(s.a, rax, 0, true);
+    const YPlace b = un ? YPlace{} : place(s.b, r10, a.inReg ? 1u << a.reg : 0u, true);
     const unsigned ops = (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
     const int dst = pick(ops);
     const Xbyak::Ymm d(dst), ya(a.inReg ? a.reg : 0), yb(b.inReg ? b.reg : 0);
@@ -283,7 +414,8 @@ bool BlockGenerator::inlined(const oxp::Step& s)
         vmovupd(d, a.mem);
         return d;
     };
-    const uint64_t absMask = 0x7FFFFFFFFFFFFFFFull;
+    bool tested = false;
+    bound_[static_cast<size_t>(step_)] = stepBound(k, boundOf(s.a), boundOf(s.b), s.b, tested);
     switch (k) {
     case Kind::OxPlus:
     case Kind::OxMinus:
@@ -298,15 +430,13 @@ bool BlockGenerator::inlined(const oxp::Step& s)
             vmulpd(d, x, bop);
         else
             vdivpd(d, x, bop);
-        vandpd(t0, d, constantBits(absMask));
-        vcmppd(t0, t0, constant(0x1p1022), kNltUq);  // NaN included
-        vorpd(marks, marks, t0);
+        if (tested)
+            testValue(d);
         break;
     }
     case Kind::OxSqroot:
         vsqrtpd(d, aop);
-        vcmppd(t0, d, d, kUnordQ);  // a negative or NaN radicand
-        vorpd(marks, marks, t0);
+        testValue(d);  // NaN: a negative or NaN radicand
         break;
     case Kind::OxMin:
         vminpd(d, first(), bop);  // a < b ? a : b, NaN and signed zeros included
@@ -342,7 +472,7 @@ bool BlockGenerator::inlined(const oxp::Step& s)
         vandpd(d, d, constant(1.0));
         break;
     default:  // OxBetrag
-        vandpd(d, first(), constantBits(absMask));
+        vandpd(d, first(), constantBits(0x7FFFFFFFFFFFFFFFull));
         break;
     }
     define(dst);
@@ -361,6 +491,7 @@ void BlockGenerator::callStep(const oxp::Step& s)
         define(dst);
         return;
     }
+    bound_[i] = __builtin_inf();
     Lanes fn = kLanes[static_cast<size_t>(s.kind)];
     const void* extra = nullptr;
     if (pair_[i] >= 0) {
@@ -381,8 +512,8 @@ void BlockGenerator::callStep(const oxp::Step& s)
             copy(arg(1), s.b);
     }
     spillAll();
-    vmovmskpd(eax, marks);
-    or_(r15d, eax);
+    failedLanes();
+    or_(dword[rsp + callsOff_], eax);
     vzeroupper();  // C++ may run SSE code
     mov(rdi, reinterpret_cast<uint64_t>(extra));
     lea(rsi, arg(0));
@@ -390,19 +521,24 @@ void BlockGenerator::callStep(const oxp::Step& s)
     lea(rcx, arg(2));
     mov(rax, reinterpret_cast<uint64_t>(fn));
     call(rax);
-    or_(r15d, eax);
-    vxorpd(marks, marks, marks);
+    or_(dword[rsp + callsOff_], eax);
+    clearSums();
     const int dst = pick(0);
     vmovupd(Xbyak::Ymm(dst), arg(2));
     define(dst);
 }
 
-// void fn(const double* const* columns, double* results, uint8_t* marks, int groups): groups
-// of four rows from the byte offset 0; per group its marked lanes as a byte.
+// int fn(columns, results, errors, marks, groups): see BlockFn.
 void BlockGenerator::run()
 {
     const size_t n = l_.steps.size();
-    reg_.assign(n, -1);
+    reg_.assign(n + column_.size(), -1);
+    inputLast_.assign(column_.size(), -1);
+    for (size_t i = 0; i < n; ++i)
+        forEachOperand(l_, l_.steps[i], [&](const Operand& o) {
+            if (o.mode == Operand::Input)
+                inputLast_[static_cast<size_t>(o.index)] = static_cast<int>(i);
+        });
     mem_.assign(n, false);
     for (int& h : holder_)
         h = -1;
@@ -417,7 +553,16 @@ void BlockGenerator::run()
     }
     pairOff_ = 32 * l_.numSlots;
     argOff_ = pairOff_ + 32 * static_cast<int>(pairs.size());
-    stackOff_ = argOff_ + 3 * 32;
+    endOff_ = argOff_ + 3 * 32;
+    callsOff_ = endOff_ + 8;
+    stackOff_ = callsOff_ + 8;
+    for (size_t i = 0; i < n; ++i)
+        calls_ = calls_ || pair_[i] >= 0 || !inlinable(l_.steps[i].kind);
+    // Inputs are checked (two operations each) where that spares more tests than it costs.
+    bound_.assign(n, __builtin_inf());
+    const int unchecked = testsNeeded(__builtin_inf());
+    const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
+    inputBound_ = check ? kInput : __builtin_inf();
     const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
 
     push(rbx);
@@ -436,16 +581,30 @@ void BlockGenerator::run()
     mov(qword[rsp + stackOff_], rax);
     mov(rbx, rdi);
     mov(rbp, rsi);
-    mov(r12, rdx);
-    movsxd(r14, ecx);
-    shl(r14, 5);
+    mov(r15, rdx);
+    mov(r12, rcx);
+    movsxd(rax, r8d);
+    shl(rax, 2);
+    mov(qword[rsp + endOff_], rax);
     xor_(r13d, r13d);
+    xor_(r14d, r14d);
     Xbyak::Label loop, done;
-    test(r14, r14);
+    test(rax, rax);
     jle(done, T_NEAR);
     L(loop);
-    vxorpd(marks, marks, marks);
-    xor_(r15d, r15d);
+    clearSums();
+    // x^2 2^896 overflows from |x| = 2^64 on, and NaN stays NaN.
+    for (size_t v = 0; check && v < column_.size(); ++v) {
+        if (column_[v] < 0)
+            continue;
+        mov(rax, qword[rbx + 8 * column_[v]]);
+        vmovupd(t0, yword[rax + r13 * 8]);
+        vmulpd(t1, t0, constant(0x1p896));
+        vfmadd231pd(sums_[nextSum_], t1, t0);
+        nextSum_ = (nextSum_ + 1) % 3;
+    }
+    if (calls_)
+        mov(dword[rsp + callsOff_], 0);
     for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
         const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
         if (pair_[static_cast<size_t>(step_)] >= 0 || !inlined(s))
@@ -453,19 +612,25 @@ void BlockGenerator::run()
     }
     const YPlace r = place(l_.result, rax);
     if (r.inReg) {
-        vmovupd(yword[rbp + r13], Xbyak::Ymm(r.reg));
+        vmovupd(yword[rbp + r13 * 8], Xbyak::Ymm(r.reg));
     } else {
         vmovupd(t0, r.mem);
-        vmovupd(yword[rbp + r13], t0);
+        vmovupd(yword[rbp + r13 * 8], t0);
     }
-    vmovmskpd(eax, marks);
-    or_(eax, r15d);
+    const Xbyak::Xmm zero(t0.getIdx());
+    vxorpd(zero, zero, zero);
+    vmovupd(xword[r15 + r13 * 4], zero);
+    failedLanes();
+    if (calls_)
+        or_(eax, dword[rsp + callsOff_]);
     mov(byte[r12], al);
+    or_(r14d, eax);
     add(r12, 1);
-    add(r13, 32);
-    cmp(r13, r14);
+    add(r13, 4);
+    cmp(r13, qword[rsp + endOff_]);
     jb(loop, T_NEAR);
     L(done);
+    mov(eax, r14d);
     mov(rsp, qword[rsp + stackOff_]);
     vzeroupper();
     pop(r15);
@@ -483,13 +648,14 @@ void BlockGenerator::run()
     }
 }
 
-// AVX2 (the rest is AVX) and OXEL_BLOCK_JIT not "0": the column instructions alone then
+// AVX2 and FMA, and OXEL_BLOCK_JIT not "0": the column instructions alone then
 // serve, as before the block code existed (for measurements and as a way out).
 bool blockCodeOn()
 {
     static const bool on = [] {
         const char* v = std::getenv("OXEL_BLOCK_JIT");
-        return __builtin_cpu_supports("avx2") && !(v && std::strcmp(v, "0") == 0);
+        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+               !(v && std::strcmp(v, "0") == 0);
     }();
     return on;
 }

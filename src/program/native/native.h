@@ -42,12 +42,13 @@ void releaseNative(NativeCode& code);
 
 // A fused block program of the column batch (block_jit.cpp): rows [0, 4 * groups) of the
 // input columns (columns[c] for variable inputVars[c]) through every step, four at a time,
-// values straight into results. Per group of four it writes a byte to marks, bit j set where
+// values straight into results, 0 into errors. Per group of four it writes a byte to marks,
+// bit j set where
 // row j's value cannot be vouched for (a guard failed, a kernel raised a code, a lane left the
 // four-lane exp or log): those rows must be evaluated again by the column program, whose
-// values and codes are eval()'s. Unmarked rows have no error.
-using BlockFn = void (*)(const double* const* columns, double* results, uint8_t* marks,
-                         int groups);
+// values and codes are eval()'s; unmarked rows have no error. Returns the marks ORed.
+using BlockFn = int (*)(const double* const* columns, double* results, int* errors,
+                        uint8_t* marks, int groups);
 // Code for a program without calls (null: none, e.g. native code off, no AVX2, a raise);
 // usesMath: it calls the four-lane exp or ln, which assume rounding to nearest.
 BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out,
