@@ -414,8 +414,9 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
                         !(off && std::strcmp(off, "0") == 0);
     const char* const formulas[] = {
         "x / y", "ln(x) - y * 2", "exp(x) * y", "x * 1e300 * y",
+        "x * x * y - 3 * x * y * y + z * z * x - y / 4",  // inputs checked, no step tested
         "a = x * y; b = sqrt(a - 1); a + b / z",  // assigned slots, spilled across calls
-        "sin(x) * cos(x) + pow(y, 3.5) - (x < y && z > 0) + x % z",
+        "sin(x) * cos(x) + pow(y, 3.5) - (x < y && z > 0) + x % z + exp(y - x) / x",
         "max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y",
     };
     for (const char* formula : formulas) {
@@ -427,7 +428,10 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
             std::vector<std::vector<double>> cols(static_cast<size_t>(nv));
             std::vector<double> rows;
             for (int r = 0; r < numRows; ++r) {
-                const double x = r % 41 == 0 ? -1.5 : r % 43 == 0 ? 800.0 : 0.5 + r * 0.37;
+                const double x = r % 41 == 0   ? -1.5
+                                 : r % 43 == 0 ? 800.0
+                                 : r % 53 == 0 ? 1e200
+                                               : 0.5 + r * 0.37;
                 const double y = r % 37 == 0 ? 0.0 : 2.0 - r * 0.01;
                 const double z = r % 47 == 0 ? 0.0 : 1.0 + r % 3;
                 for (int v = 0; v < nv; ++v) {
