@@ -213,7 +213,7 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     }
     buildColumns(*p, ir);
     p->compiled = true;
-    p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode, p->blockMath);
+    p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
     return p;
 }
 
@@ -274,8 +274,9 @@ void runRows(OxelProgram& p, const Source& src, int numRows, double* results, in
     }
 }
 
-// The four-lane exp and ln assume rounding to nearest, no flush to zero and no
-// denormals-are-zero (MXCSR bits 13-14, 15 and 6); a host may change them at any time.
+// The block code's tests assume rounding to nearest (overflows are infinite), and it is only
+// measured without flush to zero or denormals-are-zero (MXCSR bits 13-14, 15 and 6); a host
+// may change them at any time.
 bool plainRounding()
 {
     return (_mm_getcsr() & 0xe040u) == 0;
@@ -337,7 +338,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
     double** colp = cols.data();
     const int numInputs = static_cast<int>(p.inputVars.size());
-    const bool fused = p.block && !src.outs && oxn::enabled() && (!p.blockMath || plainRounding());
+    const bool fused = p.block && !src.outs && oxn::enabled() && plainRounding();
     for (int start = begin; start < end; start += kBlock) {
         const int n = std::min(kBlock, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on

@@ -55,10 +55,9 @@ public:
         oxn::releaseNative(blockCode);
     }
     // The fused block program, where native code gives one; the instructions below redo the
-    // rows it marks. blockMath: it runs the four-lane exp or ln.
+    // rows it marks.
     oxn::BlockFn block = nullptr;
     oxn::NativeCode blockCode;
-    bool blockMath = false;
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i
     int numColumns = 0;           // input columns, then scratch columns

@@ -9,108 +9,77 @@
 #include <cstring>
 #include <utility>
 
-#ifdef OXEL_VECTOR_MATH
-#include "nodes/vector_math.h"
-#endif
+#include <immintrin.h>
+
 
 namespace oxn {
 namespace {
 
-// A step the loop hands to C++: four lanes of a, b in memory, values to r; the result has bit
-// j set where lane j raised a code or left the fast path. extra is the plan of a prepared
-// power; a sine-cosine pair's b receives the other value.
-using Lanes = int (*)(const void* extra, const double* a, double* b, double* r);
+#define OXN_AVX2 [[gnu::target("avx2")]]
 
-template <Kind K>
-int kernelLanes(const void*, const double* a, [[maybe_unused]] double* b, double* r)
+// A step the loop hands to its kernel: four lanes in ymm registers (a, b), the values
+// returned in one; *marked gets bit j set where lane j raised a code.
+using Lanes = __m256d (*)(__m256d a, __m256d b, int* marked);
+
+// Lanes travel in registers: a 32-byte load of four 8-byte stores would wait for them.
+OXN_AVX2 inline double lane(__m256d v, int j)
 {
-    int marked = 0;
-    for (int j = 0; j < 4; ++j) {
-        int code = 0;
-        if constexpr (oxk::row(K).arity == 1) {
-            constexpr oxk::UnFn F = oxk::row(K).un;
-            r[j] = F(a[j], code);
-        } else {
-            constexpr oxk::BinFn F = oxk::row(K).bin;
-            r[j] = F(a[j], b[j], code);
-        }
-        marked |= (code != 0) << j;
-    }
-    return marked;
+    const __m128d half = j < 2 ? _mm256_castpd256_pd128(v) : _mm256_extractf128_pd(v, 1);
+    return _mm_cvtsd_f64(j % 2 ? _mm_unpackhi_pd(half, half) : half);
+}
+
+template <class F>
+OXN_AVX2 inline __m256d lanes4(__m256d a, __m256d b, int* marked, F f)
+{
+    int c0 = 0, c1 = 0, c2 = 0, c3 = 0;
+    const double r0 = f(lane(a, 0), lane(b, 0), c0);
+    const double r1 = f(lane(a, 1), lane(b, 1), c1);
+    const double r2 = f(lane(a, 2), lane(b, 2), c2);
+    const double r3 = f(lane(a, 3), lane(b, 3), c3);
+    *marked = (c0 != 0) | (c1 != 0) << 1 | (c2 != 0) << 2 | (c3 != 0) << 3;
+    return _mm256_set_pd(r3, r2, r1, r0);
 }
 
 template <Kind K>
-constexpr Lanes lanesOf()
+OXN_AVX2 __m256d kernelLanes(__m256d a, __m256d b, int* marked)
 {
-    if constexpr (oxk::row(K).arity == 1 || oxk::row(K).arity == 2)
-        return &kernelLanes<K>;
+    return lanes4(a, b, marked, [](double x, [[maybe_unused]] double y, int& code) {
+        if constexpr (oxk::row(K).arity == 1) {
+            constexpr oxk::UnFn F = oxk::row(K).un;
+            return F(x, code);
+        } else {
+            constexpr oxk::BinFn F = oxk::row(K).bin;
+            return F(x, y, code);
+        }
+    });
+}
+
+struct KindLanes {  // a vector type in a template argument would lose its attributes
+    Lanes fn;
+};
+
+// The kernels worth a call from the loop (measured): floor and ceil, one instruction here
+// where the column loops call the C library. A call costs some 30 cycles a group, so the other
+// kernels run faster in the column instructions' loops, which keep many rows in flight.
+template <Kind K>
+constexpr KindLanes lanesOf()
+{
+    if constexpr (K == Kind::OxFloor || K == Kind::OxCeil)
+        return {&kernelLanes<K>};
     else
-        return nullptr;
+        return {nullptr};
 }
 
 constexpr int kNumKinds = static_cast<int>(Kind::Unknown) + 1;
 
 template <size_t... I>
-constexpr std::array<Lanes, kNumKinds> lanesTable(std::index_sequence<I...>)
+constexpr std::array<KindLanes, kNumKinds> lanesTable(std::index_sequence<I...>)
 {
     return {lanesOf<static_cast<Kind>(I)>()...};
 }
 
-constexpr std::array<Lanes, kNumKinds> kLanes = lanesTable(std::make_index_sequence<kNumKinds>());
-
-int powerLanes(const void* plan, const double* a, double*, double* r)
-{
-    int marked = 0;
-    for (int j = 0; j < 4; ++j) {
-        int code = 0;
-        r[j] = oxk::powPlanned(*static_cast<const oxk::PowPlan*>(plan), a[j], code);
-        marked |= (code != 0) << j;
-    }
-    return marked;
-}
-
-template <bool SinFirst>
-int sinCosLanes(const void*, const double* a, double* other, double* r)
-{
-    for (int j = 0; j < 4; ++j) {
-        double s, c;
-        ::sincos(a[j], &s, &c);
-        r[j] = SinFirst ? s : c;
-        other[j] = SinFirst ? c : s;
-    }
-    return 0;
-}
-
-#ifdef OXEL_VECTOR_MATH
-// The four-lane exp and log with the C library's bits; lanes they do not cover, and exp's
-// overflows (which raise), are marked.
-int expLanes(const void*, const double* a, double*, double* r)
-{
-    int marked = oxm::apply4(oxm::Fn::Exp, a, r);
-    for (int j = 0; j < 4; ++j)
-        marked |= (a[j] >= oxk::kExpLimit) << j;
-    return marked;
-}
-
-int logLanes(const void*, const double* a, double*, double* r)
-{
-    return oxm::apply4(oxm::Fn::Log, a, r);
-}
-
-Lanes mathLanes(Kind k)
-{
-    if (k == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
-        return &expLanes;
-    if (k == Kind::OxLn && oxm::serves(oxm::Fn::Log))
-        return &logLanes;
-    return nullptr;
-}
-#else
-Lanes mathLanes(Kind)
-{
-    return nullptr;
-}
-#endif
+constexpr std::array<KindLanes, kNumKinds> kLanes =
+    lanesTable(std::make_index_sequence<kNumKinds>());
 
 // ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
 // scratch.
@@ -184,27 +153,22 @@ struct YPlace {
 // wait in the frame.
 class BlockGenerator : public Xbyak::CodeGenerator {
 public:
-    BlockGenerator(const oxp::Program& l, const std::vector<int>& column, Extras& extras,
-                   void* buf, size_t size)
-        : Xbyak::CodeGenerator(size, buf), l_(l), column_(column), x_(extras)
+    BlockGenerator(const oxp::Program& l, const std::vector<int>& column, void* buf, size_t size)
+        : Xbyak::CodeGenerator(size, buf), l_(l), column_(column)
     {
     }
 
     void run();
-    bool usesMath = false;
 
 private:
     const oxp::Program& l_;
     const std::vector<int>& column_;  // input column of each variable slot
-    Extras& x_;
     std::vector<int> reg_;
     std::vector<bool> mem_;
     int holder_[kValues];
     int step_ = 0;
     std::map<uint64_t, Xbyak::Label> pool_;
-    std::vector<int> pair_;
-    std::vector<bool> pairFirst_;
-    int pairOff_ = 0, argOff_ = 0, endOff_ = 0, callsOff_ = 0, stackOff_ = 0;
+    int endOff_ = 0, callsOff_ = 0, stackOff_ = 0;
     bool calls_ = false;  // some step calls C++
     const Xbyak::Ymm t0{13}, t1{14};
     const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
@@ -233,7 +197,7 @@ private:
         for (size_t i = 0; i < l_.steps.size(); ++i) {
             const oxp::Step& s = l_.steps[i];
             bool tested = false;
-            bound_[i] = inlinable(s.kind) && pair_[i] < 0
+            bound_[i] = inlinable(s.kind)
                             ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
                             : __builtin_inf();
             tests += tested;
@@ -249,7 +213,6 @@ private:
     }
     Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_[bits]]; }
     Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
-    Xbyak::Address arg(int i) { return yword[rsp + argOff_ + 32 * i]; }
 
     // Registers hold step values (key: the step) and inputs (key: steps + variable slot), the
     // inputs from their first read in the group to their last, never stored.
@@ -351,17 +314,6 @@ private:
         }
     }
 
-    void copy(const Xbyak::Address& to, const Operand& o)
-    {
-        const YPlace p = place(o, rax);
-        if (p.inReg) {
-            vmovupd(to, Xbyak::Ymm(p.reg));
-        } else {
-            vmovupd(t0, p.mem);
-            vmovupd(to, t0);
-        }
-    }
-
     // The result test: every tested value's square is added to one of three sums (three, so
     // that the additions do not wait for each other). A sum is infinite or NaN where some
     // value was NaN or of magnitude 2^512 or more, which covers every lane whose result
@@ -380,12 +332,12 @@ private:
     }
 
     // The lanes whose sums failed, as bits in eax.
-    void failedLanes()
+    void failedLanes(const Xbyak::Ymm& temp)
     {
-        vaddpd(t0, sums_[0], sums_[1]);
-        vaddpd(t0, t0, sums_[2]);
-        vcmppd(t0, t0, constant(__builtin_inf()), kNltUq);
-        vmovmskpd(eax, t0);
+        vaddpd(temp, sums_[0], sums_[1]);
+        vaddpd(temp, temp, sums_[2]);
+        vcmppd(temp, temp, constant(__builtin_inf()), kNltUq);
+        vmovmskpd(eax, temp);
     }
 
     bool inlined(const oxp::Step& s);
@@ -479,53 +431,33 @@ bool BlockGenerator::inlined(const oxp::Step& s)
     return true;
 }
 
-// Any other step: four lanes through C++ (the kernel itself, a prepared power, the four-lane
-// exp or log, sincos for a pair), operands and value in the frame.
+// A cheap kernel (see lanesOf): a call, every live value in the frame meanwhile.
 void BlockGenerator::callStep(const oxp::Step& s)
 {
-    const size_t i = static_cast<size_t>(step_);
-    const Xbyak::Address other = pair_[i] >= 0 ? yword[rsp + pairOff_ + 32 * pair_[i]] : arg(1);
-    if (pair_[i] >= 0 && !pairFirst_[i]) {  // the first of the pair left it in the frame
-        const int dst = pick(0);
-        vmovupd(Xbyak::Ymm(dst), other);
-        define(dst);
-        return;
-    }
-    bound_[i] = __builtin_inf();
-    Lanes fn = kLanes[static_cast<size_t>(s.kind)];
-    const void* extra = nullptr;
-    if (pair_[i] >= 0) {
-        fn = s.kind == Kind::OxSinus ? &sinCosLanes<true> : &sinCosLanes<false>;
-        copy(arg(0), s.a);
-    } else if (oxp::plannedPower(s)) {
-        x_.plans.push_back(oxp::powerPlan(s));
-        extra = &x_.plans.back();
-        fn = &powerLanes;
-        copy(arg(0), oxp::plannedOperand(s));
-    } else {
-        if (Lanes math = mathLanes(s.kind)) {
-            fn = math;
-            usesMath = true;
-        }
-        copy(arg(0), s.a);
-        if (!oxk::row(s.kind).un)
-            copy(arg(1), s.b);
-    }
+    bound_[static_cast<size_t>(step_)] = __builtin_inf();
+    // Operands to scratch registers before the spills (a value read last here is not stored).
+    auto load = [&](const Xbyak::Ymm& y, const Operand& o) {
+        const YPlace p = place(o, rax);
+        if (p.inReg)
+            vmovapd(y, Xbyak::Ymm(p.reg));
+        else
+            vmovupd(y, p.mem);
+    };
+    load(t0, s.a);
+    if (!oxk::row(s.kind).un)
+        load(t1, s.b);
     spillAll();
-    failedLanes();
+    failedLanes(ymm2);
     or_(dword[rsp + callsOff_], eax);
-    vzeroupper();  // C++ may run SSE code
-    mov(rdi, reinterpret_cast<uint64_t>(extra));
-    lea(rsi, arg(0));
-    lea(rdx, other);
-    lea(rcx, arg(2));
-    mov(rax, reinterpret_cast<uint64_t>(fn));
+    vmovapd(ymm0, t0);
+    vmovapd(ymm1, t1);
+    lea(rdi, dword[rsp + callsOff_ + 4]);
+    mov(rax, reinterpret_cast<uint64_t>(kLanes[static_cast<size_t>(s.kind)].fn));
     call(rax);
+    mov(eax, dword[rsp + callsOff_ + 4]);
     or_(dword[rsp + callsOff_], eax);
     clearSums();
-    const int dst = pick(0);
-    vmovupd(Xbyak::Ymm(dst), arg(2));
-    define(dst);
+    define(0);
 }
 
 // int fn(columns, results, errors, marks, groups): see BlockFn.
@@ -542,22 +474,11 @@ void BlockGenerator::run()
     mem_.assign(n, false);
     for (int& h : holder_)
         h = -1;
-    x_.plans.reserve(n);  // the code points into it
-    pair_.assign(n, -1);
-    pairFirst_.assign(n, false);
-    const std::vector<std::pair<int, int>> pairs = oxp::sinCosPairs(l_);
-    for (size_t q = 0; q < pairs.size(); ++q) {
-        pair_[static_cast<size_t>(pairs[q].first)] = pair_[static_cast<size_t>(pairs[q].second)] =
-            static_cast<int>(q);
-        pairFirst_[static_cast<size_t>(pairs[q].first)] = true;
-    }
-    pairOff_ = 32 * l_.numSlots;
-    argOff_ = pairOff_ + 32 * static_cast<int>(pairs.size());
-    endOff_ = argOff_ + 3 * 32;
-    callsOff_ = endOff_ + 8;
+    endOff_ = 32 * l_.numSlots;
+    callsOff_ = endOff_ + 8;  // the group's marks from calls, then a call's own
     stackOff_ = callsOff_ + 8;
     for (size_t i = 0; i < n; ++i)
-        calls_ = calls_ || pair_[i] >= 0 || !inlinable(l_.steps[i].kind);
+        calls_ = calls_ || !inlinable(l_.steps[i].kind);
     // Inputs are checked (two operations each) where that spares more tests than it costs.
     bound_.assign(n, __builtin_inf());
     const int unchecked = testsNeeded(__builtin_inf());
@@ -607,7 +528,7 @@ void BlockGenerator::run()
         mov(dword[rsp + callsOff_], 0);
     for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
         const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
-        if (pair_[static_cast<size_t>(step_)] >= 0 || !inlined(s))
+        if (!inlined(s))
             callStep(s);
     }
     const YPlace r = place(l_.result, rax);
@@ -620,7 +541,7 @@ void BlockGenerator::run()
     const Xbyak::Xmm zero(t0.getIdx());
     vxorpd(zero, zero, zero);
     vmovupd(xword[r15 + r13 * 4], zero);
-    failedLanes();
+    failedLanes(t0);
     if (calls_)
         or_(eax, dword[rsp + callsOff_]);
     mov(byte[r12], al);
@@ -668,17 +589,15 @@ bool fits(const oxp::Program& l)
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
-        if (s.kind == Kind::Unknown || !kLanes[static_cast<size_t>(s.kind)])
+        if (!inlinable(s.kind) && !kLanes[static_cast<size_t>(s.kind)].fn)
             return false;
     return true;
 }
 
 }  // namespace
 
-BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out,
-                     bool& usesMath)
+BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out)
 {
-    usesMath = false;
     if (!enabled() || !blockCodeOn() || !fits(ir))
         return nullptr;
     std::vector<int> column(ir.inputRead.size(), -1);
@@ -690,20 +609,14 @@ BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, 
     std::vector<uint64_t> buf(size / 8 + 8);
     uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
     start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;
-    Extras* extras = new Extras;
     try {
-        BlockGenerator g(ir, column, *extras, start, size);
+        BlockGenerator g(ir, column, start, size);
         g.run();
-        if (!arenaPlace(g.getCode(), g.getSize(), out.block)) {
-            delete extras;
+        if (!arenaPlace(g.getCode(), g.getSize(), out.block))
             return nullptr;
-        }
-        usesMath = g.usesMath;
     } catch (const Xbyak::Error&) {
-        delete extras;
         return nullptr;
     }
-    out.extras = extras;
     return reinterpret_cast<BlockFn>(out.block.exec);
 }
 

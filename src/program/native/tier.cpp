@@ -46,9 +46,8 @@ PointFn compilePoint(const oxp::Program&, NativeCode&)
     return nullptr;
 }
 
-BlockFn compileBlock(const oxp::Program&, const std::vector<int>&, NativeCode&, bool& usesMath)
+BlockFn compileBlock(const oxp::Program&, const std::vector<int>&, NativeCode&)
 {
-    usesMath = false;
     return nullptr;
 }
 
