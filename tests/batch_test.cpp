@@ -416,7 +416,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         const char* text;
         bool block;  // it has block code (with native code on)
     } formulas[] = {
-        {"x / y", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true},
+        {"x / y - z", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true}, {"x / y", false},
         {"x * x * y - 3 * x * y * y + z * z * x - y / 4", true},  // inputs checked, no step tested
         {"a = x * y; b = sqrt(a - 1); a + b / z", true},  // assigned slots
         {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},  // calls, values kept across

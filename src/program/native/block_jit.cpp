@@ -582,10 +582,11 @@ bool blockCodeOn()
 }
 
 // Programs the loop serves: no calls (draws and callbacks keep their row order), no raise (it
-// would mark every row), a value computed by a step, every step a kernel.
+// would mark every row), a value computed by a step, every step inline or floor or ceil, and
+// more than one step (a lone step's column loop is as fused already, and a little faster).
 bool fits(const oxp::Program& l)
 {
-    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.empty() ||
+    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.size() < 2 ||
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
