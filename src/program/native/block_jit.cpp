@@ -3,23 +3,16 @@
 #include "program/native/generator.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include <immintrin.h>
-
 
 namespace oxn {
 namespace {
 
 #define OXN_AVX2 [[gnu::target("avx2")]]
-
-// A step the loop hands to its kernel: four lanes in ymm registers (a, b), the values
-// returned in one; *marked gets bit j set where lane j raised a code.
-using Lanes = __m256d (*)(__m256d a, __m256d b, int* marked);
 
 // Lanes travel in registers: a 32-byte load of four 8-byte stores would wait for them.
 OXN_AVX2 inline double lane(__m256d v, int j)
@@ -28,58 +21,27 @@ OXN_AVX2 inline double lane(__m256d v, int j)
     return _mm_cvtsd_f64(j % 2 ? _mm_unpackhi_pd(half, half) : half);
 }
 
-template <class F>
-OXN_AVX2 inline __m256d lanes4(__m256d a, __m256d b, int* marked, F f)
+// The kernels worth a call from the loop (measured): floor and ceil, one instruction here where
+// the column loops call the C library; neither raises. A call costs some 30 cycles a group, so
+// other kernels run faster in the column instructions' loops, which keep many rows in flight.
+using Lanes = __m256d (*)(__m256d a);
+
+template <Kind K>
+OXN_AVX2 __m256d kernelLanes(__m256d a)
 {
-    int c0 = 0, c1 = 0, c2 = 0, c3 = 0;
-    const double r0 = f(lane(a, 0), lane(b, 0), c0);
-    const double r1 = f(lane(a, 1), lane(b, 1), c1);
-    const double r2 = f(lane(a, 2), lane(b, 2), c2);
-    const double r3 = f(lane(a, 3), lane(b, 3), c3);
-    *marked = (c0 != 0) | (c1 != 0) << 1 | (c2 != 0) << 2 | (c3 != 0) << 3;
+    constexpr oxk::UnFn F = oxk::row(K).un;
+    int code = 0;
+    const double r0 = F(lane(a, 0), code), r1 = F(lane(a, 1), code);
+    const double r2 = F(lane(a, 2), code), r3 = F(lane(a, 3), code);
     return _mm256_set_pd(r3, r2, r1, r0);
 }
 
-template <Kind K>
-OXN_AVX2 __m256d kernelLanes(__m256d a, __m256d b, int* marked)
+Lanes lanesFor(Kind k)
 {
-    return lanes4(a, b, marked, [](double x, [[maybe_unused]] double y, int& code) {
-        if constexpr (oxk::row(K).arity == 1) {
-            constexpr oxk::UnFn F = oxk::row(K).un;
-            return F(x, code);
-        } else {
-            constexpr oxk::BinFn F = oxk::row(K).bin;
-            return F(x, y, code);
-        }
-    });
+    return k == Kind::OxFloor ? &kernelLanes<Kind::OxFloor>
+           : k == Kind::OxCeil ? &kernelLanes<Kind::OxCeil>
+                               : nullptr;
 }
-
-struct KindLanes {  // a vector type in a template argument would lose its attributes
-    Lanes fn;
-};
-
-// The kernels worth a call from the loop (measured): floor and ceil, one instruction here
-// where the column loops call the C library. A call costs some 30 cycles a group, so the other
-// kernels run faster in the column instructions' loops, which keep many rows in flight.
-template <Kind K>
-constexpr KindLanes lanesOf()
-{
-    if constexpr (K == Kind::OxFloor || K == Kind::OxCeil)
-        return {&kernelLanes<K>};
-    else
-        return {nullptr};
-}
-
-constexpr int kNumKinds = static_cast<int>(Kind::Unknown) + 1;
-
-template <size_t... I>
-constexpr std::array<KindLanes, kNumKinds> lanesTable(std::index_sequence<I...>)
-{
-    return {lanesOf<static_cast<Kind>(I)>()...};
-}
-
-constexpr std::array<KindLanes, kNumKinds> kLanes =
-    lanesTable(std::make_index_sequence<kNumKinds>());
 
 // ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
 // scratch.
@@ -123,30 +85,11 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
     return kTested;
 }
 
-bool inlinable(Kind k)
-{
-    switch (k) {
-    case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
-    case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
-    case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
-    case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
-    case Kind::OxBetrag:
-        return true;
-    default:
-        return false;
-    }
-}
 const int kMaxSlots = 1024;  // a frame of 32 KiB at most
 
 // Comparison predicates of vcmppd (ordered, quiet: NaN compares false, as in the kernels).
 const uint8_t kEqOq = 0x00, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
               kGeOq = 0x1D, kGtOq = 0x1E;
-
-struct YPlace {
-    bool inReg = false;
-    int reg = -1;
-    Xbyak::Address mem = Xbyak::util::yword[Xbyak::util::rsp];
-};
 
 // Registers: rbx the input column pointers, rbp the results, r15 the codes, r12 the group's
 // mark byte, r13 the group's first row, r14d all marks so far; the marks of the group's calls
@@ -197,7 +140,7 @@ private:
         for (size_t i = 0; i < l_.steps.size(); ++i) {
             const oxp::Step& s = l_.steps[i];
             bool tested = false;
-            bound_[i] = inlinable(s.kind)
+            bound_[i] = cheapKind(s.kind)
                             ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
                             : __builtin_inf();
             tests += tested;
@@ -232,25 +175,25 @@ private:
 
     // Inputs are read from the caller's column through base, into a register not in avoid
     // where they are read again.
-    YPlace place(const Operand& o, const Xbyak::Reg64& base, unsigned avoid = 0,
+    Place place(const Operand& o, const Xbyak::Reg64& base, unsigned avoid = 0,
                  bool keep = false)
     {
         if (o.mode == Operand::Const)
-            return YPlace{false, -1, constant(o.k)};
+            return Place{false, -1, constant(o.k)};
         const int key = keyOf(o);
         const int r = reg_[static_cast<size_t>(key)];
         if (r >= 0)
-            return YPlace{true, r, yword[rsp]};
+            return Place{true, r, yword[rsp]};
         if (o.mode == Operand::Reg)
-            return YPlace{false, -1, home(o.index)};
+            return Place{false, -1, home(o.index)};
         mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
         if (!keep || lastUseOf(key) <= step_)
-            return YPlace{false, -1, yword[base + r13 * 8]};
+            return Place{false, -1, yword[base + r13 * 8]};
         const int into = pick(avoid);
         vmovupd(Xbyak::Ymm(into), yword[base + r13 * 8]);
         holder_[into] = key;
         reg_[static_cast<size_t>(key)] = into;
-        return YPlace{true, into, yword[rsp]};
+        return Place{true, into, yword[rsp]};
     }
 
     void drop(int r)
@@ -349,11 +292,11 @@ private:
 bool BlockGenerator::inlined(const oxp::Step& s)
 {
     const Kind k = s.kind;
-    if (!inlinable(k))
+    if (!cheapKind(k))
         return false;
     const bool un = oxk::row(k).un != nullptr;
-    const YPlace a = place(s.a, rax, 0, true);
-    const YPlace b = un ? YPlace{} : place(s.b, r10, a.inReg ? 1u << a.reg : 0u, true);
+    const Place a = place(s.a, rax, 0, true);
+    const Place b = un ? Place{} : place(s.b, r10, a.inReg ? 1u << a.reg : 0u, true);
     const unsigned ops = (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
     const int dst = pick(ops);
     const Xbyak::Ymm d(dst), ya(a.inReg ? a.reg : 0), yb(b.inReg ? b.reg : 0);
@@ -431,31 +374,23 @@ bool BlockGenerator::inlined(const oxp::Step& s)
     return true;
 }
 
-// A cheap kernel (see lanesOf): a call, every live value in the frame meanwhile.
+// floor or ceil (see lanesFor): a call, every live value in the frame meanwhile.
 void BlockGenerator::callStep(const oxp::Step& s)
 {
     bound_[static_cast<size_t>(step_)] = __builtin_inf();
-    // Operands to scratch registers before the spills (a value read last here is not stored).
-    auto load = [&](const Xbyak::Ymm& y, const Operand& o) {
-        const YPlace p = place(o, rax);
-        if (p.inReg)
-            vmovapd(y, Xbyak::Ymm(p.reg));
-        else
-            vmovupd(y, p.mem);
-    };
-    load(t0, s.a);
-    if (!oxk::row(s.kind).un)
-        load(t1, s.b);
+    // The operand to a scratch register before the spills: a value read last here is not
+    // stored.
+    const Place a = place(s.a, rax);
+    if (a.inReg)
+        vmovapd(t0, Xbyak::Ymm(a.reg));
+    else
+        vmovupd(t0, a.mem);
     spillAll();
-    failedLanes(ymm2);
+    failedLanes(ymm1);
     or_(dword[rsp + callsOff_], eax);
     vmovapd(ymm0, t0);
-    vmovapd(ymm1, t1);
-    lea(rdi, dword[rsp + callsOff_ + 4]);
-    mov(rax, reinterpret_cast<uint64_t>(kLanes[static_cast<size_t>(s.kind)].fn));
+    mov(rax, reinterpret_cast<uint64_t>(lanesFor(s.kind)));
     call(rax);
-    mov(eax, dword[rsp + callsOff_ + 4]);
-    or_(dword[rsp + callsOff_], eax);
     clearSums();
     define(0);
 }
@@ -475,10 +410,10 @@ void BlockGenerator::run()
     for (int& h : holder_)
         h = -1;
     endOff_ = 32 * l_.numSlots;
-    callsOff_ = endOff_ + 8;  // the group's marks from calls, then a call's own
+    callsOff_ = endOff_ + 8;  // the group's marks from before its calls
     stackOff_ = callsOff_ + 8;
     for (size_t i = 0; i < n; ++i)
-        calls_ = calls_ || !inlinable(l_.steps[i].kind);
+        calls_ = calls_ || !cheapKind(l_.steps[i].kind);
     // Inputs are checked (two operations each) where that spares more tests than it costs.
     bound_.assign(n, __builtin_inf());
     const int unchecked = testsNeeded(__builtin_inf());
@@ -531,7 +466,7 @@ void BlockGenerator::run()
         if (!inlined(s))
             callStep(s);
     }
-    const YPlace r = place(l_.result, rax);
+    const Place r = place(l_.result, rax);
     if (r.inReg) {
         vmovupd(yword[rbp + r13 * 8], Xbyak::Ymm(r.reg));
     } else {
@@ -590,7 +525,7 @@ bool fits(const oxp::Program& l)
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
-        if (!inlinable(s.kind) && !kLanes[static_cast<size_t>(s.kind)].fn)
+        if (!cheapKind(s.kind) && !lanesFor(s.kind))
             return false;
     return true;
 }

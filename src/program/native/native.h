@@ -43,9 +43,10 @@ void releaseNative(NativeCode& code);
 // A fused block program of the column batch (block_jit.cpp): rows [0, 4 * groups) of the
 // input columns (columns[c] for variable inputVars[c]) through every step, four at a time,
 // values straight into results, 0 into errors. Per group of four it writes a byte to marks,
-// bit j set where row j's value cannot be vouched for (a test failed, a kernel raised a
-// code): those rows must be evaluated again by the column program, whose values and codes
-// are eval()'s; unmarked rows have no error. Returns the marks ORed.
+// bit j set where row j's value cannot be vouched for (a value or an input left the range
+// where the steps give their kernels' results): those rows must be evaluated again by the
+// column program, whose values and codes are eval()'s; unmarked rows have no error. Returns
+// the marks ORed.
 using BlockFn = int (*)(const double* const* columns, double* results, int* errors,
                         uint8_t* marks, int groups);
 // Code for a program of cheap steps only (null: none, e.g. native code off, no AVX2 and FMA,
