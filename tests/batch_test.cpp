@@ -454,6 +454,16 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
             std::vector<int> err(static_cast<size_t>(numRows) + 1, 42);
             ASSERT_EQ(e.evalBatchColumns(ptrs.data(), numRows, got.data(), err.data()), 0);
             EXPECT_EQ(got[static_cast<size_t>(numRows)], 42.0);
+            // Zeroed codes promised: only failing rows are written (7, in the rows that do not
+            // fail, shows "not written").
+            std::vector<double> again(got.size());
+            std::vector<int> marked(err.size());
+            for (size_t r = 0; r < err.size(); ++r)
+                marked[r] = err[r] && r + 1 < err.size() ? 0 : 7;
+            ASSERT_EQ(e.evalBatchColumns(ptrs.data(), numRows, again.data(), marked.data(), true),
+                      0);
+            for (size_t r = 0; r < err.size(); ++r)
+                ASSERT_EQ(marked[r], err[r] && r + 1 < err.size() ? err[r] : 7) << formula;
             for (int r = 0; r < numRows; ++r) {
                 std::vector<double> vals(rows.begin() + r * nv, rows.begin() + (r + 1) * nv);
                 int code = 0;
