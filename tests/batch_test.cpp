@@ -403,3 +403,82 @@ TEST(BatchEval, HugeTreesRunCompiled)
             rows.push_back(kPoints[(d == 0 ? r : r / kNumPoints) % kNumPoints]);
     EXPECT_EQ(exprMismatch(e, rows, e.numVars()), "");
 }
+
+// The fused block code: its rows that fail somewhere (division by zero, ln of a negative,
+// overflow) and those past its last group of four run again; lengths around the group and the
+// block. Columns of exactly numRows values: a read past them shows under the sanitizers.
+TEST(BatchEval, BlockCodeRedoesFailingRows)
+{
+    const char* off = std::getenv("OXEL_BLOCK_JIT");
+    const bool native = oxn::enabled() && __builtin_cpu_supports("avx2") &&
+                        !(off && std::strcmp(off, "0") == 0);
+    const struct {
+        const char* text;
+        bool block;  // it has block code (with native code on)
+    } formulas[] = {
+        {"x / y - z", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true}, {"x / y", false},
+        {"x * x * y - 3 * x * y * y + z * z * x - y / 4", true},  // inputs checked, no step tested
+        {"a = x * y; b = sqrt(a - 1); a + b / z", true},  // assigned slots
+        {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},  // calls, values kept across
+        {"max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y", true},
+        {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
+    };
+    for (const auto& f : formulas) {
+        const char* formula = f.text;
+        OxelExpression e;
+        ASSERT_EQ(parseXyz(e, formula), 1) << formula;
+        EXPECT_EQ(oxelBlockCompile(e.root(), e.numVars()), native && f.block ? 1 : 0) << formula;
+        const int nv = e.numVars();
+        for (int numRows : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 261, 1030}) {
+            std::vector<std::vector<double>> cols(static_cast<size_t>(nv));
+            std::vector<double> rows;
+            for (int r = 0; r < numRows; ++r) {
+                const double x = r % 41 == 0   ? -1.5
+                                 : r % 43 == 0 ? 800.0
+                                 : r % 53 == 0 ? 1e200
+                                               : 0.5 + r * 0.37;
+                const double y = r % 37 == 0 ? 0.0 : 2.0 - r * 0.01;
+                const double z = r % 47 == 0 ? 0.0 : 1.0 + r % 3;
+                for (int v = 0; v < nv; ++v) {
+                    cols[static_cast<size_t>(v)].push_back(v == 0 ? x : v == 1 ? y : z);
+                    rows.push_back(cols[static_cast<size_t>(v)].back());
+                }
+            }
+            if (numRows > 0) {  // evalBatch refuses a null array
+                EXPECT_EQ(exprMismatch(e, rows, nv), "") << formula << ", " << numRows << " rows";
+            }
+            std::vector<const double*> ptrs;
+            for (const auto& c : cols)
+                ptrs.push_back(c.data());
+            std::vector<double> got(static_cast<size_t>(numRows) + 1, 42.0);
+            std::vector<int> err(static_cast<size_t>(numRows) + 1, 42);
+            ASSERT_EQ(e.evalBatchColumns(ptrs.data(), numRows, got.data(), err.data()), 0);
+            EXPECT_EQ(got[static_cast<size_t>(numRows)], 42.0);
+            // Zeroed codes promised: only failing rows are written (7, in the rows that do not
+            // fail, shows "not written").
+            std::vector<double> again(got.size());
+            std::vector<int> marked(err.size());
+            for (size_t r = 0; r < err.size(); ++r)
+                marked[r] = err[r] && r + 1 < err.size() ? 0 : 7;
+            ASSERT_EQ(e.evalBatchColumns(ptrs.data(), numRows, again.data(), marked.data(), true),
+                      0);
+            for (size_t r = 0; r < err.size(); ++r)
+                ASSERT_EQ(marked[r], err[r] && r + 1 < err.size() ? err[r] : 7) << formula;
+            for (int r = 0; r < numRows; ++r) {
+                std::vector<double> vals(rows.begin() + r * nv, rows.begin() + (r + 1) * nv);
+                int code = 0;
+                const double want = e.eval(vals.data(), nv, code);
+                ASSERT_TRUE(bitsEqual(want, got[static_cast<size_t>(r)]) &&
+                            code == err[static_cast<size_t>(r)])
+                    << formula << ", row " << r << " of " << numRows << ": " << want << " code "
+                    << code << ", columns " << got[static_cast<size_t>(r)] << " code "
+                    << err[static_cast<size_t>(r)];
+            }
+        }
+    }
+    OxelExpression draws, raise;
+    ASSERT_EQ(parseXyz(draws, "x + rand()"), 1);
+    ASSERT_EQ(parseXyz(raise, "ln(-1) + x"), 1);
+    EXPECT_EQ(oxelBlockCompile(draws.root(), draws.numVars()), 0);  // row by row
+    EXPECT_EQ(oxelBlockCompile(raise.root(), raise.numVars()), 0);  // every row fails
+}

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include <immintrin.h>
+
 #include <oxel/nodes.h>
 
 namespace oxb {
@@ -211,7 +213,16 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     }
     buildColumns(*p, ir);
     p->compiled = true;
+    p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
     return p;
+}
+
+int oxelBlockCompile(Oxel* root, int numVars)
+{
+    OxelProgram* p = oxelProgramCompile(root, numVars);
+    const int made = p->block ? 1 : 0;
+    oxelProgramRelease(p);
+    return made;
 }
 
 OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars)
@@ -263,6 +274,54 @@ void runRows(OxelProgram& p, const Source& src, int numRows, double* results, in
     }
 }
 
+// The block code's tests assume rounding to nearest (overflows are infinite), and it is only
+// measured without flush to zero or denormals-are-zero (MXCSR bits 13-14, 15 and 6); a host
+// may change them at any time.
+bool plainRounding()
+{
+    return (_mm_getcsr() & 0xe040u) == 0;
+}
+
+// A block through the fused code: the rows it marks, and those past its last group of four,
+// are gathered into the front of the workspace's input columns (in place where a column is
+// there already: row k moves to k or below) and run through the instructions.
+// Codes go to err directly unless the caller promised zeros (then only failures are written).
+void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* res, int* err,
+              bool zeroed)
+{
+    uint8_t marks[kBlock / 4];
+    int redo[kBlock];
+    int codes[kBlock];
+    int count = 0;
+    const int groups = n / 4;
+    if (groups > 0 && p.block(colp, res, zeroed ? codes : err, marks, groups) != 0)
+        for (int g = 0; g < groups; ++g)
+            for (unsigned m = marks[g]; m; m &= m - 1)
+                redo[count++] = 4 * g + __builtin_ctz(m);
+    for (int r = 4 * groups; r < n; ++r)
+        redo[count++] = r;
+    if (count == 0)
+        return;
+    for (size_t c = 0; c < p.inputVars.size(); ++c) {
+        double* to = ws + c * kBlock;
+        const double* from = colp[c];
+        for (int k = 0; k < count; ++k)
+            to[k] = from[redo[k]];
+        colp[c] = to;
+    }
+    colp[p.numColumns] = ws + static_cast<size_t>(p.numColumns) * kBlock;
+    std::fill(codes, codes + count, 0);
+    oxb::Frame f{colp, codes, count};
+    for (const oxb::Insn& in : p.code)
+        in.run(in, f);
+    const double* value = colp[p.resultColumn];
+    for (int k = 0; k < count; ++k) {
+        res[redo[k]] = value[k];
+        if (codes[k] || !zeroed)
+            err[redo[k]] = codes[k];
+    }
+}
+
 // Rows [begin, end) through the program, a block at a time, in this thread's workspace.
 void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, double* results,
                  int* errors)
@@ -279,6 +338,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
     double** colp = cols.data();
     const int numInputs = static_cast<int>(p.inputVars.size());
+    const bool fused = p.block && !src.outs && oxn::enabled() && plainRounding();
     for (int start = begin; start < end; start += kBlock) {
         const int n = std::min(kBlock, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on
@@ -308,9 +368,13 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
                 col[i] = base[static_cast<size_t>(i) * static_cast<size_t>(src.stride)];
         }
         int* err = errors + start;
+        double* res = results + start;
+        if (fused) {
+            runFused(p, colp, ws.data(), n, res, err, src.errorsZeroed);
+            continue;
+        }
         if (!src.errorsZeroed)
             std::memset(err, 0, sizeof(int) * static_cast<size_t>(n));
-        double* res = results + start;
         const bool direct = p.resultInResults && full;
         colp[p.numColumns] = direct ? res : resultScratch;
         for (size_t k = 1; k < outputs; ++k)  // scratch after the result's

@@ -49,7 +49,15 @@ public:
     bool compiled = false;        // true: rows are independent, so blocks may run on several
                                   // threads; false: rows run in order, through rowProgram
     OxelPointProgram* rowProgram = nullptr;  // random draws and callbacks keep their row order
-    ~OxelProgram() { oxelPointRelease(rowProgram); }
+    ~OxelProgram()
+    {
+        oxelPointRelease(rowProgram);
+        oxn::releaseNative(blockCode);
+    }
+    // The fused block program, where native code gives one; the instructions below redo the
+    // rows it marks.
+    oxn::BlockFn block = nullptr;
+    oxn::NativeCode blockCode;
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i
     int numColumns = 0;           // input columns, then scratch columns

@@ -53,6 +53,8 @@ OXEL_API int oxelProgramSteps(Oxel* root, int numVars);
 // Same contract as OxelExpression::evalBatch.
 OXEL_API void oxelProgramRun(OxelProgram* program, const double* rows, int numRows, int stride,
                              double* results, int* errors);
+// For tests: 1 when the column batch of the tree's program runs fused block code.
+OXEL_API int oxelBlockCompile(Oxel* root, int numVars);
 // The column program of a lowered program without calls (ir.ok and !ir.hasCalls()).
 OxelProgram* oxelProgramBuild(const oxp::Program& ir, int numVars);
 // Runs a program of oxp::lowerSeveral over one array per variable: tree k's values go to

@@ -61,6 +61,21 @@ inline double runCall(const oxp::Call* c, const double* args, int* code)
     return oxp::runCall(*c, args, *code);
 }
 
+// The kinds both generators compute in registers (the block code with its own tests).
+inline bool cheapKind(Kind k)
+{
+    switch (k) {
+    case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
+    case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
+    case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
+    case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
+    case Kind::OxBetrag:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // An operand's place at one point of the code: a register or memory.
 struct Place {
     bool inReg = false;
@@ -242,19 +257,7 @@ private:
     }
 
     // The kinds inlined() computes without a call on the main path.
-    static bool inlinable(const oxp::Step& s)
-    {
-        switch (s.kind) {
-        case Kind::OxPlus: case Kind::OxMinus: case Kind::OxMal: case Kind::OxDurch:
-        case Kind::OxSqroot: case Kind::OxMin: case Kind::OxMax: case Kind::OxLess:
-        case Kind::OxGreater: case Kind::OxLessEqual: case Kind::OxGreaterEqual:
-        case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr: case Kind::OxNot:
-        case Kind::OxBetrag:
-            return true;
-        default:
-            return false;
-        }
-    }
+    static bool inlinable(const oxp::Step& s) { return cheapKind(s.kind); }
 
     bool inlined(const oxp::Step& s);
     void kernelCall(const oxp::Step& s);

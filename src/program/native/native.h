@@ -3,6 +3,8 @@
 #define OXEL_PROGRAM_NATIVE_NATIVE_H
 
 #include <atomic>
+#include <cstdint>
+#include <vector>
 
 #include <oxel/expression.h>
 
@@ -37,6 +39,19 @@ struct NativeCode {
 // Machine code for a lowered program (ir.ok); null when it cannot be had.
 PointFn compilePoint(const oxp::Program& ir, NativeCode& out);
 void releaseNative(NativeCode& code);
+
+// A fused block program of the column batch (block_jit.cpp): rows [0, 4 * groups) of the
+// input columns (columns[c] for variable inputVars[c]) through every step, four at a time,
+// values straight into results, 0 into errors. Per group of four it writes a byte to marks,
+// bit j set where row j's value cannot be vouched for (a value or an input left the range
+// where the steps give their kernels' results): those rows must be evaluated again by the
+// column program, whose values and codes are eval()'s; unmarked rows have no error. Returns
+// the marks ORed.
+using BlockFn = int (*)(const double* const* columns, double* results, int* errors,
+                        uint8_t* marks, int groups);
+// Code for a program of cheap steps only (null: none, e.g. native code off, no AVX2 and FMA,
+// a raise, a function of the C library); it assumes rounding to nearest.
+BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out);
 
 // The single-point program's native tier: the interpreter serves the first calls, and the
 // call that makes the program hot compiles it; every thread then runs the published code.

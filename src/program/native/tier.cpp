@@ -46,6 +46,11 @@ PointFn compilePoint(const oxp::Program&, NativeCode&)
     return nullptr;
 }
 
+BlockFn compileBlock(const oxp::Program&, const std::vector<int>&, NativeCode&)
+{
+    return nullptr;
+}
+
 void releaseNative(NativeCode&) {}
 #endif
 

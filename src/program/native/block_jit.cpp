@@ -1,0 +1,559 @@
+// Fused block programs for the column batch: one x86-64 loop per program that takes four rows
+// at a time through every step in ymm registers, marking the rows it cannot vouch for.
+#include "program/native/generator.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include <immintrin.h>
+
+namespace oxn {
+namespace {
+
+#define OXN_AVX2 [[gnu::target("avx2")]]
+
+// Lanes travel in registers: a 32-byte load of four 8-byte stores would wait for them.
+OXN_AVX2 inline double lane(__m256d v, int j)
+{
+    const __m128d half = j < 2 ? _mm256_castpd256_pd128(v) : _mm256_extractf128_pd(v, 1);
+    return _mm_cvtsd_f64(j % 2 ? _mm_unpackhi_pd(half, half) : half);
+}
+
+// The kernels worth a call from the loop (measured): floor and ceil, one instruction here where
+// the column loops call the C library; neither raises. A call costs some 30 cycles a group, so
+// other kernels run faster in the column instructions' loops, which keep many rows in flight.
+using Lanes = __m256d (*)(__m256d a);
+
+template <Kind K>
+OXN_AVX2 __m256d kernelLanes(__m256d a)
+{
+    constexpr oxk::UnFn F = oxk::row(K).un;
+    int code = 0;
+    const double r0 = F(lane(a, 0), code), r1 = F(lane(a, 1), code);
+    const double r2 = F(lane(a, 2), code), r3 = F(lane(a, 3), code);
+    return _mm256_set_pd(r3, r2, r1, r0);
+}
+
+Lanes lanesFor(Kind k)
+{
+    return k == Kind::OxFloor ? &kernelLanes<Kind::OxFloor>
+           : k == Kind::OxCeil ? &kernelLanes<Kind::OxCeil>
+                               : nullptr;
+}
+
+// ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
+// scratch.
+const int kValues = 11;
+
+// Bounds on magnitudes, infinite where unknown (NaN possible). A value below kSafe needs no
+// test: + - * / then give the kernel's own result (it leaves their fast range only at 2^1022).
+// A tested value that passes is below kTested; a checked input below kInput.
+const double kSafe = 0x1p1000, kTested = 0x1p512, kInput = 0x1p64;
+
+// The bound of an inline step's value from its operands' bounds, and whether it is tested.
+double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
+{
+    tested = false;
+    double r;
+    switch (k) {
+    case Kind::OxPlus:
+    case Kind::OxMinus:
+        r = a + b;
+        break;
+    case Kind::OxMal:
+        r = a * b;
+        break;
+    case Kind::OxDurch:  // a constant divisor of at least 1 cannot raise the magnitude
+        r = right.mode == Operand::Const && std::fabs(right.k) >= 1.0 ? a : __builtin_inf();
+        break;
+    case Kind::OxSqroot:  // a negative radicand
+        tested = true;
+        return std::min(std::sqrt(a), kTested);
+    case Kind::OxMin:
+    case Kind::OxMax:
+        return std::max(a, b);
+    case Kind::OxBetrag:
+        return a;
+    default:  // comparisons and connectives
+        return 1.0;
+    }
+    if (r < kSafe)
+        return r;
+    tested = true;
+    return kTested;
+}
+
+const int kMaxSlots = 1024;  // a frame of 32 KiB at most
+
+// Comparison predicates of vcmppd (ordered, quiet: NaN compares false, as in the kernels).
+const uint8_t kEqOq = 0x00, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
+              kGeOq = 0x1D, kGtOq = 0x1E;
+
+// Registers: rbx the input column pointers, rbp the results, r15 the codes, r12 the group's
+// mark byte, r13 the group's first row, r14d all marks so far; the marks of the group's calls
+// wait in the frame.
+class BlockGenerator : public Xbyak::CodeGenerator {
+public:
+    BlockGenerator(const oxp::Program& l, const std::vector<int>& column, void* buf, size_t size)
+        : Xbyak::CodeGenerator(size, buf), l_(l), column_(column)
+    {
+    }
+
+    void run();
+
+private:
+    const oxp::Program& l_;
+    const std::vector<int>& column_;  // input column of each variable slot
+    std::vector<int> reg_;
+    std::vector<bool> mem_;
+    int holder_[kValues];
+    int step_ = 0;
+    std::map<uint64_t, Xbyak::Label> pool_;
+    int endOff_ = 0, callsOff_ = 0, stackOff_ = 0;
+    bool calls_ = false;  // some step calls C++
+    const Xbyak::Ymm t0{13}, t1{14};
+    const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
+    int nextSum_ = 0;
+    std::vector<double> bound_;  // per step
+    double inputBound_ = __builtin_inf();  // kInput where the inputs are checked
+
+    double boundOf(const Operand& o) const
+    {
+        switch (o.mode) {
+        case Operand::Const:
+            return std::isnan(o.k) ? __builtin_inf() : std::fabs(o.k);
+        case Operand::Input:
+            return inputBound_;
+        case Operand::Reg:
+            break;
+        }
+        return bound_[static_cast<size_t>(o.index)];
+    }
+
+    // Tests the inline steps need, with inputs of the given bound.
+    int testsNeeded(double input)
+    {
+        inputBound_ = input;
+        int tests = 0;
+        for (size_t i = 0; i < l_.steps.size(); ++i) {
+            const oxp::Step& s = l_.steps[i];
+            bool tested = false;
+            bound_[i] = cheapKind(s.kind)
+                            ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
+                            : __builtin_inf();
+            tests += tested;
+        }
+        return tests;
+    }
+
+    Xbyak::Address constant(double v)
+    {
+        uint64_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        return yword[rip + pool_[bits]];
+    }
+    Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_[bits]]; }
+    Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
+
+    // Registers hold step values (key: the step) and inputs (key: steps + variable slot), the
+    // inputs from their first read in the group to their last, never stored.
+    std::vector<int> inputLast_;  // per variable slot: the last step that reads it
+
+    int lastUseOf(int key) const
+    {
+        const int n = static_cast<int>(l_.steps.size());
+        return key < n ? l_.lastUse[static_cast<size_t>(key)]
+                       : inputLast_[static_cast<size_t>(key - n)];
+    }
+
+    int keyOf(const Operand& o) const
+    {
+        return o.mode == Operand::Input ? static_cast<int>(l_.steps.size()) + o.index : o.index;
+    }
+
+    // Inputs are read from the caller's column through base, into a register not in avoid
+    // where they are read again.
+    Place place(const Operand& o, const Xbyak::Reg64& base, unsigned avoid = 0,
+                 bool keep = false)
+    {
+        if (o.mode == Operand::Const)
+            return Place{false, -1, constant(o.k)};
+        const int key = keyOf(o);
+        const int r = reg_[static_cast<size_t>(key)];
+        if (r >= 0)
+            return Place{true, r, yword[rsp]};
+        if (o.mode == Operand::Reg)
+            return Place{false, -1, home(o.index)};
+        mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
+        if (!keep || lastUseOf(key) <= step_)
+            return Place{false, -1, yword[base + r13 * 8]};
+        const int into = pick(avoid);
+        vmovupd(Xbyak::Ymm(into), yword[base + r13 * 8]);
+        holder_[into] = key;
+        reg_[static_cast<size_t>(key)] = into;
+        return Place{true, into, yword[rsp]};
+    }
+
+    void drop(int r)
+    {
+        reg_[static_cast<size_t>(holder_[r])] = -1;
+        holder_[r] = -1;
+    }
+
+    void spill(int r)
+    {
+        const int v = holder_[r];
+        if (v < static_cast<int>(l_.steps.size()) && !mem_[static_cast<size_t>(v)]) {
+            vmovupd(home(v), Xbyak::Ymm(r));
+            mem_[static_cast<size_t>(v)] = true;
+        }
+        drop(r);
+    }
+
+    // A free register, or the one whose value is read last goes to its slot.
+    int pick(unsigned avoid)
+    {
+        int victim = -1;
+        for (int r = 0; r < kValues; ++r) {
+            if (avoid & (1u << r))
+                continue;
+            if (holder_[r] < 0)
+                return r;
+            if (victim < 0 || lastUseOf(holder_[r]) > lastUseOf(holder_[victim]))
+                victim = r;
+        }
+        spill(victim);
+        return victim;
+    }
+
+    void define(int r)
+    {
+        forEachOperand(l_, l_.steps[static_cast<size_t>(step_)], [&](const Operand& o) {
+            if (o.mode == Operand::Const || lastUseOf(keyOf(o)) > step_)
+                return;
+            const int held = reg_[static_cast<size_t>(keyOf(o))];
+            if (held >= 0)
+                drop(held);
+        });
+        if (l_.lastUse[static_cast<size_t>(step_)] < 0)
+            return;
+        holder_[r] = step_;
+        reg_[static_cast<size_t>(step_)] = r;
+        mem_[static_cast<size_t>(step_)] = false;
+    }
+
+    // Before a call every ymm register is lost: live values go to their slots.
+    void spillAll()
+    {
+        for (int r = 0; r < kValues; ++r) {
+            if (holder_[r] < 0)
+                continue;
+            if (lastUseOf(holder_[r]) > step_)
+                spill(r);
+            else
+                drop(r);
+        }
+    }
+
+    // The result test: every tested value's square is added to one of three sums (three, so
+    // that the additions do not wait for each other). A sum is infinite or NaN where some
+    // value was NaN or of magnitude 2^512 or more, which covers every lane whose result
+    // leaves the kernels' fast range (below 2^1022, see kResultLimitBits); larger values below
+    // 2^1022 are merely redone.
+    void testValue(const Xbyak::Ymm& v)
+    {
+        vfmadd231pd(sums_[nextSum_], v, v);
+        nextSum_ = (nextSum_ + 1) % 3;
+    }
+
+    void clearSums()
+    {
+        for (const Xbyak::Ymm& y : sums_)
+            vxorpd(y, y, y);
+    }
+
+    // The lanes whose sums failed, as bits in eax.
+    void failedLanes(const Xbyak::Ymm& temp)
+    {
+        vaddpd(temp, sums_[0], sums_[1]);
+        vaddpd(temp, temp, sums_[2]);
+        vcmppd(temp, temp, constant(__builtin_inf()), kNltUq);
+        vmovmskpd(eax, temp);
+    }
+
+    bool inlined(const oxp::Step& s);
+    void callStep(const oxp::Step& s);
+};
+
+// The kinds computed in the registers. + - * / and sqrt mark the lanes whose result leaves
+// the kernels' fast range (the point code's tests: see kResultLimitBits); the rest cannot fail.
+bool BlockGenerator::inlined(const oxp::Step& s)
+{
+    const Kind k = s.kind;
+    if (!cheapKind(k))
+        return false;
+    const bool un = oxk::row(k).un != nullptr;
+    const Place a = place(s.a, rax, 0, true);
+    const Place b = un ? Place{} : place(s.b, r10, a.inReg ? 1u << a.reg : 0u, true);
+    const unsigned ops = (a.inReg ? 1u << a.reg : 0u) | (b.inReg ? 1u << b.reg : 0u);
+    const int dst = pick(ops);
+    const Xbyak::Ymm d(dst), ya(a.inReg ? a.reg : 0), yb(b.inReg ? b.reg : 0);
+    const Xbyak::Operand& aop = a.inReg ? static_cast<const Xbyak::Operand&>(ya) : a.mem;
+    const Xbyak::Operand& bop = b.inReg ? static_cast<const Xbyak::Operand&>(yb) : b.mem;
+    // The first source of a VEX operation is a register.
+    auto first = [&]() -> Xbyak::Ymm {
+        if (a.inReg)
+            return ya;
+        vmovupd(d, a.mem);
+        return d;
+    };
+    bool tested = false;
+    bound_[static_cast<size_t>(step_)] = stepBound(k, boundOf(s.a), boundOf(s.b), s.b, tested);
+    switch (k) {
+    case Kind::OxPlus:
+    case Kind::OxMinus:
+    case Kind::OxMal:
+    case Kind::OxDurch: {
+        const Xbyak::Ymm x = first();
+        if (k == Kind::OxPlus)
+            vaddpd(d, x, bop);
+        else if (k == Kind::OxMinus)
+            vsubpd(d, x, bop);
+        else if (k == Kind::OxMal)
+            vmulpd(d, x, bop);
+        else
+            vdivpd(d, x, bop);
+        if (tested)
+            testValue(d);
+        break;
+    }
+    case Kind::OxSqroot:
+        vsqrtpd(d, aop);
+        testValue(d);  // NaN: a negative or NaN radicand
+        break;
+    case Kind::OxMin:
+        vminpd(d, first(), bop);  // a < b ? a : b, NaN and signed zeros included
+        break;
+    case Kind::OxMax:
+        vmaxpd(d, first(), bop);
+        break;
+    case Kind::OxLess: case Kind::OxGreater: case Kind::OxLessEqual:
+    case Kind::OxGreaterEqual: case Kind::OxEqual: {
+        const uint8_t pred = k == Kind::OxLess ? kLtOq
+                             : k == Kind::OxGreater ? kGtOq
+                             : k == Kind::OxLessEqual ? kLeOq
+                             : k == Kind::OxGreaterEqual ? kGeOq
+                                                        : kEqOq;
+        vcmppd(d, first(), bop, pred);
+        vandpd(d, d, constant(1.0));
+        break;
+    }
+    case Kind::OxAnd:
+    case Kind::OxOr:
+        vmovupd(t0, constant(1e-8));
+        vcmppd(t0, t0, aop, kLtOq);
+        vmovupd(t1, constant(1e-8));
+        vcmppd(t1, t1, bop, kLtOq);
+        if (k == Kind::OxAnd)
+            vandpd(d, t0, t1);
+        else
+            vorpd(d, t0, t1);
+        vandpd(d, d, constant(1.0));
+        break;
+    case Kind::OxNot:
+        vcmppd(d, first(), constant(1e-8), kLtOq);
+        vandpd(d, d, constant(1.0));
+        break;
+    default:  // OxBetrag
+        vandpd(d, first(), constantBits(0x7FFFFFFFFFFFFFFFull));
+        break;
+    }
+    define(dst);
+    return true;
+}
+
+// floor or ceil (see lanesFor): a call, every live value in the frame meanwhile.
+void BlockGenerator::callStep(const oxp::Step& s)
+{
+    bound_[static_cast<size_t>(step_)] = __builtin_inf();
+    // The operand to a scratch register before the spills: a value read last here is not
+    // stored.
+    const Place a = place(s.a, rax);
+    if (a.inReg)
+        vmovapd(t0, Xbyak::Ymm(a.reg));
+    else
+        vmovupd(t0, a.mem);
+    spillAll();
+    failedLanes(ymm1);
+    or_(dword[rsp + callsOff_], eax);
+    vmovapd(ymm0, t0);
+    mov(rax, reinterpret_cast<uint64_t>(lanesFor(s.kind)));
+    call(rax);
+    clearSums();
+    define(0);
+}
+
+// int fn(columns, results, errors, marks, groups): see BlockFn.
+void BlockGenerator::run()
+{
+    const size_t n = l_.steps.size();
+    reg_.assign(n + column_.size(), -1);
+    inputLast_.assign(column_.size(), -1);
+    for (size_t i = 0; i < n; ++i)
+        forEachOperand(l_, l_.steps[i], [&](const Operand& o) {
+            if (o.mode == Operand::Input)
+                inputLast_[static_cast<size_t>(o.index)] = static_cast<int>(i);
+        });
+    mem_.assign(n, false);
+    for (int& h : holder_)
+        h = -1;
+    endOff_ = 32 * l_.numSlots;
+    callsOff_ = endOff_ + 8;  // the group's marks from before its calls
+    stackOff_ = callsOff_ + 8;
+    for (size_t i = 0; i < n; ++i)
+        calls_ = calls_ || !cheapKind(l_.steps[i].kind);
+    // Inputs are checked (two operations each) where that spares more tests than it costs.
+    bound_.assign(n, __builtin_inf());
+    const int unchecked = testsNeeded(__builtin_inf());
+    const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
+    inputBound_ = check ? kInput : __builtin_inf();
+    const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
+
+    push(rbx);
+    push(rbp);
+    push(r12);
+    push(r13);
+    push(r14);
+    push(r15);
+    mov(rax, rsp);
+    // Touched every 2 KiB on the way down: the frame never jumps over a stack's guard page.
+    for (int rest = frame; rest > 0; rest -= 2048) {
+        sub(rsp, std::min(rest, 2048));
+        or_(qword[rsp], 0);
+    }
+    and_(rsp, -32);
+    mov(qword[rsp + stackOff_], rax);
+    mov(rbx, rdi);
+    mov(rbp, rsi);
+    mov(r15, rdx);
+    mov(r12, rcx);
+    movsxd(rax, r8d);
+    shl(rax, 2);
+    mov(qword[rsp + endOff_], rax);
+    xor_(r13d, r13d);
+    xor_(r14d, r14d);
+    Xbyak::Label loop, done;
+    test(rax, rax);
+    jle(done, T_NEAR);
+    L(loop);
+    clearSums();
+    // x^2 2^896 overflows from |x| = 2^64 on, and NaN stays NaN.
+    for (size_t v = 0; check && v < column_.size(); ++v) {
+        if (column_[v] < 0)
+            continue;
+        mov(rax, qword[rbx + 8 * column_[v]]);
+        vmovupd(t0, yword[rax + r13 * 8]);
+        vmulpd(t1, t0, constant(0x1p896));
+        vfmadd231pd(sums_[nextSum_], t1, t0);
+        nextSum_ = (nextSum_ + 1) % 3;
+    }
+    if (calls_)
+        mov(dword[rsp + callsOff_], 0);
+    for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
+        const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
+        if (!inlined(s))
+            callStep(s);
+    }
+    const Place r = place(l_.result, rax);
+    if (r.inReg) {
+        vmovupd(yword[rbp + r13 * 8], Xbyak::Ymm(r.reg));
+    } else {
+        vmovupd(t0, r.mem);
+        vmovupd(yword[rbp + r13 * 8], t0);
+    }
+    const Xbyak::Xmm zero(t0.getIdx());
+    vxorpd(zero, zero, zero);
+    vmovupd(xword[r15 + r13 * 4], zero);
+    failedLanes(t0);
+    if (calls_)
+        or_(eax, dword[rsp + callsOff_]);
+    mov(byte[r12], al);
+    or_(r14d, eax);
+    add(r12, 1);
+    add(r13, 4);
+    cmp(r13, qword[rsp + endOff_]);
+    jb(loop, T_NEAR);
+    L(done);
+    mov(eax, r14d);
+    mov(rsp, qword[rsp + stackOff_]);
+    vzeroupper();
+    pop(r15);
+    pop(r14);
+    pop(r13);
+    pop(r12);
+    pop(rbp);
+    pop(rbx);
+    ret();
+    align(32);
+    for (auto& c : pool_) {
+        L(c.second);
+        for (int j = 0; j < 4; ++j)
+            dq(c.first);
+    }
+}
+
+// AVX2 and FMA, and OXEL_BLOCK_JIT not "0": the column instructions alone then
+// serve, as before the block code existed (for measurements and as a way out).
+bool blockCodeOn()
+{
+    static const bool on = [] {
+        const char* v = std::getenv("OXEL_BLOCK_JIT");
+        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+               !(v && std::strcmp(v, "0") == 0);
+    }();
+    return on;
+}
+
+// Programs the loop serves: no calls (draws and callbacks keep their row order), no raise (it
+// would mark every row), a value computed by a step, every step inline or floor or ceil, and
+// more than one step (a lone step's column loop is as fused already, and a little faster).
+bool fits(const oxp::Program& l)
+{
+    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.size() < 2 ||
+        static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
+        return false;
+    for (const oxp::Step& s : l.steps)
+        if (!cheapKind(s.kind) && !lanesFor(s.kind))
+            return false;
+    return true;
+}
+
+}  // namespace
+
+BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out)
+{
+    if (!enabled() || !blockCodeOn() || !fits(ir))
+        return nullptr;
+    std::vector<int> column(ir.inputRead.size(), -1);
+    for (size_t c = 0; c < inputVars.size(); ++c)
+        column[static_cast<size_t>(inputVars[c])] = static_cast<int>(c);
+    // Bounds per step: a call with its spills (about 250 bytes) or an inline step (about 60),
+    // and two constants of 32 bytes.
+    const size_t size = 4096 + 384 * ir.steps.size();
+    std::vector<uint64_t> buf(size / 8 + 8);
+    uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
+    start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;
+    try {
+        BlockGenerator g(ir, column, start, size);
+        g.run();
+        if (!arenaPlace(g.getCode(), g.getSize(), out.block))
+            return nullptr;
+    } catch (const Xbyak::Error&) {
+        return nullptr;
+    }
+    return reinterpret_cast<BlockFn>(out.block.exec);
+}
+
+}  // namespace oxn
