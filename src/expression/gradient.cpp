@@ -9,6 +9,7 @@
 
 #include <oxel/core.h>
 
+#include "algebra/dag.h"
 #include "core/deep.h"
 #include "nodes/kinds.h"
 #include "nodes/vector_kernels.h"
@@ -111,6 +112,8 @@ bool anySet(const int* flags, int numRows)
 }  // namespace
 
 struct OxelGradient::Impl {
+    // The cells that the derivatives' stand-ins read, when they share (destroyed after them).
+    std::unique_ptr<oxd::Graph> graph;
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
     OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
@@ -282,6 +285,47 @@ int OxelGradient::evalBatchColumns(
     return 0;
 }
 
+// The derivatives, appended to exprs (which holds the value), as stand-ins of one shared graph
+// (oxd::Graph, returned): exactly the trees of partialWithin, in size linear in the formula
+// where those grow with its square. Null, with exprs as they were, where the graph does not
+// represent the formula or refuses anything: the trees then give the same refusal.
+std::unique_ptr<oxd::Graph> OxelExpression::sharedPartials(
+    std::vector<std::unique_ptr<OxelExpression>>& exprs, const std::vector<std::string>& names,
+    int order) const
+{
+    std::vector<std::string> vars;  // aliases resolved
+    for (const std::string& name : names) {
+        const int index = varIndex(name.c_str());
+        if (index < 0)
+            return nullptr;
+        vars.push_back(varName(static_cast<unsigned>(index)));
+    }
+    if (!oxd::Graph::represents(root_))
+        return nullptr;
+    std::unique_ptr<oxd::Graph> graph(new oxd::Graph(vars));
+    Oxel* copy = nullptr;
+    oxs::withStackFor(oxelDepth(root_), [&] { copy = root_->dup(); });
+    const std::unique_ptr<Oxel, void (*)(Oxel*)> f(graph->take(copy), &oxelDestroy);
+    long nodes = oxelNodeBudget();  // shared by every output
+    const int n = static_cast<int>(vars.size());
+    auto add = [&](Oxel* of, int var) {
+        Oxel* d = graph->partial(of, var, &nodes);
+        exprs.emplace_back(d ? withSameNames(d) : nullptr);
+        return exprs.back() != nullptr;
+    };
+    bool formed = true;
+    for (int v = 0; v < n && formed; ++v)
+        formed = add(f.get(), v);
+    for (int i = 0; order == 2 && i < n && formed; ++i)
+        for (int j = i; j < n && formed; ++j)
+            formed = add(exprs[static_cast<size_t>(1 + i)]->root(), j);
+    if (!formed) {
+        exprs.resize(1);  // before the graph their stand-ins read
+        return nullptr;
+    }
+    return graph;
+}
+
 std::unique_ptr<OxelGradient> OxelExpression::gradient(
     const std::vector<std::string>& names, int order, std::string* why)
 {
@@ -299,19 +343,23 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(
         copy = copyKeepingAssignments(root_, above);
     });
     g->exprs.emplace_back(withSameNames(copy));
-    long nodes = oxelNodeBudget();  // shared by every output
-    for (const std::string& name : names) {
-        g->exprs.emplace_back(partialWithin(name.c_str(), &nodes, why));
-        if (!g->exprs.back())
-            return nullptr;
-    }
-    const size_t n = names.size();
-    for (size_t i = 0; order == 2 && i < n; ++i)
-        for (size_t j = i; j < n; ++j) {
-            g->exprs.emplace_back(g->exprs[1 + i]->partialWithin(names[j].c_str(), &nodes, why));
+    g->graph = sharedPartials(g->exprs, names, order);
+    if (!g->graph) {
+        long nodes = oxelNodeBudget();  // shared by every output
+        for (const std::string& name : names) {
+            g->exprs.emplace_back(partialWithin(name.c_str(), &nodes, why));
             if (!g->exprs.back())
                 return nullptr;
         }
+        const size_t n = names.size();
+        for (size_t i = 0; order == 2 && i < n; ++i)
+            for (size_t j = i; j < n; ++j) {
+                g->exprs.emplace_back(
+                    g->exprs[1 + i]->partialWithin(names[j].c_str(), &nodes, why));
+                if (!g->exprs.back())
+                    return nullptr;
+            }
+    }
     std::vector<Oxel*> roots;
     for (const auto& e : g->exprs) {
         if (!e)
