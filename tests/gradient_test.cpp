@@ -192,9 +192,9 @@ TEST(Gradient, FailureInOnePartialOnly)
 }
 
 // Nested chains, whose separate derivative trees repeat every inner level (at these depths
-// they still fit the node budget), where the gradient shares its sub-trees: the separate
-// trees' bits and codes, at points that fail too (each output then runs by itself), and
-// the same refusals.
+// they still fit the node budget), where the gradient shares its sub-trees, and a wide sum:
+// the separate trees' bits and codes, at points that fail too (each output then runs by
+// itself), and the same refusals.
 TEST(Gradient, DeepChainsMatchSeparateDerivatives)
 {
     struct Chain {
@@ -212,7 +212,7 @@ TEST(Gradient, DeepChainsMatchSeparateDerivatives)
         { "y/(x+", 30 },  // quotients: the divisor first
         { "max(x, y*", 8 },  // comparisons, which refuse the second derivative
     };
-    std::mt19937 rng(5);
+    std::vector<std::string> texts;
     for (const Chain& c : chains) {
         std::string text;
         for (int i = 0; i < c.depth; ++i)
@@ -220,6 +220,15 @@ TEST(Gradient, DeepChainsMatchSeparateDerivatives)
         text += "x";
         for (int i = 0; i < c.depth; ++i)
             text += std::string(c.open) == "pow(" ? ", 2)" : ")";
+        texts.push_back(text);
+    }
+    // The 5000 products, which the derivatives read again, stay alive: a program that wide
+    // runs its points by the step interpreter.
+    texts.push_back("0");
+    for (int i = 1; i <= 5000; ++i)
+        texts.back() += "+sin(x*" + std::to_string(i) + ")";
+    std::mt19937 rng(5);
+    for (const std::string& text : texts) {
         OxelExpression e;
         declare(e);
         ASSERT_EQ(e.initFromString(text.c_str()), 1) << text;

@@ -21,6 +21,11 @@ namespace {
 // Values of one point up to this many (variables plus outputs) stay on the stack.
 const int kStackSlots = 64;
 
+// Points of a program with more slots than this run by the step interpreter (a double per
+// step) instead of through one row of the column program, whose workspace holds a block of
+// rows per slot: 2 KB each, a gigabyte for the Hessian of a chain nested 100000 deep.
+const int kColumnPointSlots = 4096;
+
 // Marks the nodes above an assignment (a bound variable); true when n is one of them.
 bool markAssignments(Oxel* n, std::unordered_set<const Oxel*>& above)
 {
@@ -116,7 +121,9 @@ struct OxelGradient::Impl {
     std::unique_ptr<oxd::Graph> graph;
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
-    OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
+    // The shared program (too wide for registers: the step interpreter serves it), or null:
+    // points by columns.
+    OxelPointProgram* point = nullptr;
     // Its machine code once published, kept here so that a point costs one load and a call.
     mutable std::atomic<OxelSeveralFn> native{nullptr};
     OxelProgram* columns = nullptr;  // its column form, or null: rows through point
@@ -155,8 +162,9 @@ struct OxelGradient::Impl {
         return true;
     }
 
-    // The shared program at one point without machine code: the interpreter, or one row of
-    // the column program when too wide for it. Tree k's value goes to out[k]; false when
+    // The shared program at one point without machine code: the interpreter (the step
+    // interpreter when very wide), or one row of the column program when too wide for the
+    // interpreter's registers. Tree k's value goes to out[k]; false when
     // anything failed, else the codes are cleared.
     __attribute__((noinline)) bool interpreted(const double* values, double* out,
                                                int* codes) const
@@ -369,7 +377,7 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(
     const oxp::Program ir = oxp::lowerSeveral(roots, g->numVars, true);
     if (ir.ok) {
         g->point = oxelPointBuild(ir);
-        if (!oxelPointBuilt(*g->point)) {
+        if (!oxelPointBuilt(*g->point) && ir.numSlots <= kColumnPointSlots) {
             oxelPointRelease(g->point);
             g->point = nullptr;
         }
