@@ -121,8 +121,8 @@ struct OxelGradient::Impl {
     std::unique_ptr<oxd::Graph> graph;
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
-    // The shared program (too wide for registers: the step interpreter serves it), or null:
-    // points by columns.
+    // The shared program (one too wide for registers only when wider than kColumnPointSlots:
+    // the step interpreter runs it), or null: points by columns.
     OxelPointProgram* point = nullptr;
     // Its machine code once published, kept here so that a point costs one load and a call.
     mutable std::atomic<OxelSeveralFn> native{nullptr};
