@@ -30,6 +30,7 @@ struct Cell {
     int pconst;      // node->pconstant() of that question's variable
     std::vector<std::pair<int, Oxel*>> diffs;  // variable and derivative (a leaf or stand-in)
 };
+
 // The partial derivatives by a few variables (resolved names) of one tree, and of those
 // derivatives again, built by the derivative rules themselves, each rule applied to one cell
 // with stand-ins for its operands: the derivative of an operand is taken once per variable and
@@ -52,13 +53,16 @@ public:
     Oxel* take(Oxel* tree);
 
     // The partial derivative of what `of` spells out (a leaf or stand-in of this graph) by
-    // variable var, within *nodes of the node budget (what it builds is taken from it): a new
-    // leaf or stand-in, or null when the tree path would refuse or exceed the budget.
+    // variable var, within *nodes of the node budget (its copies are taken from it): a new
+    // leaf or stand-in, or null where a rule refuses or the copies exceed the budget (the
+    // trees then tell why).
     Oxel* partial(Oxel* of, int var, long* nodes);
 
     // Index of a variable name of the graph, -1 for others.
     int indexOf(const char* var) const;
     const char* name(int var) const { return vars_[static_cast<size_t>(var)].c_str(); }
+    // What a stand-in for c answers: its derivative by var (taken once, a copy each time) or
+    // null, and whether it is independent of var.
     Oxel* derivative(Cell* c, int var);
     int pconstant(Cell* c, int var);
 
