@@ -15,6 +15,7 @@
 #include <oxel/oxel.h>
 #include <oxel/oxel_c.h>
 
+#include "algebra/dag.h"
 #include "node_probe.h"
 
 namespace {
@@ -94,6 +95,13 @@ std::string compare(OxelExpression& e, const OxelGradient& g,
     return "";
 }
 
+// While one lives, gradients build their derivatives in the shared graph even where the trees
+// fit, so that the differential tests compare the two on formulas of any size.
+struct SharingFirst {
+    explicit SharingFirst(bool on = true) { oxd::setSharingFirst(on); }
+    ~SharingFirst() { oxd::setSharingFirst(false); }
+};
+
 void declare(OxelExpression& e)
 {
     for (const char* name : { "x", "y", "z" })
@@ -118,8 +126,9 @@ std::vector<double> points(std::mt19937& rng, int nv)
 
 }  // namespace
 
-// Random formulas of the whole language by variables and an alias, to first and second order:
-// null exactly where a separate derivative is null, otherwise the separate bits and codes.
+// Random formulas of the whole language by variables and an alias, to first and second order,
+// from trees and from the shared graph: null exactly where a separate derivative is null,
+// otherwise the separate bits and codes.
 TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
 {
     std::mt19937 rng(77);
@@ -137,22 +146,26 @@ TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
                                                      : std::vector<std::string> { "z", "x", "y" };
         for (int order = 1; order <= 2; ++order) {
             const auto sep = separate(e, names, order);
-            const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
-            ASSERT_EQ(sep.empty(), g == nullptr) << text;
-            if (!g)
-                continue;
-            EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
-                << text << " order " << order;
-            ++compared;
+            for (bool shared : { false, true }) {
+                const SharingFirst sharing(shared);
+                const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
+                ASSERT_EQ(sep.empty(), g == nullptr) << text;
+                if (!g)
+                    continue;
+                EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
+                    << text << " order " << order << (shared ? " shared" : "");
+                ++compared;
+            }
         }
     }
-    EXPECT_GT(compared, 150);
+    EXPECT_GT(compared, 300);
 }
 
 // A failure in one partial only: the other outputs keep code 0, at points and in columns
 // (whose other rows take the shared program).
 TEST(Gradient, FailureInOnePartialOnly)
 {
+    const SharingFirst sharing;
     const char* const formulas[] = {
         "sqrt(x) * y",  // d/dx divides by 2*sqrt(0): only d/dx fails at x = 0
         "x * ln(y)",  // d/dy is x / y: fails at y = 0 with the value
@@ -228,6 +241,7 @@ TEST(Gradient, DeepChainsMatchSeparateDerivatives)
     for (int i = 1; i <= 5000; ++i)
         texts.back() += "+sin(x*" + std::to_string(i) + ")";
     std::mt19937 rng(5);
+    const SharingFirst sharing;
     for (const std::string& text : texts) {
         OxelExpression e;
         declare(e);

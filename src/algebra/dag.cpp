@@ -2,6 +2,7 @@
 #include "algebra/dag.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include <oxel/nodes.h>
@@ -179,6 +180,13 @@ Oxel* Graph::partial(Oxel* of, int var, long* nodes)
     }
     return d;
 }
+
+namespace {
+std::atomic<bool> graphFirst{false};
+}  // namespace
+
+void setSharingFirst(bool on) { graphFirst.store(on, std::memory_order_relaxed); }
+bool sharingFirst() { return graphFirst.load(std::memory_order_relaxed); }
 
 }  // namespace oxd
 

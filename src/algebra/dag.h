@@ -76,6 +76,12 @@ private:
     long question_ = 0;  // their number, new for each variable asked in turn
 };
 
+// Whether gradients build their derivatives in the graph first rather than where the trees
+// exceed the node budget; for tests that compare the graph with the trees on formulas of any
+// size (exported, though not part of the public headers). Process-wide, off by default.
+OXEL_API void setSharingFirst(bool on);
+bool sharingFirst();
+
 }  // namespace oxd
 
 #endif
