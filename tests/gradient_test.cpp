@@ -15,6 +15,7 @@
 #include <oxel/oxel.h>
 #include <oxel/oxel_c.h>
 
+#include "algebra/dag.h"
 #include "node_probe.h"
 
 namespace {
@@ -94,6 +95,13 @@ std::string compare(OxelExpression& e, const OxelGradient& g,
     return "";
 }
 
+// While one lives, gradients build their derivatives in the shared graph even where the trees
+// fit, so that the differential tests compare the two on formulas of any size.
+struct SharingFirst {
+    explicit SharingFirst(bool on = true) { oxd::setSharingFirst(on); }
+    ~SharingFirst() { oxd::setSharingFirst(false); }
+};
+
 void declare(OxelExpression& e)
 {
     for (const char* name : { "x", "y", "z" })
@@ -118,8 +126,9 @@ std::vector<double> points(std::mt19937& rng, int nv)
 
 }  // namespace
 
-// Random formulas of the whole language by variables and an alias, to first and second order:
-// null exactly where a separate derivative is null, otherwise the separate bits and codes.
+// Random formulas of the whole language by variables and an alias, to first and second order,
+// from trees and from the shared graph: null exactly where a separate derivative is null,
+// otherwise the separate bits and codes.
 TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
 {
     std::mt19937 rng(77);
@@ -137,22 +146,26 @@ TEST(Gradient, RandomFormulasMatchSeparateDerivatives)
                                                      : std::vector<std::string> { "z", "x", "y" };
         for (int order = 1; order <= 2; ++order) {
             const auto sep = separate(e, names, order);
-            const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
-            ASSERT_EQ(sep.empty(), g == nullptr) << text;
-            if (!g)
-                continue;
-            EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
-                << text << " order " << order;
-            ++compared;
+            for (bool shared : { false, true }) {
+                const SharingFirst sharing(shared);
+                const std::unique_ptr<OxelGradient> g = e.gradient(names, order);
+                ASSERT_EQ(sep.empty(), g == nullptr) << text;
+                if (!g)
+                    continue;
+                EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
+                    << text << " order " << order << (shared ? " shared" : "");
+                ++compared;
+            }
         }
     }
-    EXPECT_GT(compared, 150);
+    EXPECT_GT(compared, 300);
 }
 
 // A failure in one partial only: the other outputs keep code 0, at points and in columns
 // (whose other rows take the shared program).
 TEST(Gradient, FailureInOnePartialOnly)
 {
+    const SharingFirst sharing;
     const char* const formulas[] = {
         "sqrt(x) * y",  // d/dx divides by 2*sqrt(0): only d/dx fails at x = 0
         "x * ln(y)",  // d/dy is x / y: fails at y = 0 with the value
@@ -189,6 +202,103 @@ TEST(Gradient, FailureInOnePartialOnly)
     EXPECT_EQ(codes[0], 0);
     EXPECT_NE(codes[1], 0);
     EXPECT_EQ(codes[2], 0);
+}
+
+// Nested chains, whose separate derivative trees repeat every inner level (at these depths
+// they still fit the node budget), where the gradient shares its sub-trees, and a wide sum:
+// the separate trees' bits and codes, at points that fail too (each output then runs by
+// itself), and the same refusals.
+TEST(Gradient, DeepChainsMatchSeparateDerivatives)
+{
+    struct Chain {
+        const char* open;
+        int depth;
+    };
+    const Chain chains[] = {
+        { "exp(", 40 },
+        { "sin(", 40 },
+        { "y*exp(x*", 25 },  // products with both variables at every level
+        { "pow(x, y*", 12 },  // variable exponents: the power rule's sum of both terms
+        { "pow(", 12 },  // pow(pow(... x, 2), 2): a constant exponent, u' folded out when 1
+        { "expm1(y+", 6 },  // copies its operand's derivative
+        { "atan2(y, x*", 6 },  // copies both operands' derivatives
+        { "y/(x+", 30 },  // quotients: the divisor first
+        { "max(x, y*", 8 },  // comparisons, which refuse the second derivative
+    };
+    std::vector<std::string> texts;
+    for (const Chain& c : chains) {
+        std::string text;
+        for (int i = 0; i < c.depth; ++i)
+            text += c.open;
+        text += "x";
+        for (int i = 0; i < c.depth; ++i)
+            text += std::string(c.open) == "pow(" ? ", 2)" : ")";
+        texts.push_back(text);
+    }
+    // The 5000 products, which the derivatives read again, stay alive: a program that wide
+    // runs its points by the step interpreter.
+    texts.push_back("0");
+    for (int i = 1; i <= 5000; ++i)
+        texts.back() += "+sin(x*" + std::to_string(i) + ")";
+    std::mt19937 rng(5);
+    const SharingFirst sharing;
+    for (const std::string& text : texts) {
+        OxelExpression e;
+        declare(e);
+        ASSERT_EQ(e.initFromString(text.c_str()), 1) << text;
+        const std::vector<std::string> names { "x", "w" };
+        for (int order = 1; order <= 2; ++order) {
+            const auto sep = separate(e, names, order);
+            const auto g = e.gradient(names, order);
+            ASSERT_EQ(sep.empty(), g == nullptr) << text;
+            ASSERT_TRUE(g || order == 2) << text;
+            if (g) {
+                EXPECT_EQ(compare(e, *g, sep, points(rng, e.numVars())), "")
+                    << text << " order " << order;
+            }
+        }
+    }
+}
+
+// A Hessian whose derivative trees exceed the node budget many times over (the first
+// derivative alone holds about depth^2/2 nodes) is formed from shared sub-trees: sin nested
+// 3000 deep against the chain rule's recurrence s' = cos(u) u', s'' = cos(u) u'' - sin(u) u'^2;
+// exp nested as deep overflows from its fifth level on, in every output.
+TEST(Gradient, HessianOfChainPastTheTreeBudget)
+{
+    const int depth = 3000;
+    for (const char* f : { "sin(", "exp(" }) {
+        std::string text;
+        for (int i = 0; i < depth; ++i)
+            text += f;
+        text += "x" + std::string(depth, ')');
+        OxelExpression e;
+        e.addVar("x");
+        ASSERT_EQ(e.initFromString(text.c_str()), 1);
+        EXPECT_FALSE(std::unique_ptr<OxelExpression>(e.partial("x"))) << f;
+        const auto g = e.gradient({ "x" }, 2);
+        ASSERT_TRUE(g) << f;
+        double u = 0.5, du = 1.0, ddu = 0.0;
+        for (int i = 0; i < depth; ++i) {
+            ddu = std::cos(u) * ddu - std::sin(u) * du * du;
+            du = std::cos(u) * du;
+            u = std::sin(u);
+        }
+        double out[3];
+        int codes[3];
+        const double at[] = { 0.5 };
+        g->eval(at, out, codes);
+        if (f[0] == 'e') {
+            for (int code : codes)
+                EXPECT_EQ(code, OX_ERR_OVERFLOW);
+            continue;
+        }
+        const double want[] = { u, du, ddu };
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(codes[k], 0);
+            EXPECT_NEAR(out[k], want[k], 1e-9 * std::fabs(want[k])) << k;
+        }
+    }
 }
 
 // The column program takes the sine and the cosine of one argument from one sincos: the same
@@ -318,6 +428,9 @@ TEST(Gradient, ThreadsShareOneGradient)
 // arguments are refused.
 TEST(Gradient, NullCasesAndBadArguments)
 {
+    std::string chain25 = "x";
+    for (int i = 0; i < 25; ++i)
+        chain25 = "exp(" + chain25 + ")";
     const struct {
         const char* formula;
         std::vector<std::string> names;
@@ -331,7 +444,9 @@ TEST(Gradient, NullCasesAndBadArguments)
         { "x * y", { "x" }, 0, "order" },
         { "floor(x) + y", { "y", "x" }, 2, "by 'x'" },  // only the second derivative refuses
         { "y + (x < y)", { "x" }, 1, "'x < y' has no derivative" },  // no rule, nothing printed
-        { "exp(exp(exp(exp(x))))", { "x" }, 2, "node budget (40," },  // 9 + 39 + 92 + ... nodes
+        // Even shared, each level of the derivative copies its exp node (2 nodes with its
+        // operand, which stays shared): 50 of them.
+        { chain25.c_str(), { "x" }, 2, "node budget (40," },
     };
     int messages = 0;
     oxelSetMessageHandler([](int, const char*, void* count) { ++*static_cast<int*>(count); },

@@ -13,6 +13,9 @@
 class OxelProgram;
 class OxelPointProgram;
 class OxelGradient;
+namespace oxd {
+class Graph;
+}
 
 namespace oxel_detail {
 // Whether eval may run machine code (see oxelSetNativeCode). Not for hosts: it lives here only
@@ -137,6 +140,9 @@ public:
 private:
     OxelExpression* withSameNames(Oxel* tree) const;
     OxelExpression* partialWithin(const char* var, long* nodes, std::string* why) const;
+    std::unique_ptr<oxd::Graph> sharedPartials(std::vector<std::unique_ptr<OxelExpression>>& exprs,
+                                               const std::vector<std::string>& names,
+                                               int order) const;
     void installTree(Oxel* tree);
     void dropProgram();
     OxelProgram* batchProgram() const;

@@ -216,29 +216,6 @@ thread_local long oxd::budget = oxd::kUnbounded;
 
 namespace {
 
-// The derivative state of this thread for one bounded derivative, restored afterwards.
-class Bounded {
-public:
-    Bounded(long maxNodes, bool partial)
-        : budget_(oxd::budget), partial_(oxd::partial), missing_(oxd::missingRule)
-    {
-        oxd::budget = maxNodes > 0 ? maxNodes : 0;
-        oxd::partial = partial;
-        oxd::missingRule = nullptr;
-    }
-    ~Bounded()
-    {
-        oxd::budget = budget_;
-        oxd::partial = partial_;
-        oxd::missingRule = missing_;
-    }
-
-private:
-    long budget_;
-    bool partial_;
-    Oxel* missing_;
-};
-
 // A formula's text for a message, cut short when long.
 std::string shortText(Oxel* node)
 {

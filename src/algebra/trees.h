@@ -18,6 +18,29 @@ namespace oxd {
 extern thread_local long budget;
 const long kUnbounded = -1;
 
+// The derivative state of this thread for one bounded derivative, restored afterwards.
+class Bounded {
+public:
+    Bounded(long maxNodes, bool partialMode)
+        : budget_(budget), partial_(partial), missing_(missingRule)
+    {
+        budget = maxNodes > 0 ? maxNodes : 0;
+        partial = partialMode;
+        missingRule = nullptr;
+    }
+    ~Bounded()
+    {
+        budget = budget_;
+        partial = partial_;
+        missingRule = missing_;
+    }
+
+private:
+    long budget_;
+    bool partial_;
+    Oxel* missing_;
+};
+
 // Every operand that enters a derivative is a fresh copy, so results never share a node.
 // Once the budget cannot pay for a copy, a number stands in: the result is thrown away.
 inline Oxel* C(Oxel* node)

@@ -9,6 +9,7 @@
 
 #include <oxel/core.h>
 
+#include "algebra/dag.h"
 #include "core/deep.h"
 #include "nodes/kinds.h"
 #include "nodes/vector_kernels.h"
@@ -19,6 +20,11 @@ namespace {
 
 // Values of one point up to this many (variables plus outputs) stay on the stack.
 const int kStackSlots = 64;
+
+// Points of a program with more slots than this run by the step interpreter (a double per
+// step) instead of through one row of the column program, whose workspace holds a block of
+// rows per slot: 2 KB each, a gigabyte for the Hessian of a chain nested 100000 deep.
+const int kColumnPointSlots = 4096;
 
 // Marks the nodes above an assignment (a bound variable); true when n is one of them.
 bool markAssignments(Oxel* n, std::unordered_set<const Oxel*>& above)
@@ -111,9 +117,13 @@ bool anySet(const int* flags, int numRows)
 }  // namespace
 
 struct OxelGradient::Impl {
+    // The cells that the derivatives' stand-ins read, when they share (destroyed after them).
+    std::unique_ptr<oxd::Graph> graph;
     std::vector<std::unique_ptr<OxelExpression>> exprs;  // output k's own expression
     int numVars = 0;
-    OxelPointProgram* point = nullptr;  // the shared program, or null: points by columns
+    // The shared program (one too wide for registers only when wider than kColumnPointSlots:
+    // the step interpreter runs it), or null: points by columns.
+    OxelPointProgram* point = nullptr;
     // Its machine code once published, kept here so that a point costs one load and a call.
     mutable std::atomic<OxelSeveralFn> native{nullptr};
     OxelProgram* columns = nullptr;  // its column form, or null: rows through point
@@ -152,8 +162,9 @@ struct OxelGradient::Impl {
         return true;
     }
 
-    // The shared program at one point without machine code: the interpreter, or one row of
-    // the column program when too wide for it. Tree k's value goes to out[k]; false when
+    // The shared program at one point without machine code: the interpreter (the step
+    // interpreter when very wide), or one row of the column program when too wide for the
+    // interpreter's registers. Tree k's value goes to out[k]; false when
     // anything failed, else the codes are cleared.
     __attribute__((noinline)) bool interpreted(const double* values, double* out,
                                                int* codes) const
@@ -282,6 +293,47 @@ int OxelGradient::evalBatchColumns(
     return 0;
 }
 
+// The derivatives, appended to exprs (which holds the value), as stand-ins of one shared graph
+// (oxd::Graph, returned): exactly the trees of partialWithin, in size linear in the formula
+// where those grow with its square. Null, with exprs as they were, where the graph does not
+// represent the formula or refuses anything: the trees then give the same refusal.
+std::unique_ptr<oxd::Graph> OxelExpression::sharedPartials(
+    std::vector<std::unique_ptr<OxelExpression>>& exprs, const std::vector<std::string>& names,
+    int order) const
+{
+    std::vector<std::string> vars;  // aliases resolved
+    for (const std::string& name : names) {
+        const int index = varIndex(name.c_str());
+        if (index < 0)
+            return nullptr;
+        vars.push_back(varName(static_cast<unsigned>(index)));
+    }
+    if (!oxd::Graph::represents(root_))
+        return nullptr;
+    std::unique_ptr<oxd::Graph> graph(new oxd::Graph(vars));
+    Oxel* copy = nullptr;
+    oxs::withStackFor(oxelDepth(root_), [&] { copy = root_->dup(); });
+    const std::unique_ptr<Oxel, void (*)(Oxel*)> f(graph->take(copy), &oxelDestroy);
+    long nodes = oxelNodeBudget();  // shared by every output
+    const int n = static_cast<int>(vars.size());
+    auto add = [&](Oxel* of, int var) {
+        Oxel* d = graph->partial(of, var, &nodes);
+        exprs.emplace_back(d ? withSameNames(d) : nullptr);
+        return exprs.back() != nullptr;
+    };
+    bool formed = true;
+    for (int v = 0; v < n && formed; ++v)
+        formed = add(f.get(), v);
+    for (int i = 0; order == 2 && i < n && formed; ++i)
+        for (int j = i; j < n && formed; ++j)
+            formed = add(exprs[static_cast<size_t>(1 + i)]->root(), j);
+    if (!formed) {
+        exprs.resize(1);  // before the graph their stand-ins read
+        return nullptr;
+    }
+    return graph;
+}
+
 std::unique_ptr<OxelGradient> OxelExpression::gradient(
     const std::vector<std::string>& names, int order, std::string* why)
 {
@@ -299,19 +351,36 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(
         copy = copyKeepingAssignments(root_, above);
     });
     g->exprs.emplace_back(withSameNames(copy));
-    long nodes = oxelNodeBudget();  // shared by every output
-    for (const std::string& name : names) {
-        g->exprs.emplace_back(partialWithin(name.c_str(), &nodes, why));
-        if (!g->exprs.back())
-            return nullptr;
-    }
-    const size_t n = names.size();
-    for (size_t i = 0; order == 2 && i < n; ++i)
-        for (size_t j = i; j < n; ++j) {
-            g->exprs.emplace_back(g->exprs[1 + i]->partialWithin(names[j].c_str(), &nodes, why));
-            if (!g->exprs.back())
-                return nullptr;
+    // The trees first: where they fit they cost less than the graph (a flat sum of 10^6 terms:
+    // 0.6 GB against 1.1 GB); the graph where they exceed the budget, and the trees' reason
+    // where it refuses too.
+    g->graph = oxd::sharingFirst() ? sharedPartials(g->exprs, names, order) : nullptr;
+    if (!g->graph) {
+        long nodes = oxelNodeBudget();  // shared by every output
+        std::string reason;
+        bool formed = true;
+        for (size_t i = 0; i < names.size() && formed; ++i) {
+            g->exprs.emplace_back(partialWithin(names[i].c_str(), &nodes, &reason));
+            formed = g->exprs.back() != nullptr;
         }
+        const size_t n = names.size();
+        for (size_t i = 0; order == 2 && i < n && formed; ++i)
+            for (size_t j = i; j < n && formed; ++j) {
+                g->exprs.emplace_back(
+                    g->exprs[1 + i]->partialWithin(names[j].c_str(), &nodes, &reason));
+                formed = g->exprs.back() != nullptr;
+            }
+        if (!formed) {
+            g->exprs.resize(1);
+            // Only a refusal for size can go away in the graph.
+            g->graph = nodes == 0 ? sharedPartials(g->exprs, names, order) : nullptr;
+            if (!g->graph) {
+                if (why)
+                    *why = reason;
+                return nullptr;
+            }
+        }
+    }
     std::vector<Oxel*> roots;
     for (const auto& e : g->exprs) {
         if (!e)
@@ -321,7 +390,7 @@ std::unique_ptr<OxelGradient> OxelExpression::gradient(
     const oxp::Program ir = oxp::lowerSeveral(roots, g->numVars, true);
     if (ir.ok) {
         g->point = oxelPointBuild(ir);
-        if (!oxelPointBuilt(*g->point)) {
+        if (!oxelPointBuilt(*g->point) && ir.numSlots <= kColumnPointSlots) {
             oxelPointRelease(g->point);
             g->point = nullptr;
         }

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <unordered_map>
 
 #include <oxel/nodes.h>
+
+#include "core/shared.h"
 
 namespace oxp {
 namespace {
@@ -311,10 +314,16 @@ struct Lowerer {
     };
     std::vector<Frame> frames;
     std::vector<Operand> vals;
+    // The value of each node that stand-ins (OxShared) have read in the current tree: the
+    // whole tree a stand-in spells out would give the same steps again, all of them equal to
+    // earlier ones (and no second raise: a failed fold there has already set errorCertain).
+    std::unordered_map<const Oxel*, Operand> standValues;
 
     // Child i of f in evaluation order (the divisor first).
     static Oxel* childAt(const Frame& f, int i)
     {
+        if (f.kind == oxk::Kind::Unknown)  // a stand-in: the node it stands for
+            return OxShared::target(f.node);
         switch (oxk::row(f.kind).shape) {
         case oxk::Shape::Variable:
             return static_cast<OxVar*>(f.node)->bound();
@@ -344,6 +353,15 @@ struct Lowerer {
             break;
         case oxk::Shape::Opaque:
             if (kind == oxk::Kind::Unknown) {
+                if (Oxel* target = OxShared::target(node)) {
+                    auto known = standValues.find(target);
+                    if (known == standValues.end()) {
+                        frames.push_back(Frame{node, kind, 0, 1, vals.size()});
+                        return;
+                    }
+                    vals.push_back(known->second);
+                    return;
+                }
                 vals.push_back(fail());
                 return;
             }
@@ -374,6 +392,12 @@ struct Lowerer {
         const Operand* v = vals.data() + f.base;
         const int n = static_cast<int>(vals.size() - f.base);
         Operand r = constant(0.0);
+        if (f.kind == oxk::Kind::Unknown) {
+            r = standValues[OxShared::target(f.node)] = v[0];
+            vals.resize(f.base);
+            vals.push_back(r);
+            return;
+        }
         switch (oxk::row(f.kind).shape) {
         case oxk::Shape::Variable: {
             const int index = static_cast<OxVar*>(f.node)->index();
@@ -474,6 +498,7 @@ Program lowerSeveral(const std::vector<Oxel*>& roots, int numVars, bool mergeCal
         // Each tree starts from the caller's values, as its own evaluation would.
         std::fill(l.slotSet.begin(), l.slotSet.end(), false);
         l.errorCertain = false;
+        l.standValues.clear();
         const Operand r = roots[k] ? l.lower(roots[k]) : l.fail();
         if (k == 0)
             out.result = r;

@@ -26,6 +26,12 @@ void allocate(Program& p)
 
     p.slot.assign(static_cast<size_t>(numSteps), -1);
     std::vector<int> free;
+    std::vector<bool> isFree;  // by slot: whether free holds it, so long programs stay linear
+    auto release = [&](int slot) {
+        if (!isFree[static_cast<size_t>(slot)])
+            free.push_back(slot);  // an operand read twice dies once
+        isFree[static_cast<size_t>(slot)] = true;
+    };
     p.numSlots = 0;
     for (int i = 0; i < numSteps; ++i) {
         const Step& s = p.steps[static_cast<size_t>(i)];
@@ -35,20 +41,19 @@ void allocate(Program& p)
         if (!free.empty()) {
             slot = free.back();
             free.pop_back();
+            isFree[static_cast<size_t>(slot)] = false;
         } else {
             slot = p.numSlots++;
+            isFree.push_back(false);
         }
         p.slot[static_cast<size_t>(i)] = slot;
         // Operands die only after the output took its slot: outputs never alias operands.
         forEachOperand(p, s, [&](const Operand& o) {
-            if (o.mode != Operand::Reg || p.lastUse[static_cast<size_t>(o.index)] != i)
-                return;
-            int& dying = p.slot[static_cast<size_t>(o.index)];
-            if (std::find(free.begin(), free.end(), dying) == free.end())
-                free.push_back(dying);  // an operand read twice dies once
+            if (o.mode == Operand::Reg && p.lastUse[static_cast<size_t>(o.index)] == i)
+                release(p.slot[static_cast<size_t>(o.index)]);
         });
         if (p.lastUse[static_cast<size_t>(i)] < 0)
-            free.push_back(slot);  // a value nobody reads (a discarded statement)
+            release(slot);  // a value nobody reads (a discarded statement)
     }
 }
 
