@@ -7,33 +7,23 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <immintrin.h>
-
 namespace oxn {
 namespace {
-
-#define OXN_AVX2 [[gnu::target("avx2")]]
-
-// Lanes travel in registers: a 32-byte load of four 8-byte stores would wait for them.
-OXN_AVX2 inline double lane(__m256d v, int j)
-{
-    const __m128d half = j < 2 ? _mm256_castpd256_pd128(v) : _mm256_extractf128_pd(v, 1);
-    return _mm_cvtsd_f64(j % 2 ? _mm_unpackhi_pd(half, half) : half);
-}
 
 // The kernels worth a call from the loop (measured): floor and ceil, one instruction here where
 // the column loops call the C library; neither raises. A call costs some 30 cycles a group, so
 // other kernels run faster in the column instructions' loops, which keep many rows in flight.
-using Lanes = __m256d (*)(__m256d a);
+// The four lanes go through memory: how a vector argument is passed depends on the compiler
+// (clang passes it on the stack unless the whole file is built for AVX, gcc in ymm0).
+using Lanes = void (*)(double* lanes);
 
 template <Kind K>
-OXN_AVX2 __m256d kernelLanes(__m256d a)
+void kernelLanes(double* lanes)
 {
     constexpr oxk::UnFn F = oxk::row(K).un;
     int code = 0;
-    const double r0 = F(lane(a, 0), code), r1 = F(lane(a, 1), code);
-    const double r2 = F(lane(a, 2), code), r3 = F(lane(a, 3), code);
-    return _mm256_set_pd(r3, r2, r1, r0);
+    for (int j = 0; j < 4; ++j)
+        lanes[j] = F(lanes[j], code);
 }
 
 Lanes lanesFor(Kind k)
@@ -111,7 +101,7 @@ private:
     int holder_[kValues];
     int step_ = 0;
     std::map<uint64_t, Xbyak::Label> pool_;
-    int endOff_ = 0, callsOff_ = 0, stackOff_ = 0;
+    int endOff_ = 0, callsOff_ = 0, stackOff_ = 0, lanesOff_ = 0;
     bool calls_ = false;  // some step calls C++
     const Xbyak::Ymm t0{13}, t1{14};
     const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
@@ -388,9 +378,12 @@ void BlockGenerator::callStep(const oxp::Step& s)
     spillAll();
     failedLanes(ymm1);
     or_(dword[rsp + callsOff_], eax);
-    vmovapd(ymm0, t0);
+    vmovapd(yword[rsp + lanesOff_], t0);
+    lea(rdi, ptr[rsp + lanesOff_]);
+    vzeroupper();  // every live value is in the frame
     mov(rax, reinterpret_cast<uint64_t>(lanesFor(s.kind)));
     call(rax);
+    vmovapd(ymm0, yword[rsp + lanesOff_]);
     clearSums();
     define(0);
 }
@@ -419,7 +412,8 @@ void BlockGenerator::run()
     const int unchecked = testsNeeded(__builtin_inf());
     const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
     inputBound_ = check ? kInput : __builtin_inf();
-    const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
+    lanesOff_ = (stackOff_ + 8 + 31) & ~31;  // four lanes handed to a call
+    const int frame = lanesOff_ + 32 + 32;  // aligned down to 32 below the pushes
 
     push(rbx);
     push(rbp);
