@@ -10,8 +10,8 @@
 namespace oxn {
 namespace {
 
-// The kernels worth a call from the loop (measured): floor and ceil, one instruction here where
-// the column loops call the C library; neither raises. A call costs some 30 cycles a group, so
+// The kernels the loop calls: floor and ceil, which never raise (measured worth it while the
+// lanes went in a register; through memory, below, they cost more than the column loops). A call costs some 30 cycles a group, so
 // other kernels run faster in the column instructions' loops, which keep many rows in flight.
 // The four lanes go through memory: how a vector argument is passed depends on the compiler
 // (clang passes it on the stack unless the whole file is built for AVX, gcc in ymm0).
