@@ -419,7 +419,8 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         {"x / y - z", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true}, {"x / y", false},
         {"x * x * y - 3 * x * y * y + z * z * x - y / 4", true},  // inputs checked, no step tested
         {"a = x * y; b = sqrt(a - 1); a + b / z", true},  // assigned slots
-        {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},  // calls, values kept across
+        {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},
+        {"ceil(y - 2) / z", true},  // -0 from ceil
         {"max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y", true},
         {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
     };

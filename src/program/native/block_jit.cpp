@@ -10,27 +10,11 @@
 namespace oxn {
 namespace {
 
-// The kernels the loop calls: floor and ceil, which never raise (measured worth it while the
-// lanes went in a register; through memory, below, they cost more than the column loops). A call costs some 30 cycles a group, so
-// other kernels run faster in the column instructions' loops, which keep many rows in flight.
-// The four lanes go through memory: how a vector argument is passed depends on the compiler
-// (clang passes it on the stack unless the whole file is built for AVX, gcc in ymm0).
-using Lanes = void (*)(double* lanes);
-
-template <Kind K>
-void kernelLanes(double* lanes)
+// The kinds the loop computes: both generators' inline kinds, and floor and ceil, which
+// vroundpd rounds exactly as the C library does (signed zeros, infinities and NaN included).
+bool blockKind(Kind k)
 {
-    constexpr oxk::UnFn F = oxk::row(K).un;
-    int code = 0;
-    for (int j = 0; j < 4; ++j)
-        lanes[j] = F(lanes[j], code);
-}
-
-Lanes lanesFor(Kind k)
-{
-    return k == Kind::OxFloor ? &kernelLanes<Kind::OxFloor>
-           : k == Kind::OxCeil ? &kernelLanes<Kind::OxCeil>
-                               : nullptr;
+    return cheapKind(k) || k == Kind::OxFloor || k == Kind::OxCeil;
 }
 
 // ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
@@ -66,6 +50,9 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
         return std::max(a, b);
     case Kind::OxBetrag:
         return a;
+    case Kind::OxFloor:
+    case Kind::OxCeil:
+        return a + 1.0;
     default:  // comparisons and connectives
         return 1.0;
     }
@@ -82,8 +69,7 @@ const uint8_t kEqOq = 0x00, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
               kGeOq = 0x1D, kGtOq = 0x1E;
 
 // Registers: rbx the input column pointers, rbp the results, r15 the codes, r12 the group's
-// mark byte, r13 the group's first row, r14d all marks so far; the marks of the group's calls
-// wait in the frame.
+// mark byte, r13 the group's first row, r14d all marks so far.
 class BlockGenerator : public Xbyak::CodeGenerator {
 public:
     BlockGenerator(const oxp::Program& l, const std::vector<int>& column, void* buf, size_t size)
@@ -101,8 +87,7 @@ private:
     int holder_[kValues];
     int step_ = 0;
     std::map<uint64_t, Xbyak::Label> pool_;
-    int endOff_ = 0, callsOff_ = 0, stackOff_ = 0, lanesOff_ = 0;
-    bool calls_ = false;  // some step calls C++
+    int endOff_ = 0, stackOff_ = 0;
     const Xbyak::Ymm t0{13}, t1{14};
     const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
     int nextSum_ = 0;
@@ -130,7 +115,7 @@ private:
         for (size_t i = 0; i < l_.steps.size(); ++i) {
             const oxp::Step& s = l_.steps[i];
             bool tested = false;
-            bound_[i] = cheapKind(s.kind)
+            bound_[i] = blockKind(s.kind)
                             ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
                             : __builtin_inf();
             tests += tested;
@@ -234,19 +219,6 @@ private:
         mem_[static_cast<size_t>(step_)] = false;
     }
 
-    // Before a call every ymm register is lost: live values go to their slots.
-    void spillAll()
-    {
-        for (int r = 0; r < kValues; ++r) {
-            if (holder_[r] < 0)
-                continue;
-            if (lastUseOf(holder_[r]) > step_)
-                spill(r);
-            else
-                drop(r);
-        }
-    }
-
     // The result test: every tested value's square is added to one of three sums (three, so
     // that the additions do not wait for each other). A sum is infinite or NaN where some
     // value was NaN or of magnitude 2^512 or more, which covers every lane whose result
@@ -273,17 +245,14 @@ private:
         vmovmskpd(eax, temp);
     }
 
-    bool inlined(const oxp::Step& s);
-    void callStep(const oxp::Step& s);
+    void inlined(const oxp::Step& s);
 };
 
-// The kinds computed in the registers. + - * / and sqrt mark the lanes whose result leaves
-// the kernels' fast range (the point code's tests: see kResultLimitBits); the rest cannot fail.
-bool BlockGenerator::inlined(const oxp::Step& s)
+// A step in the registers. + - * / and sqrt mark the lanes whose result leaves the kernels'
+// fast range (the point code's tests: see kResultLimitBits); the rest cannot fail.
+void BlockGenerator::inlined(const oxp::Step& s)
 {
     const Kind k = s.kind;
-    if (!cheapKind(k))
-        return false;
     const bool un = oxk::row(k).un != nullptr;
     const Place a = place(s.a, rax, 0, true);
     const Place b = un ? Place{} : place(s.b, r10, a.inReg ? 1u << a.reg : 0u, true);
@@ -356,36 +325,17 @@ bool BlockGenerator::inlined(const oxp::Step& s)
         vcmppd(d, first(), constant(1e-8), kLtOq);
         vandpd(d, d, constant(1.0));
         break;
+    case Kind::OxFloor:
+        vroundpd(d, aop, 9);  // toward -infinity, no inexact flag
+        break;
+    case Kind::OxCeil:
+        vroundpd(d, aop, 10);  // toward +infinity
+        break;
     default:  // OxBetrag
         vandpd(d, first(), constantBits(0x7FFFFFFFFFFFFFFFull));
         break;
     }
     define(dst);
-    return true;
-}
-
-// floor or ceil (see lanesFor): a call, every live value in the frame meanwhile.
-void BlockGenerator::callStep(const oxp::Step& s)
-{
-    bound_[static_cast<size_t>(step_)] = __builtin_inf();
-    // The operand to a scratch register before the spills: a value read last here is not
-    // stored.
-    const Place a = place(s.a, rax);
-    if (a.inReg)
-        vmovapd(t0, Xbyak::Ymm(a.reg));
-    else
-        vmovupd(t0, a.mem);
-    spillAll();
-    failedLanes(ymm1);
-    or_(dword[rsp + callsOff_], eax);
-    vmovapd(yword[rsp + lanesOff_], t0);
-    lea(rdi, ptr[rsp + lanesOff_]);
-    vzeroupper();  // every live value is in the frame
-    mov(rax, reinterpret_cast<uint64_t>(lanesFor(s.kind)));
-    call(rax);
-    vmovapd(ymm0, yword[rsp + lanesOff_]);
-    clearSums();
-    define(0);
 }
 
 // int fn(columns, results, errors, marks, groups): see BlockFn.
@@ -403,17 +353,13 @@ void BlockGenerator::run()
     for (int& h : holder_)
         h = -1;
     endOff_ = 32 * l_.numSlots;
-    callsOff_ = endOff_ + 8;  // the group's marks from before its calls
-    stackOff_ = callsOff_ + 8;
-    for (size_t i = 0; i < n; ++i)
-        calls_ = calls_ || !cheapKind(l_.steps[i].kind);
+    stackOff_ = endOff_ + 8;
     // Inputs are checked (two operations each) where that spares more tests than it costs.
     bound_.assign(n, __builtin_inf());
     const int unchecked = testsNeeded(__builtin_inf());
     const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
     inputBound_ = check ? kInput : __builtin_inf();
-    lanesOff_ = (stackOff_ + 8 + 31) & ~31;  // four lanes handed to a call
-    const int frame = lanesOff_ + 32 + 32;  // aligned down to 32 below the pushes
+    const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
 
     push(rbx);
     push(rbp);
@@ -453,13 +399,8 @@ void BlockGenerator::run()
         vfmadd231pd(sums_[nextSum_], t1, t0);
         nextSum_ = (nextSum_ + 1) % 3;
     }
-    if (calls_)
-        mov(dword[rsp + callsOff_], 0);
-    for (step_ = 0; step_ < static_cast<int>(n); ++step_) {
-        const oxp::Step& s = l_.steps[static_cast<size_t>(step_)];
-        if (!inlined(s))
-            callStep(s);
-    }
+    for (step_ = 0; step_ < static_cast<int>(n); ++step_)
+        inlined(l_.steps[static_cast<size_t>(step_)]);
     const Place r = place(l_.result, rax);
     if (r.inReg) {
         vmovupd(yword[rbp + r13 * 8], Xbyak::Ymm(r.reg));
@@ -471,8 +412,6 @@ void BlockGenerator::run()
     vxorpd(zero, zero, zero);
     vmovupd(xword[r15 + r13 * 4], zero);
     failedLanes(t0);
-    if (calls_)
-        or_(eax, dword[rsp + callsOff_]);
     mov(byte[r12], al);
     or_(r14d, eax);
     add(r12, 1);
@@ -511,7 +450,7 @@ bool blockCodeOn()
 }
 
 // Programs the loop serves: no calls (draws and callbacks keep their row order), no raise (it
-// would mark every row), a value computed by a step, every step inline or floor or ceil, and
+// would mark every row), a value computed by a step, every step of a kind it computes, and
 // more than one step (a lone step's column loop is as fused already, and a little faster).
 bool fits(const oxp::Program& l)
 {
@@ -519,7 +458,7 @@ bool fits(const oxp::Program& l)
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
-        if (!cheapKind(s.kind) && !lanesFor(s.kind))
+        if (!blockKind(s.kind))
             return false;
     return true;
 }
@@ -533,8 +472,8 @@ BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, 
     std::vector<int> column(ir.inputRead.size(), -1);
     for (size_t c = 0; c < inputVars.size(); ++c)
         column[static_cast<size_t>(inputVars[c])] = static_cast<int>(c);
-    // Bounds per step: a call with its spills (about 250 bytes) or an inline step (about 60),
-    // and two constants of 32 bytes.
+    // Bounds per step, with room to spare: an inline step with its loads and spills (at most
+    // about 150 bytes) and two constants of 32 bytes; a larger program would only fall back.
     const size_t size = 4096 + 384 * ir.steps.size();
     std::vector<uint64_t> buf(size / 8 + 8);
     uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
