@@ -226,6 +226,15 @@ inline double powerOfWith(double a, double b)
     return powerOfPowl(a, b);
 }
 
+// The four-lane squares take the product a*a, whose one rounding can differ from the two
+// above only where the exact square lies near a midpoint of doubles. With lo = fma(a, a, -a*a)
+// (exact for |a*a| >= kSquareTiny) and E the product's binade, they hand the kernel every lane
+// with |lo| > E * kSquareTieBand (within 2^-11 ulp of a midpoint), a product that is a power of
+// two with lo != 0 (the exact square may lie in the binade below), a product below kSquareTiny
+// with a != 0, and a product not below 2^1022 or NaN.
+constexpr double kSquareTieBand = 0x1p-53 - 0x1p-63;
+constexpr double kSquareTiny = 0x1p-960;
+
 // a^2 with its guard: the whole rule for the exponent 2, whatever the base.
 inline double squareGuarded(double a, int& err)
 {

@@ -58,6 +58,13 @@ inline bool plannedPower(const Step& s)
            (s.b.mode == Operand::Const || s.a.mode == Operand::Const);
 }
 
+// x^2 of a value: the four-lane loops take the product (see kSquareTieBand).
+inline bool squareStep(const Step& s)
+{
+    return s.kind == oxk::Kind::OxHoch && s.b.mode == Operand::Const && s.b.k == 2.0 &&
+           s.a.mode != Operand::Const;
+}
+
 inline oxk::PowPlan powerPlan(const Step& s)
 {
     return s.b.mode == Operand::Const ? oxk::PowPlan(s.b.k) : oxk::PowPlan(oxk::PowPlan::Base{}, s.a.k);

@@ -10,11 +10,12 @@
 namespace oxn {
 namespace {
 
-// The kinds the loop computes: both generators' inline kinds, and floor and ceil, which
-// vroundpd rounds exactly as the C library does (signed zeros, infinities and NaN included).
-bool blockKind(Kind k)
+// The steps the loop computes: both generators' inline kinds; floor and ceil, which vroundpd
+// rounds exactly as the C library does (signed zeros, infinities and NaN included); and x^2.
+bool blockStep(const oxp::Step& s)
 {
-    return cheapKind(k) || k == Kind::OxFloor || k == Kind::OxCeil;
+    return cheapKind(s.kind) || s.kind == Kind::OxFloor || s.kind == Kind::OxCeil ||
+           oxp::squareStep(s);
 }
 
 // ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
@@ -38,6 +39,9 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
         break;
     case Kind::OxMal:
         r = a * b;
+        break;
+    case Kind::OxHoch:  // x^2
+        r = a * a;
         break;
     case Kind::OxDurch:  // a constant divisor of at least 1 cannot raise the magnitude
         r = right.mode == Operand::Const && std::fabs(right.k) >= 1.0 ? a : __builtin_inf();
@@ -65,7 +69,7 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
 const int kMaxSlots = 1024;  // a frame of 32 KiB at most
 
 // Comparison predicates of vcmppd (ordered, quiet: NaN compares false, as in the kernels).
-const uint8_t kEqOq = 0x00, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
+const uint8_t kEqOq = 0x00, kNeqOq = 0x0C, kNltUq = 0x15, kLtOq = 0x11, kLeOq = 0x12,
               kGeOq = 0x1D, kGtOq = 0x1E;
 
 // Registers: rbx the input column pointers, rbp the results, r15 the codes, r12 the group's
@@ -115,7 +119,7 @@ private:
         for (size_t i = 0; i < l_.steps.size(); ++i) {
             const oxp::Step& s = l_.steps[i];
             bool tested = false;
-            bound_[i] = blockKind(s.kind)
+            bound_[i] = blockStep(s)
                             ? stepBound(s.kind, boundOf(s.a), boundOf(s.b), s.b, tested)
                             : __builtin_inf();
             tests += tested;
@@ -245,8 +249,63 @@ private:
         vmovmskpd(eax, temp);
     }
 
+    // Marks the lanes of a mask (all ones) as failed: NaN in a sum stays NaN.
+    void markLanes(const Xbyak::Ymm& mask)
+    {
+        vorpd(sums_[nextSum_], sums_[nextSum_], mask);
+        nextSum_ = (nextSum_ + 1) % 3;
+    }
+
+    // A step's value that is 0.0 or 1.0: a comparison's or a connective's.
+    bool truth(const Operand& o) const
+    {
+        if (o.mode != Operand::Reg)
+            return false;
+        switch (l_.steps[static_cast<size_t>(o.index)].kind) {
+        case Kind::OxLess: case Kind::OxGreater: case Kind::OxLessEqual:
+        case Kind::OxGreaterEqual: case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr:
+        case Kind::OxNot:
+            return true;
+        default:
+            return false;
+        }
+    }
+
     void inlined(const oxp::Step& s);
+    void square(const Xbyak::Ymm& d, const Place& a);
 };
+
+// x^2 into d: the product, marking the lanes whose kernel square may differ (see
+// kSquareTieBand); overflows are the result test's.
+void BlockGenerator::square(const Xbyak::Ymm& d, const Place& a)
+{
+    // The operand as a register: its own, or t1 reloaded from memory where needed.
+    auto operand = [&]() -> Xbyak::Ymm {
+        if (a.inReg)
+            return Xbyak::Ymm(a.reg);
+        vmovupd(t1, a.mem);
+        return t1;
+    };
+    Xbyak::Ymm x = operand();
+    vmulpd(d, x, x);
+    vmovapd(t0, d);
+    vfmsub231pd(t0, x, x);  // the product's error, exact
+    vandpd(t0, t0, constantBits(0x7FFFFFFFFFFFFFFFull));
+    vandpd(t1, d, constantBits(0x7FF0000000000000ull));
+    vmulpd(t1, t1, constant(oxk::kSquareTieBand));
+    vcmppd(t1, t0, t1, kGtOq);
+    markLanes(t1);
+    vandpd(t1, d, constantBits(0x000FFFFFFFFFFFFFull));
+    vpcmpeqq(t1, t1, constantBits(0));
+    vcmppd(t0, t0, constant(0.0), kNeqOq);
+    vandpd(t1, t1, t0);
+    markLanes(t1);
+    x = operand();
+    vcmppd(t0, x, constant(0.0), kNeqOq);
+    vcmppd(t1, d, constant(oxk::kSquareTiny), kLtOq);
+    vandpd(t1, t1, t0);
+    markLanes(t1);
+}
 
 // A step in the registers. + - * / and sqrt mark the lanes whose result leaves the kernels'
 // fast range (the point code's tests: see kResultLimitBits); the rest cannot fail.
@@ -311,6 +370,13 @@ void BlockGenerator::inlined(const oxp::Step& s)
     }
     case Kind::OxAnd:
     case Kind::OxOr:
+        if (truth(s.a) && truth(s.b)) {  // 1.0 & 1.0 is 1.0, 1.0 | +0.0 is 1.0
+            if (k == Kind::OxAnd)
+                vandpd(d, first(), bop);
+            else
+                vorpd(d, first(), bop);
+            break;
+        }
         vmovupd(t0, constant(1e-8));
         vcmppd(t0, t0, aop, kLtOq);
         vmovupd(t1, constant(1e-8));
@@ -322,8 +388,17 @@ void BlockGenerator::inlined(const oxp::Step& s)
         vandpd(d, d, constant(1.0));
         break;
     case Kind::OxNot:
+        if (truth(s.a)) {
+            vxorpd(d, first(), constant(1.0));
+            break;
+        }
         vcmppd(d, first(), constant(1e-8), kLtOq);
         vandpd(d, d, constant(1.0));
+        break;
+    case Kind::OxHoch:
+        square(d, a);
+        if (tested)
+            testValue(d);
         break;
     case Kind::OxFloor:
         vroundpd(d, aop, 9);  // toward -infinity, no inexact flag
@@ -458,7 +533,7 @@ bool fits(const oxp::Program& l)
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
-        if (!blockKind(s.kind))
+        if (!blockStep(s))
             return false;
     return true;
 }
