@@ -228,10 +228,10 @@ inline double powerOfWith(double a, double b)
 
 // The four-lane squares take the product a*a, whose one rounding can differ from the two
 // above only where the exact square lies near a midpoint of doubles. With lo = fma(a, a, -a*a)
-// (exact for |a*a| >= kSquareTiny) and E the product's binade, they hand the kernel every lane
-// with |lo| > E * kSquareTieBand (within 2^-11 ulp of a midpoint), a product that is a power of
-// two with lo != 0 (the exact square may lie in the binade below), a product below kSquareTiny
-// with a != 0, and a product not below 2^1022 or NaN.
+// (exact for |a*a| >= kSquareTiny) and E the binade of a*a - 2|lo| (the exact square's, where
+// it matters: below a product that is a power of two it is the binade below), they hand the
+// kernel every lane with |lo| > E * kSquareTieBand (within 2^-11 ulp of a midpoint), a
+// product below kSquareTiny with a != 0, and a product not below 2^1022 or NaN.
 constexpr double kSquareTieBand = 0x1p-53 - 0x1p-63;
 constexpr double kSquareTiny = 0x1p-960;
 

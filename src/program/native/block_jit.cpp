@@ -291,14 +291,11 @@ void BlockGenerator::square(const Xbyak::Ymm& d, const Place& a)
     vmovapd(t0, d);
     vfmsub231pd(t0, x, x);  // the product's error, exact
     vandpd(t0, t0, constantBits(0x7FFFFFFFFFFFFFFFull));
-    vandpd(t1, d, constantBits(0x7FF0000000000000ull));
+    vmovapd(t1, d);
+    vfnmadd231pd(t1, t0, constant(2.0));  // the exact square's binade, where it matters
+    vandpd(t1, t1, constantBits(0x7FF0000000000000ull));
     vmulpd(t1, t1, constant(oxk::kSquareTieBand));
     vcmppd(t1, t0, t1, kGtOq);
-    markLanes(t1);
-    vandpd(t1, d, constantBits(0x000FFFFFFFFFFFFFull));
-    vpcmpeqq(t1, t1, constantBits(0));
-    vcmppd(t0, t0, constant(0.0), kNeqOq);
-    vandpd(t1, t1, t0);
     markLanes(t1);
     x = operand();
     vcmppd(t0, x, constant(0.0), kNeqOq);

@@ -127,8 +127,7 @@ template <Kind K, bool AConst, bool BConst>
     const double* a = f.cols[in.a];
     double* r = f.cols[in.out];
     const __m256d absMask = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FFFFFFFFFFFFFFF));
-    const __m256i expMask = _mm256_set1_epi64x(0x7FF0000000000000);
-    const __m256i fracMask = _mm256_set1_epi64x(0x000FFFFFFFFFFFFF);
+    const __m256d expMask = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FF0000000000000));
     const __m256d zero = _mm256_setzero_pd();
     const int end = (f.n + 3) & ~3;
     for (int i = 0; i < end; i += 4) {
@@ -136,18 +135,14 @@ template <Kind K, bool AConst, bool BConst>
         const __m256d hi = _mm256_mul_pd(va, va);
         _mm256_storeu_pd(r + i, hi);
         const __m256d lo = _mm256_and_pd(_mm256_fmsub_pd(va, va, hi), absMask);
-        const __m256i bits = _mm256_castpd_si256(hi);
-        const __m256d band = _mm256_mul_pd(_mm256_castsi256_pd(_mm256_and_si256(bits, expMask)),
-                                           _mm256_set1_pd(oxk::kSquareTieBand));
-        const __m256d twoPower = _mm256_castsi256_pd(
-            _mm256_cmpeq_epi64(_mm256_and_si256(bits, fracMask), _mm256_setzero_si256()));
-        const __m256d unsure = _mm256_or_pd(
-            _mm256_or_pd(_mm256_cmp_pd(lo, band, _CMP_GT_OQ),
-                         _mm256_and_pd(twoPower, _mm256_cmp_pd(lo, zero, _CMP_NEQ_OQ))),
-            _mm256_or_pd(_mm256_and_pd(_mm256_cmp_pd(hi, _mm256_set1_pd(oxk::kSquareTiny),
-                                                     _CMP_LT_OQ),
-                                       _mm256_cmp_pd(va, zero, _CMP_NEQ_OQ)),
-                         _mm256_cmp_pd(hi, _mm256_set1_pd(0x1p1022), _CMP_NLT_UQ)));
+        const __m256d binade = _mm256_and_pd(_mm256_fnmadd_pd(lo, _mm256_set1_pd(2.0), hi), expMask);
+        const __m256d band = _mm256_mul_pd(binade, _mm256_set1_pd(oxk::kSquareTieBand));
+        const __m256d tiny = _mm256_and_pd(
+            _mm256_cmp_pd(hi, _mm256_set1_pd(oxk::kSquareTiny), _CMP_LT_OQ),
+            _mm256_cmp_pd(va, zero, _CMP_NEQ_OQ));
+        const __m256d unsure =
+            _mm256_or_pd(_mm256_or_pd(_mm256_cmp_pd(lo, band, _CMP_GT_OQ), tiny),
+                         _mm256_cmp_pd(hi, _mm256_set1_pd(0x1p1022), _CMP_NLT_UQ));
         if (!_mm256_movemask_pd(unsure))
             continue;
         for (int j = i; j < i + 4 && j < f.n; ++j)
