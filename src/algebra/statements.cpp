@@ -2,6 +2,9 @@
 #include "algebra/statements.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <typeinfo>
 #include <unordered_map>
 #include <vector>
 
@@ -48,6 +51,7 @@ int evaluated(Oxel* node, int k)
 }
 
 struct Part {
+    Cell* same = nullptr; // the first cell of its class, operator and operands: its stand-in
     int uses = 0;         // operand places that read it
     int walked = 0;       // the last walk that reached it
     Cell* by = nullptr;   // where the walks reach it first: that cell's operand `at`
@@ -74,9 +78,11 @@ public:
     bool write(Cell* root, std::string* text)
     {
         root_ = root;
-        walk(1, [this](Cell* c) { count(c); });
-        walk(2, [this](Cell* c) { decide(c); });
-        walk(3, [this](Cell* c) { build(c); });
+        walk(1, [this](Cell* c) { equate(c); });
+        root_ = same(root_);
+        walk(2, [this](Cell* c) { count(c); });
+        walk(3, [this](Cell* c) { decide(c); });
+        walk(4, [this](Cell* c) { build(c); });
         if (!ok_)
             return false;
         Part& r = parts_[root];
@@ -104,7 +110,7 @@ private:
             const int k = stack.back().next++;
             if (k < c->node->getNumChildren()) {
                 const int i = evaluated(c->node, k);
-                Cell* operand = cellOf(c->node->getChild(i));
+                Cell* operand = operandOf(c, i, pass > 1);
                 if (operand && parts_[operand].walked != pass) {
                     Part& p = parts_[operand];
                     p.walked = pass;
@@ -119,10 +125,51 @@ private:
         }
     }
 
+    Cell* same(Cell* c)
+    {
+        Cell* s = parts_[c].same;
+        return s ? s : c;
+    }
+
+    // Operand i of c, as a cell (null for a leaf), or the cell that stands for all equal ones.
+    Cell* operandOf(Cell* c, int i, bool merged)
+    {
+        Cell* operand = cellOf(c->node->getChild(i));
+        return operand && merged ? same(operand) : operand;
+    }
+
+    // Cells of one class whose operands are the same cells or equal leaves evaluate alike:
+    // the rules' copies (exp(u) * u' copies exp(u) a level deep) become one part again.
+    void equate(Cell* c)
+    {
+        Oxel* node = c->node;
+        std::string key = typeid(*node).name();
+        for (int i = 0; i < node->getNumChildren(); ++i) {
+            Oxel* child = node->getChild(i);
+            const oxk::Kind k = child ? oxk::kindOf(child) : oxk::Kind::OxZahl;
+            if (!child) {
+                key += "|-";
+            } else if (Cell* operand = cellOf(child)) {
+                key += "|c" + std::to_string(reinterpret_cast<uintptr_t>(same(operand)));
+            } else if (k == oxk::Kind::OxZahl) {
+                const double v = static_cast<OxZahl*>(child)->number();
+                uint64_t bits;
+                std::memcpy(&bits, &v, sizeof bits);
+                key += "|n" + std::to_string(bits);
+            } else if (k == oxk::Kind::OxVar) {
+                OxVar* var = static_cast<OxVar*>(child);
+                key += "|v" + std::to_string(var->index()) + ":" + var->name().c_str();
+            } else {
+                return;  // no leaf of the graph's kinds: kept apart
+            }
+        }
+        parts_[c].same = classes_.emplace(std::move(key), c).first->second;
+    }
+
     void count(Cell* c)
     {
         for (int i = 0; i < c->node->getNumChildren(); ++i)
-            if (Cell* operand = cellOf(c->node->getChild(i)))
+            if (Cell* operand = operandOf(c, i, true))
                 ++parts_[operand].uses;
     }
 
@@ -137,7 +184,7 @@ private:
         long levels = 0;
         for (int k = c->node->getNumChildren() - 1; k >= 0; --k) {
             const int i = evaluated(c->node, k);
-            Cell* operand = cellOf(c->node->getChild(i));
+            Cell* operand = operandOf(c, i, true);
             if (!operand)
                 continue;
             Part& q = parts_[operand];
@@ -162,7 +209,7 @@ private:
             return;
         Oxel* t = c->node->dup();
         for (int i = 0; i < c->node->getNumChildren(); ++i) {
-            Cell* operand = cellOf(c->node->getChild(i));
+            Cell* operand = operandOf(c, i, true);
             if (!operand)
                 continue;
             Part& q = parts_[operand];
@@ -201,6 +248,7 @@ private:
     const bool normalized_;
     Cell* root_ = nullptr;
     std::unordered_map<Cell*, Part> parts_;
+    std::unordered_map<std::string, Cell*> classes_;
     std::string out_;
     bool ok_ = true;
 };

@@ -10,8 +10,9 @@
 namespace oxd {
 
 // What root (a leaf or stand-in of an oxd::Graph) spells out, as "name = part;" lines and
-// then the result: every part used more than once gets a name, and so does a part whose
-// inlined text would nest too deeply. Parsed with the same variables, the text gives the
+// then the result: every part used more than once gets a name (equal parts, the same
+// operator over the same operands, count as one), and so does a part whose inlined text
+// would nest too deeply. Parsed with the same variables, the text gives the
 // tree's bits and error code: each part is assigned at the place where the tree evaluates
 // it first, and a part written inline is named instead when a statement would otherwise
 // run between it and its user. Names come from fresh(), which must never repeat one. With
