@@ -36,12 +36,13 @@ KxString OxelExpression::statementsOf(const char* var, bool partialForm, bool no
                       "declared variable nor an alias)");
     const std::string name = varName(static_cast<unsigned>(varIndex(var)));
     if (!oxd::Graph::represents(root_)) {  // copies of such nodes are no values: the trees
-        std::unique_ptr<OxelExpression> d(partialForm ? partial(var, why) : derivative(var));
+        std::string reason;
+        std::unique_ptr<OxelExpression> d(partialForm ? partial(var, &reason) : derivative(var));
         if (d && normalized)
             d.reset(d->normalized());
         if (!d)
-            return refuse(why && !why->empty() ? *why : "no derivative by '" + name +
-                          "' can be formed within the node budget");
+            return refuse(!reason.empty() ? reason : "no derivative by '" + name + "' can be "
+                          "formed within the node budget");
         return d->toFormula();
     }
     oxd::Graph graph({name});

@@ -391,7 +391,8 @@ TEST(OxelProgram, HugeFormulasFromFile)
     for (const char* simplify : { "--shared", "--simplify" }) {
         Result got = runOxel({"diff", "--file", path, "x", simplify});
         EXPECT_EQ(got.status, 0) << got.err;
-        EXPECT_EQ(got.out.compare(0, 27, "t1 = exp(x);\nt2 = exp(t1);\n"), 0) << got.out.substr(0, 80);
+        EXPECT_EQ(got.out.compare(0, 27, "t1 = exp(x);\nt2 = exp(t1);\n"), 0)
+            << got.out.substr(0, 80);
         EXPECT_GT(std::count(got.out.begin(), got.out.end(), '\n'), 3000);
     }
     std::remove(path);

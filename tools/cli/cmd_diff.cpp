@@ -12,7 +12,8 @@ namespace {
 // Whether the options ask for what the statements give: formula text, normal forms.
 bool statementsServe(const Args& a)
 {
-    return !a.tree && !a.passes && a.function.empty() && (a.format.empty() || a.format == "formula");
+    return !a.tree && !a.passes && a.function.empty() &&
+           (a.format.empty() || a.format == "formula");
 }
 
 int noDerivative(const std::string& var, const std::string& why)
