@@ -85,7 +85,7 @@ public:
         walk(4, [this](Cell* c) { build(c); });
         if (!ok_)
             return false;
-        Part& r = parts_[root];
+        Part& r = parts_[root_];
         const bool last = result(r.tree, normalized_, &out_);
         r.tree = nullptr;
         if (last)
