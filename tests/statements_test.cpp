@@ -42,7 +42,7 @@ std::vector<std::pair<double, double>> points()
     std::vector<std::pair<double, double>> p;
     for (int i = 0; i < 30; ++i)
         p.push_back({ u(rng), u(rng) });
-    for (double s : { 0.0, -0.0, 1.0, -1.0, 1e308, -1e-308, double(INFINITY), double(NAN) })
+    for (double s : { 0.0, -0.0, 1.0, -1.0, 5.0, 1e308, -1e-308, double(INFINITY), double(NAN) })
         p.push_back({ s, 0.5 });
     return p;
 }
@@ -101,6 +101,10 @@ std::vector<std::string> formulas(int depth)
     for (const char* open : { "exp(", "sin(", "y*exp(x*", "pow(x, y*", "pow(", "y/(x+",
                               "ln(1+", "sqrt(y+x*" })
         f.push_back(nested(open, std::string(open) == "pow(" ? depth / 10 : depth));
+    // For x > 4 the first factor's derivative fails with one code, the shared parts of the
+    // second (named first in the text) with another: the tree's order must decide.
+    if (depth < 20)
+        f.push_back("acos(x / 4) * exp(exp(ln(2 - x)))");
     f.push_back("0");  // a sum of many terms that share nothing but x
     for (int i = 1; i <= depth; ++i)
         f.back() += "+sin(x*" + std::to_string(i) + ")*cos(y)";
@@ -130,7 +134,7 @@ TEST(Statements, ReadBackToTheTreesAndTheGradient)
                 ASSERT_TRUE(plain && part) << text;
                 const long treeNodes = oxelNodeCount(plain->root());
                 // The sum shares nothing: its tree is as small as its parts.
-                const bool chain = text[0] != '0';
+                const bool chain = text[0] != '0' && depth > 12;
                 const Budget small(depth == 12 || !chain ? oxelNodeBudget() : treeNodes / 2);
                 const std::string d = e.derivativeStatements(var).c_str();
                 const std::string p = e.partialStatements(var).c_str();
