@@ -2,11 +2,12 @@
 # Time and peak memory of the oxel program on nested chains at n, 2n, 4n, 8n, with growth exponents.
 """Usage: bench/budgets.py [path/to/oxel] [--budget N]
 
-For `oxel diff CHAIN x --simplify` and `oxel grad CHAIN x x=0.5 --hessian` over exp( nested
-n deep, prints the seconds, the peak resident memory (MB), the exit status and the growth
-exponent log(t2/t1)/log(2) between doubled sizes: diff up to the issue's target size 4000,
-the Hessian (whose derivatives share) from its target size 1000 on to 8000. An exit status
-of 4 is a refusal by the node budget, 3 an evaluation error (the chain overflows at x=0.5).
+For `oxel diff CHAIN x` with and without --simplify and `oxel grad CHAIN x x=0.5 --hessian`
+over exp( nested n deep, from 1000 to 8000, prints the seconds, the peak resident memory (MB),
+the exit status and the growth exponent log(t2/t1)/log(2) between doubled sizes. Past the node
+budget (from 2000 on), diff prints statements over shared parts instead of the expanded tree.
+An exit status of 4 is a refusal by the node budget, 3 an evaluation error (the chain
+overflows at x=0.5).
 """
 import math
 import os
@@ -48,9 +49,11 @@ def main():
         extra = ["--budget", argv[i + 1]]
         del argv[i:i + 2]
     oxel = argv[0] if argv else os.path.join("build", "oxel")
-    series("oxel diff exp-chain x --simplify", [250, 500, 1000, 2000, 4000],
+    sizes = [1000, 2000, 4000, 8000]
+    series("oxel diff exp-chain x", sizes, lambda n: [oxel, "diff", chain(n), "x"] + extra)
+    series("oxel diff exp-chain x --simplify", sizes,
            lambda n: [oxel, "diff", chain(n), "x", "--simplify"] + extra)
-    series("oxel grad exp-chain x x=0.5 --hessian", [1000, 2000, 4000, 8000],
+    series("oxel grad exp-chain x x=0.5 --hessian", sizes,
            lambda n: [oxel, "grad", chain(n), "x", "x=0.5", "--hessian"] + extra)
 
 

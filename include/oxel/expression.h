@@ -96,6 +96,21 @@ public:
     /// for a node without a derivative rule that depends on var (a comparison, logic,
     /// gauss(); nothing is printed), where no derivative exists, and beyond the node budget.
     OxelExpression* partial(const char* var, std::string* why = nullptr) const;
+    /// derivative()'s tree and partial()'s written as statements over their shared parts, for
+    /// derivatives too large as trees (a nested chain's grows with the square of its depth):
+    /// a line "t1 = exp(x);" per part, then the result; each part used more than once (or
+    /// nested deeply) assigned once to a fresh name (t and a number, skipping every variable,
+    /// alias and assigned name of this expression). Parsed with the same variables, the text
+    /// gives the tree's value and error code at every point (bits included), in time and size
+    /// about linear in the formula's. With normalized, each statement is in its normal form
+    /// (normalized()), the other parts' names standing as variables: parts are simplified one
+    /// by one, terms are not combined across them. A formula with assignments, statements,
+    /// random sources or dependent variables is written as its tree. Empty, with the reason in
+    /// *why when given, where derivative() or partial() refuses for another reason than size,
+    /// and where even the shared parts exceed the node budget.
+    KxString derivativeStatements(const char* var, std::string* why = nullptr) const;
+    KxString partialStatements(const char* var, bool normalized = false,
+                               std::string* why = nullptr) const;
     /// One simplification pass.
     OxelExpression* simplified() const;
     /// Repeats the simplification pass until the printed text stops changing.
@@ -140,6 +155,8 @@ public:
 private:
     OxelExpression* withSameNames(Oxel* tree) const;
     OxelExpression* partialWithin(const char* var, long* nodes, std::string* why) const;
+    KxString statementsOf(const char* var, bool partialForm, bool normalized,
+                          std::string* why) const;
     std::unique_ptr<oxd::Graph> sharedPartials(std::vector<std::unique_ptr<OxelExpression>>& exprs,
                                                const std::vector<std::string>& names,
                                                int order) const;

@@ -161,14 +161,14 @@ Oxel* Graph::derivative(Cell* c, int var)
     return c->diffs.back().second->dup();
 }
 
-Oxel* Graph::partial(Oxel* of, int var, long* nodes)
+Oxel* Graph::partial(Oxel* of, int var, long* nodes, bool partialMode)
 {
     Oxel* d = nullptr;
     bool refused = false;
     const Cell* c = cellOf(of);
     // The rules' recursion goes down one level of the graph at a time.
     oxs::withStackFor((c ? c->depth : 1) + 16, [&] {
-        Bounded state(*nodes, true);
+        Bounded state(*nodes, partialMode);
         current_ = var;
         d = D(of, name(var));
         refused = budget == 0 || missingRule;

@@ -55,8 +55,9 @@ public:
     // The partial derivative of what `of` spells out (a leaf or stand-in of this graph) by
     // variable var, within *nodes of the node budget (its copies are taken from it): a new
     // leaf or stand-in, or null where a rule refuses or the copies exceed the budget (the
-    // trees then tell why).
-    Oxel* partial(Oxel* of, int var, long* nodes);
+    // trees then tell why). With partialMode false, the plain derivative instead
+    // (OxelExpression::derivative()'s tree): every operand differentiated by its rule.
+    Oxel* partial(Oxel* of, int var, long* nodes, bool partialMode = true);
 
     // Index of a variable name of the graph, -1 for others.
     int indexOf(const char* var) const;

@@ -140,6 +140,11 @@ const Case kCases[] = {
     {{"grad", "exp(exp(exp(x)))", "x", "x=0", "--budget", "5"}, 4, "", "node budget (5,"},
     {{"diff", "pow(x, 2)", "y", "--simplify"}, 0, "0\n", ""},
     {{"diff", "exp(exp(x))", "x", "--budget=3"}, 4, "", "beyond the node budget"},
+    // exp(x) is read twice, in exp(exp(x)) and as the inner factor of the chain rule.
+    {{"diff", "exp(exp(x))", "x", "--shared"}, 0, "t1 = exp(x);\nexp(t1) * (t1 * 1)\n", ""},
+    {{"diff", "x % 2", "x", "--shared"}, 4, "", "can be formed: "},
+    {{"diff", "x", "x", "--shared", "--tree"}, 1, "", "--shared writes formula text"},
+    {{"eval", "x", "x=1", "--shared"}, 1, "", "--shared applies to diff only"},
     {{"simplify", "x*1e200*1e200*y"}, 0, "1e+200 * x * y * 1e+200\n", ""},  // no overflow
     {{"grad", "x", "x=1"}, 1, "", "grad needs the variables to differentiate by"},
     {{"eval", "x", "x=1", "--hessian"}, 1, "", "--hessian applies to grad only"},
@@ -376,6 +381,19 @@ TEST(OxelProgram, HugeFormulasFromFile)
         Result got = runOxel(args);
         EXPECT_EQ(got.status, 0) << r.args[0] << ": " << got.err;
         EXPECT_TRUE(got.out == r.out) << r.args[0] << ": " << got.out.substr(0, 80);
+    }
+    // exp nested 3000 deep: its derivative's tree exceeds the node budget, the statements over
+    // its shared parts do not (the ones of --simplify for the same reason).
+    std::string chain;
+    for (int i = 0; i < 3000; ++i)
+        chain += "exp(";
+    std::ofstream(path) << chain + "x" + std::string(3000, ')');
+    for (const char* simplify : { "--shared", "--simplify" }) {
+        Result got = runOxel({"diff", "--file", path, "x", simplify});
+        EXPECT_EQ(got.status, 0) << got.err;
+        EXPECT_EQ(got.out.compare(0, 27, "t1 = exp(x);\nt2 = exp(t1);\n"), 0)
+            << got.out.substr(0, 80);
+        EXPECT_GT(std::count(got.out.begin(), got.out.end(), '\n'), 3000);
     }
     std::remove(path);
 }

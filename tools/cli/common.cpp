@@ -214,6 +214,8 @@ Args parseArgs(int argc, char** argv)
             checkedName(a.function, a.function);
         } else if (arg == "--passes") {
             a.passes = true;
+        } else if (arg == "--shared") {
+            a.shared = true;
         } else if (arg == "--once") {
             a.once = true;
         } else if (arg == "--csv") {
@@ -362,6 +364,7 @@ void rejectOptions(const Args& a, int accepted)
         {!a.format.empty(), kFormat, "--format applies to diff, simplify and print only"},
         {!a.function.empty(), kFormat, "--function applies to diff, simplify and print only"},
         {a.passes, kPasses, "--passes applies to diff and simplify only"},
+        {a.shared, kShared, "--shared applies to diff only"},
     };
     for (const auto& o : options)
         if (o.given && !(accepted & o.flag))

@@ -61,6 +61,7 @@ struct Args {
     bool hessian = false;
     std::vector<std::string> grad;  // from --grad: table adds these partial derivatives
     bool passes = false;
+    bool shared = false;   // diff: the derivative as statements over its shared parts
     std::string format;    // from --format: formula, c or latex
     std::string function;  // from --function: the name of a C function to write
 };
@@ -88,7 +89,7 @@ Formula formulaOf(const Args& a);
 
 // Which options a command accepts besides --alias, --var and --file.
 enum Accepts { kSimplify = 1, kOnce = 2, kCsv = 4, kTree = 8, kValue = 16, kHessian = 32,
-               kGrad = 64, kFormat = 128, kPasses = 256 };
+               kGrad = 64, kFormat = 128, kPasses = 256, kShared = 512 };
 
 void rejectOptions(const Args& a, int accepted);
 
