@@ -15,6 +15,7 @@
 
 #include "node_probe.h"
 #include "program/native/native.h"
+#include "program/native/wide.h"
 #include "program/program.h"
 
 namespace {
@@ -412,6 +413,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
     const char* off = std::getenv("OXEL_BLOCK_JIT");
     const bool native = oxn::enabled() && __builtin_cpu_supports("avx2") &&
                         !(off && std::strcmp(off, "0") == 0);
+    const bool tail = oxn::mathColumn(oxk::Kind::OxExp) && oxn::mathColumn(oxk::Kind::OxLn);
     const struct {
         const char* text;
         bool block;  // it has block code (with native code on)
@@ -424,6 +426,9 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         {"!(x < y) || y == z && !(z >= 2)", true},  // connectives of truth values
         {"max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y", true},
         {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
+        // The last step over the block code's column: failing in it (ln of a negative,
+        // exp overflowing) or before it (a division by zero).
+        {"ln(x * y - z)", tail}, {"exp(x / y - z * 3)", tail}, {"exp(x * x * 400 - y)", tail},
     };
     for (const auto& f : formulas) {
         const char* formula = f.text;

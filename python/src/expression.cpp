@@ -191,6 +191,23 @@ std::string PyExpression::printed(KxString (OxelExpression::*form)() const)
     return ((*expr_).*form)().c_str();
 }
 
+py::object PyExpression::statements(const std::string& var, bool normalized)
+{
+    if (!index().contains(var))
+        throw py::value_error("derivative_statements() got '" + var
+            + "', which is not a variable or alias of this expression");
+    std::string text;
+    {
+        py::gil_scoped_release released;
+        Capture capture;
+        std::lock_guard<ForkFreshMutex> lock(mutex_);
+        text = expr_->partialStatements(var.c_str(), normalized).c_str();
+    }
+    if (text.empty())
+        return py::none();
+    return py::str(text);
+}
+
 std::string PyExpression::cFunction(const std::string& name)
 {
     py::gil_scoped_release released;

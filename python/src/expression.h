@@ -56,6 +56,10 @@ public:
 
     // A printed form, made with the interpreter lock released.
     std::string printed(KxString (OxelExpression::*form)() const);
+    // The partial derivative by var as statements over its shared parts (its parts each in
+    // normal form with normalized), with the interpreter lock released; None where it cannot
+    // be formed.
+    py::object statements(const std::string& var, bool normalized);
     // The formula as a whole C function of the declared variables ('' where there is none).
     std::string cFunction(const std::string& name);
     std::string print();

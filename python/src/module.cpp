@@ -84,6 +84,22 @@ interpreter lock is released while the library works.
     >>> oxel.Expression("x*x*y").derivative("x").eval(x=2.0, y=1.0)
     (4.0, <Error.NONE: 0>)
 )DOC");
+    cls.def(
+        "derivative_statements",
+        [](py::handle self, const std::string& var, bool normalized) {
+            return expr(self).statements(var, normalized);
+        },
+        "var"_a, "normalized"_a = false,
+        R"DOC(derivative() as formula text whose shared parts are assignments (t1 = ...;), the
+result last: linear in the formula's size where the expanded tree grows with its square (nested
+chains). Parsed with the same variables it gives derivative()'s values and codes; with
+normalized=True each part is in its normal form on its own. None where no derivative exists;
+ValueError for a name that is no variable or alias.
+
+    >>> print(oxel.Expression("exp(exp(x))").derivative_statements("x", normalized=True))
+    t1 = exp(x);
+    exp(t1) * t1
+)DOC");
     derived("simplified", "simplified", R"DOC(One simplification pass, as a new expression.
 
     >>> str(oxel.Expression("2+3*x*1").simplified())

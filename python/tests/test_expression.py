@@ -196,9 +196,21 @@ def test_derivatives(text, var, slope):
             assert code == 0 and value == pytest.approx(want, rel=1e-15, abs=0)
 
 
+def test_derivative_statements_read_back():
+    e = oxel.Expression("sin(" * 300 + "x*y" + ")" * 300, variables=XY)
+    text = e.derivative_statements("x")
+    assert text.startswith("t1 = ") and len(text) < len(str(e.derivative("x"))) / 10
+    xs = np.array(POINTS)
+    want = e.derivative("x").eval(x=xs, y=0.75)
+    got = oxel.Expression(text, variables=XY).eval(x=xs, y=0.75)
+    assert np.array_equal(bits(got[0]), bits(want[0])) and np.array_equal(got[1], want[1])
+    assert oxel.Expression("x % 2", variables=XY).derivative_statements("x") is None
+
+
 def test_misspelt_names_raise():
     e = oxel.Expression("x*y", variables=XY)
-    for call in (lambda: e.derivative("w"), lambda: e.gradient(["x", "w"])):
+    for call in (lambda: e.derivative("w"), lambda: e.gradient(["x", "w"]),
+                 lambda: e.derivative_statements("w")):
         with pytest.raises(ValueError, match="'w'"):
             call()
 

@@ -201,6 +201,30 @@ Runner selectRunner(const oxp::Step& s)
 
 using oxb::kBlock;
 
+namespace {
+
+// A program whose last step, its result, is exp or ln of an earlier step: the steps before it
+// as block code, where they fit it, and the four-lane exp or ln over the block's column.
+void tailBlock(OxelProgram& p, const oxp::Program& ir)
+{
+    const int n = static_cast<int>(ir.steps.size());
+    if (n < 3 || ir.result.mode != oxp::Operand::Reg || ir.result.index != n - 1 ||
+        ir.steps.back().a.mode != oxp::Operand::Reg)
+        return;
+    const oxn::MathColumn tail = oxn::mathColumn(ir.steps.back().kind);
+    if (!tail)
+        return;
+    oxp::Program rest = ir;
+    rest.steps.pop_back();
+    rest.result = ir.steps.back().a;
+    oxp::allocate(rest);
+    p.block = oxn::compileBlock(rest, p.inputVars, p.blockCode);
+    if (p.block)
+        p.tail = tail;
+}
+
+}  // namespace
+
 OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
 {
     OxelProgram* p = new OxelProgram;
@@ -214,6 +238,8 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     buildColumns(*p, ir);
     p->compiled = true;
     p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
+    if (!p->block)
+        tailBlock(*p, ir);
     return p;
 }
 
@@ -294,7 +320,20 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
     int codes[kBlock];
     int count = 0;
     const int groups = n / 4;
-    if (groups > 0 && p.block(colp, res, zeroed ? codes : err, marks, groups) != 0)
+    double* const mid = ws + static_cast<size_t>(p.numColumns) * kBlock;
+    const bool marked =
+        groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err, marks, groups) != 0;
+    if (p.tail && groups > 0) {
+        // The last step: a row the block code vouches for has its code. A marked row is redone
+        // below, whose code then overwrites this one where it is not 0; where it is 0 every
+        // step succeeded, and the block code's values and this code are the row's already.
+        std::fill(codes, codes + 4 * groups, 0);
+        p.tail(mid, res, codes, 4 * groups);
+        for (int r = 0; r < 4 * groups; ++r)
+            if (codes[r])
+                err[r] = codes[r];
+    }
+    if (marked)
         for (int g = 0; g < groups; ++g)
             for (unsigned m = marks[g]; m; m &= m - 1)
                 redo[count++] = 4 * g + __builtin_ctz(m);

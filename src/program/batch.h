@@ -58,6 +58,9 @@ public:
     // rows it marks.
     oxn::BlockFn block = nullptr;
     oxn::NativeCode blockCode;
+    // With tail, the block program is all steps but the last, an exp or ln of its result,
+    // which tail then computes over the block's column.
+    void (*tail)(const double* x, double* r, int* err, int n) = nullptr;
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i
     int numColumns = 0;           // input columns, then scratch columns

@@ -224,4 +224,17 @@ oxb::Runner wideRunner(const oxp::Step&)
 
 #endif
 
+MathColumn mathColumn(Kind kind)
+{
+#ifdef OXN_MATH
+    if (kind == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
+        return &oxm::expColumn;
+    if (kind == Kind::OxLn && oxm::serves(oxm::Fn::Log))
+        return &oxm::logColumn;
+#else
+    (void)kind;
+#endif
+    return nullptr;
+}
+
 }  // namespace oxn
