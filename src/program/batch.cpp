@@ -325,12 +325,11 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
         groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err, marks, groups) != 0;
     if (p.tail && groups > 0) {
         // The last step: a row the block code vouches for has its code. A marked row is redone
-        // below, whose code then overwrites this one where it is not 0; where it is 0 every
-        // step succeeded, and the block code's values and this code are the row's already.
+        // below; its operand here may not be the kernels' value, so neither is its code.
         std::fill(codes, codes + 4 * groups, 0);
         p.tail(mid, res, codes, 4 * groups);
         for (int r = 0; r < 4 * groups; ++r)
-            if (codes[r])
+            if (codes[r] && !(marked && (marks[r / 4] >> (r % 4) & 1)))
                 err[r] = codes[r];
     }
     if (marked)
