@@ -428,7 +428,8 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
         // The last step over the block code's column: failing in it (ln of a negative,
         // exp overflowing) or before it (a division by zero).
-        {"ln(x * y - z)", tail}, {"exp(x / y - z * 3)", tail}, {"exp(x * x * 400 - y)", tail},
+        {"ln(x * y - z / 2)", tail}, {"exp(x / y - z * 3)", tail},
+        {"exp(x * x * 400 - y)", tail}, {"ln(x * y - z)", false},  // two steps before it
     };
     for (const auto& f : formulas) {
         const char* formula = f.text;
