@@ -366,28 +366,34 @@ TEST(BatchEval, HandBuiltTrees)
 }
 
 // Trees of any width run compiled: a right-leaning chain whose pending left operands outnumber
-// the single-point registers (deep_test has the million-term chains). The expected value adds in
-// the tree's own order.
+// the single-point registers (deep_test has the million-term chains), and whose columns make the
+// batch's blocks shorter (so 130 rows take three). The expected value adds in the tree's order.
 TEST(BatchEval, HugeTreesRunCompiled)
 {
-    const double x = 0.75;
+    double xs[] = {0.75, -1.0};  // the second fails in the first square root
     const int kWide = 20000;
     Oxel* right = new OxSqroot(new OxPlus(new OxVar(0, "x"), new OxZahl(kWide - 1)));
-    double wide = std::sqrt(x + (kWide - 1));
+    double wide = std::sqrt(xs[0] + (kWide - 1));
     for (int i = kWide - 2; i >= 0; --i) {
         right = new OxPlus(new OxSqroot(new OxPlus(new OxVar(0, "x"), new OxZahl(i))), right);
-        wide = std::sqrt(x + i) + wide;
+        wide = std::sqrt(xs[0] + i) + wide;
     }
     {
         OxelExpression e;
         parseXyz(e, "0", 1);
         e.setRoot(right);
-        double v[] = {x}, res[3], rows[] = {x, x, x};
-        int err = 0, errs[3];
-        EXPECT_EQ(e.eval(v, 1, err), wide);
+        int err = 0, other = 0;
+        EXPECT_EQ(e.eval(xs, 1, err), wide);
         EXPECT_EQ(err, 0);
-        ASSERT_EQ(e.evalBatch(rows, 3, 1, res, errs), 0);
-        EXPECT_EQ(res[2], wide);
+        const double failed = e.eval(&xs[1], 1, other);
+        std::vector<double> rows, res(130);
+        std::vector<int> errs(130);
+        for (int r = 0; r < 130; ++r)
+            rows.push_back(xs[r % 3 == 2]);
+        ASSERT_EQ(e.evalBatch(rows.data(), 130, 1, res.data(), errs.data()), 0);
+        for (int r = 0; r < 130; ++r)
+            ASSERT_TRUE(r % 3 == 2 ? bitsEqual(res[r], failed) && errs[r] == other
+                                   : res[r] == wide && errs[r] == 0) << r;
     }
     // Wide with failures and assignments: the tree walk's bits, codes and slots.
     std::string text = "a = x * 2; b = ", close;

@@ -313,15 +313,15 @@ bool plainRounding()
 // are gathered into the front of the workspace's input columns (in place where a column is
 // there already: row k moves to k or below) and run through the instructions.
 // Codes go to err directly unless the caller promised zeros (then only failures are written).
-void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* res, int* err,
-              bool zeroed)
+void runFused(const OxelProgram& p, double** colp, double* ws, int rows, int n, double* res,
+              int* err, bool zeroed)
 {
     uint8_t marks[kBlock / 4];
     int redo[kBlock];
     int codes[kBlock];
     int count = 0;
     const int groups = n / 4;
-    double* const mid = ws + static_cast<size_t>(p.numColumns) * kBlock;
+    double* const mid = ws + static_cast<size_t>(p.numColumns) * static_cast<size_t>(rows);
     const bool marked =
         groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err, marks, groups) != 0;
     if (p.tail && groups > 0) {
@@ -345,13 +345,13 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
     if (count == 0)
         return;
     for (size_t c = 0; c < p.inputVars.size(); ++c) {
-        double* to = ws + c * kBlock;
+        double* to = ws + c * static_cast<size_t>(rows);
         const double* from = colp[c];
         for (int k = 0; k < count; ++k)
             to[k] = from[redo[k]];
         colp[c] = to;
     }
-    colp[p.numColumns] = ws + static_cast<size_t>(p.numColumns) * kBlock;
+    colp[p.numColumns] = mid;
     std::fill(codes, codes + count, 0);
     oxb::Frame f{colp, codes, count};
     for (const oxb::Insn& in : p.code)
@@ -364,6 +364,17 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int n, double* re
     }
 }
 
+// A thread's workspace holds a block of every column: blocks of fewer rows (a multiple of four)
+// where kBlock rows would need more than this, as in programs with tens of thousands of live
+// values (the Hessian of a deeply nested formula).
+const size_t kWorkspaceBytes = size_t{8} << 20;
+
+int blockRows(size_t columns)
+{
+    const size_t fit = kWorkspaceBytes / (sizeof(double) * columns) & ~size_t{3};
+    return static_cast<int>(std::max<size_t>(4, std::min<size_t>(kBlock, fit)));
+}
+
 // Rows [begin, end) through the program, a block at a time, in this thread's workspace.
 void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, double* results,
                  int* errors)
@@ -371,24 +382,26 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     thread_local std::vector<double> ws;
     thread_local std::vector<double*> cols;
     const size_t outputs = src.outs ? p.assigned.size() : 0;  // result 0 included
-    const size_t need = (static_cast<size_t>(p.numColumns) + 2 + outputs) * kBlock;
-    if (ws.size() < need)
-        ws.resize(need);
+    const size_t columns = static_cast<size_t>(p.numColumns) + 2 + outputs;
+    const int rows = blockRows(columns);
+    const size_t stride = static_cast<size_t>(rows);
+    if (ws.size() < columns * stride)
+        ws.resize(columns * stride);
     cols.resize(static_cast<size_t>(p.numColumns) + 1 + outputs);
     for (int c = 0; c < p.numColumns; ++c)
-        cols[static_cast<size_t>(c)] = ws.data() + static_cast<size_t>(c) * kBlock;
-    double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * kBlock;
+        cols[static_cast<size_t>(c)] = ws.data() + static_cast<size_t>(c) * stride;
+    double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * stride;
     double** colp = cols.data();
     const int numInputs = static_cast<int>(p.inputVars.size());
     const bool fused = p.block && !src.outs && oxn::enabled() && plainRounding();
-    for (int start = begin; start < end; start += kBlock) {
-        const int n = std::min(kBlock, end - start);
+    for (int start = begin; start < end; start += rows) {
+        const int n = std::min(rows, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on
         // copies, never on the caller's arrays.
-        const bool full = n == kBlock;
+        const bool full = n == rows;
         for (int c = 0; c < numInputs; ++c) {
             const int v = p.inputVars[static_cast<size_t>(c)];
-            double* col = ws.data() + static_cast<size_t>(c) * kBlock;
+            double* col = ws.data() + static_cast<size_t>(c) * stride;
             if (src.columns) {
                 const double* in = src.columns[v];
                 if (in && full) {
@@ -412,7 +425,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         int* err = errors + start;
         double* res = results + start;
         if (fused) {
-            runFused(p, colp, ws.data(), n, res, err, src.errorsZeroed);
+            runFused(p, colp, ws.data(), rows, n, res, err, src.errorsZeroed);
             continue;
         }
         if (!src.errorsZeroed)
@@ -421,7 +434,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         colp[p.numColumns] = direct ? res : resultScratch;
         for (size_t k = 1; k < outputs; ++k)  // scratch after the result's
             colp[static_cast<size_t>(p.numColumns) + k] =
-                full ? src.outs[k] + start : resultScratch + k * kBlock;
+                full ? src.outs[k] + start : resultScratch + k * stride;
         oxb::Frame f{colp, err, n};
         for (const oxb::Insn& in : p.code)
             in.run(in, f);
