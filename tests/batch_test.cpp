@@ -538,3 +538,32 @@ TEST(BatchEval, SquaresRoundTwiceAsTheKernel)
         }
     }
 }
+
+// Batches of a million rows and more stream their results past the caches: the same values
+// and codes as the same rows in small batches, unaligned results included.
+TEST(BatchEval, StreamedResultsMatchSmallBatches)
+{
+    const int n = (1 << 20) + 7;
+    std::vector<double> x(n), y(n), z(n);
+    for (int r = 0; r < n; ++r) {
+        x[r] = 0.5 + (r % 1000) * 0.01;
+        y[r] = r % 997 == 0 ? 0.0 : 1.0 + (r % 13);
+        z[r] = r % 1009 == 0 ? 1e300 : r * 1e-6;
+    }
+    const double* cols[] = {x.data(), y.data(), z.data()};
+    OxelExpression e;
+    ASSERT_EQ(parseXyz(e, "x / y - z * z + sqrt(x)"), 1);
+    std::vector<double> big(n + 1), small(n);
+    std::vector<int> bigErr(n), smallErr(n);
+    for (int offset : {0, 1}) {  // results 16-byte aligned, and not
+        ASSERT_EQ(e.evalBatchColumns(cols, n, big.data() + offset, bigErr.data()), 0);
+        for (int start = 0; start < n; start += 1000) {
+            const double* part[] = {cols[0] + start, cols[1] + start, cols[2] + start};
+            ASSERT_EQ(e.evalBatchColumns(part, std::min(1000, n - start), small.data() + start,
+                                         smallErr.data() + start),
+                      0);
+        }
+        for (int r = 0; r < n; ++r)
+            ASSERT_TRUE(bitsEqual(big[r + offset], small[r]) && bigErr[r] == smallErr[r]) << r;
+    }
+}

@@ -281,6 +281,7 @@ struct Source {
     const double* const* columns;
     bool errorsZeroed;  // the error codes start at zero already
     double* const* outs = nullptr;  // several trees: outs[k] receives assigned value k >= 1
+    bool stream = false;  // results too large for the caches: the block code streams them
 };
 
 // Programs with random draws or callbacks run row after row on the calling thread, so that
@@ -314,7 +315,7 @@ bool plainRounding()
 // there already: row k moves to k or below) and run through the instructions.
 // Codes go to err directly unless the caller promised zeros (then only failures are written).
 void runFused(const OxelProgram& p, double** colp, double* ws, int rows, int n, double* res,
-              int* err, bool zeroed)
+              int* err, bool zeroed, bool stream)
 {
     uint8_t marks[kBlock / 4];
     int redo[kBlock];
@@ -322,8 +323,9 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int rows, int n, 
     int count = 0;
     const int groups = n / 4;
     double* const mid = ws + static_cast<size_t>(p.numColumns) * static_cast<size_t>(rows);
-    const bool marked =
-        groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err, marks, groups) != 0;
+    const int streamed = stream && !p.tail && reinterpret_cast<uintptr_t>(res) % 16 == 0;
+    const bool marked = groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err,
+                                              marks, groups, streamed) != 0;
     if (p.tail && groups > 0) {
         // The last step: a row the block code vouches for has its code. A marked row is redone
         // below; its operand here may not be the kernels' value, so neither is its code.
@@ -425,7 +427,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
         int* err = errors + start;
         double* res = results + start;
         if (fused) {
-            runFused(p, colp, ws.data(), rows, n, res, err, src.errorsZeroed);
+            runFused(p, colp, ws.data(), rows, n, res, err, src.errorsZeroed, src.stream);
             continue;
         }
         if (!src.errorsZeroed)
@@ -451,6 +453,8 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
                 std::memcpy(to, colp[from], sizeof(double) * static_cast<size_t>(n));
         }
     }
+    if (fused && src.stream)
+        _mm_sfence();  // streamed values reach memory before the batch reports them
 }
 
 const int kTaskRows = 16 * kBlock;       // rows per task handed to a worker
@@ -471,10 +475,14 @@ void runTask(void* ctx, int i)
     runCompiled(*j.p, *j.src, begin, std::min(j.numRows, begin + kTaskRows), j.results, j.errors);
 }
 
-void run(OxelProgram* p, const Source& src, int numRows, double* results, int* errors)
+// Results from 8 MB on (a few times this processor's caches) are streamed to memory.
+const int kStreamRows = 1 << 20;
+
+void run(OxelProgram* p, Source src, int numRows, double* results, int* errors)
 {
     if (numRows <= 0)
         return;
+    src.stream = numRows >= kStreamRows;
     if (!p->compiled) {
         runRows(*p, src, numRows, results, errors);
         return;

@@ -410,7 +410,7 @@ void BlockGenerator::inlined(const oxp::Step& s)
     define(dst);
 }
 
-// int fn(columns, results, errors, marks, groups): see BlockFn.
+// int fn(columns, results, errors, marks, groups, stream): see BlockFn.
 void BlockGenerator::run()
 {
     const size_t n = l_.steps.size();
@@ -474,12 +474,21 @@ void BlockGenerator::run()
     for (step_ = 0; step_ < static_cast<int>(n); ++step_)
         inlined(l_.steps[static_cast<size_t>(step_)]);
     const Place r = place(l_.result, rax);
-    if (r.inReg) {
-        vmovupd(yword[rbp + r13 * 8], Xbyak::Ymm(r.reg));
-    } else {
+    const Xbyak::Ymm value = r.inReg ? Xbyak::Ymm(r.reg) : t0;
+    if (!r.inReg)
         vmovupd(t0, r.mem);
-        vmovupd(yword[rbp + r13 * 8], t0);
-    }
+    // Streaming stores (16-byte aligned results) where the caller's results will not fit any
+    // cache: no read of each line before it is written.
+    Xbyak::Label cached, stored;
+    test(r9d, r9d);
+    jz(cached);
+    vmovntpd(xword[rbp + r13 * 8], Xbyak::Xmm(value.getIdx()));
+    vextractf128(Xbyak::Xmm(t1.getIdx()), value, 1);
+    vmovntpd(xword[rbp + r13 * 8 + 16], Xbyak::Xmm(t1.getIdx()));
+    jmp(stored);
+    L(cached);
+    vmovupd(yword[rbp + r13 * 8], value);
+    L(stored);
     const Xbyak::Xmm zero(t0.getIdx());
     vxorpd(zero, zero, zero);
     vmovupd(xword[r15 + r13 * 4], zero);

@@ -46,9 +46,10 @@ void releaseNative(NativeCode& code);
 // bit j set where row j's value cannot be vouched for (a value or an input left the range
 // where the steps give their kernels' results): those rows must be evaluated again by the
 // column program, whose values and codes are eval()'s; unmarked rows have no error. Returns
-// the marks ORed.
+// the marks ORed. With stream (results 16-byte aligned), values bypass the caches (the
+// caller fences before others read them).
 using BlockFn = int (*)(const double* const* columns, double* results, int* errors,
-                        uint8_t* marks, int groups);
+                        uint8_t* marks, int groups, int stream);
 // Code for a program of cheap steps only (null: none, e.g. native code off, no AVX2 and FMA,
 // a raise, a function of the C library); it assumes rounding to nearest.
 BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, NativeCode& out);
