@@ -22,14 +22,20 @@ namespace {
 // enough to read, to normalize and to parse back, whatever the depth of the graph.
 const long kInlineLevels = 48;
 
+// t in its normal form where asked (t consumed): null where that exceeds the node budget.
+Oxel* normalForm(Oxel* t, bool normalized)
+{
+    if (!normalized)
+        return t;
+    Oxel* n = oxelNormalized(t);
+    oxelDestroy(t);
+    return n;
+}
+
 // The result expression, after the statements (t consumed): false where it has no text.
 bool result(Oxel* t, bool normalized, std::string* out)
 {
-    if (normalized) {
-        Oxel* n = oxelNormalized(t);
-        oxelDestroy(t);
-        t = n;
-    }
+    t = normalForm(t, normalized);
     if (!t)
         return false;
     const KxString s = oxelToFormula(t);
@@ -229,13 +235,9 @@ private:
 
     bool statement(Oxel* t, const std::string& name)
     {
-        if (normalized_) {
-            Oxel* n = oxelNormalized(t);
-            oxelDestroy(t);
-            if (!n)
-                return false;
-            t = n;
-        }
+        t = normalForm(t, normalized_);
+        if (!t)
+            return false;
         Oxel* assign = new OxVar(0, name.c_str(), t);
         const KxString s = oxelToFormula(assign);
         oxelDestroy(assign);

@@ -90,7 +90,7 @@ private:
     std::vector<bool> mem_;
     int holder_[kValues];
     int step_ = 0;
-    std::map<uint64_t, Xbyak::Label> pool_;
+    ConstantPool pool_;
     int endOff_ = 0, stackOff_ = 0;
     const Xbyak::Ymm t0{13}, t1{14};
     const Xbyak::Ymm sums_[3] = {Xbyak::Ymm(11), Xbyak::Ymm(12), Xbyak::Ymm(15)};
@@ -127,13 +127,8 @@ private:
         return tests;
     }
 
-    Xbyak::Address constant(double v)
-    {
-        uint64_t bits;
-        std::memcpy(&bits, &v, sizeof bits);
-        return yword[rip + pool_[bits]];
-    }
-    Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_[bits]]; }
+    Xbyak::Address constant(double v) { return yword[rip + pool_.of(v)]; }
+    Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_.of(bits)]; }
     Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
 
     // Registers hold step values (key: the step) and inputs (key: steps + variable slot), the
@@ -510,12 +505,7 @@ void BlockGenerator::run()
     pop(rbp);
     pop(rbx);
     ret();
-    align(32);
-    for (auto& c : pool_) {
-        L(c.second);
-        for (int j = 0; j < 4; ++j)
-            dq(c.first);
-    }
+    pool_.place(*this, 4);
 }
 
 // AVX2 and FMA, and OXEL_BLOCK_JIT not "0": the column instructions alone then

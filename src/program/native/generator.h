@@ -77,6 +77,31 @@ inline bool cheapKind(Kind k)
 }
 
 // An operand's place at one point of the code: a register or memory.
+// Constants placed after the code, each value once, read rip-relative: as wide as the
+// registers that read them (lanes copies of each).
+class ConstantPool {
+public:
+    Xbyak::Label& of(uint64_t bits) { return labels_[bits]; }
+    Xbyak::Label& of(double v)
+    {
+        uint64_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        return labels_[bits];
+    }
+    void place(Xbyak::CodeGenerator& g, int lanes)
+    {
+        g.align(8 * lanes);
+        for (auto& c : labels_) {
+            g.L(c.second);
+            for (int j = 0; j < lanes; ++j)
+                g.dq(c.first);
+        }
+    }
+
+private:
+    std::map<uint64_t, Xbyak::Label> labels_;
+};
+
 struct Place {
     bool inReg = false;
     int reg = -1;
@@ -110,7 +135,7 @@ private:
     int holder_[kAlloc];      // step held by each register, or -1
     int step_ = 0;
     std::deque<Slow> slow_;
-    std::map<uint64_t, Xbyak::Label> pool_;
+    ConstantPool pool_;
     int saveOff_ = 0, tempOff_ = 0, argOff_ = 0, varsOff_ = 0, codeOff_ = 0, outsOff_ = 0;
     int pairOff_ = 0;        // per sine-cosine pair, the later one's value until its step
     std::vector<int> pair_;  // per step: its pair (oxp::sinCosPairs), or -1
@@ -124,13 +149,8 @@ private:
 
     const Xbyak::Xmm s0{14}, s1{15};
 
-    Xbyak::Address constant(double v)
-    {
-        uint64_t bits;
-        std::memcpy(&bits, &v, sizeof bits);
-        return qword[rip + pool_[bits]];
-    }
-    Xbyak::Address constantBits(uint64_t bits) { return qword[rip + pool_[bits]]; }
+    Xbyak::Address constant(double v) { return qword[rip + pool_.of(v)]; }
+    Xbyak::Address constantBits(uint64_t bits) { return qword[rip + pool_.of(bits)]; }
     Xbyak::Address home(int step) { return qword[rsp + 8 * l_.slot[static_cast<size_t>(step)]]; }
     Xbyak::Address saved(int r) { return qword[rsp + saveOff_ + 8 * r]; }
 

@@ -339,12 +339,7 @@ void Generator::run()
     }
     ret();
     slowPaths();
-    align(16);
-    for (auto& c : pool_) {
-        L(c.second);
-        dq(c.first);
-        dq(c.first);  // both lanes: the masks are ANDed as 128-bit values
-    }
+    pool_.place(*this, 2);  // both lanes: the masks are ANDed as 128-bit values
 }
 
 PointFn compilePoint(const oxp::Program& ir, NativeCode& out)
