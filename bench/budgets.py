@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# Time and peak memory of the oxel program on nested chains at n, 2n, 4n, 8n, with growth exponents.
+# Time and peak memory of the oxel program on nested chains and flat texts at n, 2n, 4n, 8n.
 """Usage: bench/budgets.py [path/to/oxel] [--budget N]
 
 For `oxel diff CHAIN x` with and without --simplify and `oxel grad CHAIN x x=0.5 --hessian`
@@ -7,12 +7,14 @@ over exp( nested n deep, from 1000 to 8000, prints the seconds, the peak residen
 the exit status and the growth exponent log(t2/t1)/log(2) between doubled sizes. Past the node
 budget (from 2000 on), diff prints statements over shared parts instead of the expanded tree.
 An exit status of 4 is a refusal by the node budget, 3 an evaluation error (the chain
-overflows at x=0.5).
+overflows at x=0.5). Then `oxel print --file` of flat sums of up to a million terms and of up
+to 200000 distinct names (the names are declared from the text).
 """
 import math
 import os
 import subprocess
 import sys
+import tempfile
 import time
 
 
@@ -55,6 +57,18 @@ def main():
            lambda n: [oxel, "diff", chain(n), "x", "--simplify"] + extra)
     series("oxel grad exp-chain x x=0.5 --hessian", sizes,
            lambda n: [oxel, "grad", chain(n), "x", "x=0.5", "--hessian"] + extra)
+    # Flat texts too long for a command line: sums of n terms, and of n distinct names.
+    with tempfile.TemporaryDirectory() as tmp:
+        def text(name, n, term):
+            path = os.path.join(tmp, "%s%d.txt" % (name, n))
+            with open(path, "w") as f:
+                f.write("+".join(term % i for i in range(n)))
+            return path
+        flat = [125000, 250000, 500000, 1000000]
+        series("oxel print (sum of sin(x*i))", flat,
+               lambda n: [oxel, "print", "--file", text("sum", n, "sin(x*%d)")])
+        series("oxel print (sum of n names)", [25000, 50000, 100000, 200000],
+               lambda n: [oxel, "print", "--file", text("names", n, "a%d")])
 
 
 if __name__ == "__main__":

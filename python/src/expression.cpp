@@ -3,9 +3,12 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace oxpy {
 
@@ -38,19 +41,33 @@ std::vector<std::string> namesRead(
     KxDArray<KxString> names;
     KxDArray<int> assigned;
     oxelFormulaNames(text.c_str(), names, &assigned);
+    // Hashed: a text of a hundred thousand names stays linear.
+    // An alias replaces the name, then any later alias of the result replaces it again.
+    std::unordered_map<std::string, std::vector<size_t>> at;
+    for (size_t k = 0; k < aliases.size(); ++k)
+        at[aliases[k].first].push_back(k);
+    auto resolve = [&](std::string n) {
+        for (size_t from = 0;;) {
+            const auto it = at.find(n);
+            if (it == at.end())
+                return n;
+            const auto k = std::lower_bound(it->second.begin(), it->second.end(), from);
+            if (k == it->second.end())
+                return n;
+            n = aliases[*k].second;
+            from = *k + 1;
+        }
+    };
     std::vector<std::string> out;
+    std::unordered_set<std::string> seen;
     auto add = [&](const std::string& n) {
-        if (std::find(out.begin(), out.end(), n) == out.end())
+        if (seen.insert(n).second)
             out.push_back(n);
     };
     for (int i = 0; i < names.length(); ++i) {
         if (assigned[i])
             continue;
-        std::string n = names[i].c_str();
-        for (const auto& a : aliases)
-            if (a.first == n)
-                n = a.second;
-        add(n);
+        add(resolve(names[i].c_str()));
     }
     for (const auto& a : aliases)
         add(a.second);
@@ -89,11 +106,12 @@ PyExpression::PyExpression(Recipe r)
         checkName(v, "variable name");
         expr_->addVar(v.c_str());
     }
+    const std::unordered_set<std::string> declared(recipe_.variables.begin(),
+        recipe_.variables.end());
     for (const auto& a : recipe_.aliases) {
         checkName(a.first, "alias");
         checkName(a.second, "variable name");
-        if (std::find(recipe_.variables.begin(), recipe_.variables.end(), a.second)
-            == recipe_.variables.end())
+        if (!declared.count(a.second))
             throw py::value_error("alias '" + a.first + "' refers to '" + a.second
                 + "', which is not a declared variable");
         expr_->addVarAlias(a.second.c_str(), a.first.c_str());

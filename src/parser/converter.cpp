@@ -178,8 +178,7 @@ Oxel* OxConverter_parse(const char* text, KxDArray<KxString>& varNames,
         char* semicolon = std::strchr(start, ';');
         if (semicolon)
             *semicolon = '\0';
-        OxConverter_yyBuf = start;
-        OxConverter_yyPos = 0;
+        OxConverter_setText(start);
         OxConverter_yyBase = static_cast<int>(start - text);
         OxConverter_resetOffsets();
         // A statement that ended inside braces leaves appended text behind; continuing to

@@ -21,6 +21,8 @@ extern int OxConverter_yyNumDepVars;
 // Lexer input: the statement text and how many characters the scanner has taken.
 extern const char* OxConverter_yyBuf;
 extern int OxConverter_yyPos;
+// Starts the lexer on a statement text (its length measured once).
+void OxConverter_setText(const char* text);
 
 // Read statements longer than one refill whole instead of re-reading their start.
 extern bool OxConverter_wholeStatements;
