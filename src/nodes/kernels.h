@@ -82,7 +82,7 @@ inline double call(double a, double b, [[maybe_unused]] int& err)
         return F(a, b);
 }
 
-const double kExpLimit = 709.72;  // a little below log(DBL_MAX), kept so
+constexpr double kExpLimit = 709.72;  // a little below log(DBL_MAX), kept so
 
 // ---------------------------------------------------------------- arithmetic
 

@@ -54,21 +54,18 @@ OXM_AVX2 int lanes(__m256d mask)
 }
 
 // exp(x) = 2^(k/N) exp(r) with x = k ln2/N + r, |r| <= ln2/2N; 2^(k/N) from the table as
-// scale (1 + tail); exp(r) - 1 by a polynomial. |x| in [512, 1024) rescales to keep scale
-// a normal number; |x| < 2^-54 gives 1 + x. Lanes in *away take the scalar function.
-OXM_AVX2 __m256d exp4(__m256d x, int& away)
-{
-    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
-    const __m256d outside = _mm256_cmp_pd(ax, k(1024.0), _CMP_NLT_UQ);  // NaN included
-    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-54), _CMP_LT_OQ);
-    const __m256d large = _mm256_cmp_pd(ax, k(512.0), _CMP_GE_OQ);
-    // Lanes of another path compute on zero: subnormal arithmetic in dead lanes is slow.
-    const __m256d xs = _mm256_andnot_pd(_mm256_or_pd(outside, tiny), x);
+// scale (1 + tail); exp(r) - 1 by a polynomial: y = scale + scale * tmp.
+struct ExpParts {
+    __m256i scaleBits;
+    __m256d tmp;
+};
 
-    __m256d kd = fma(xs, k(kInvLn2N), k(kShift));
+OXM_AVX2 ExpParts expParts(__m256d x)
+{
+    __m256d kd = fma(x, k(kInvLn2N), k(kShift));
     const __m256i ki = ints(kd);
     kd = _mm256_sub_pd(kd, k(kShift));
-    __m256d r = fma(kd, k(kNegLn2HiN), xs);
+    __m256d r = fma(kd, k(kNegLn2HiN), x);
     r = fma(kd, k(kNegLn2LoN), r);
     __m256d tail, scaleBits;
     pairs(reinterpret_cast<const double*>(kExpTable), _mm256_and_si256(ki, _mm256_set1_epi64x(127)),
@@ -80,19 +77,49 @@ OXM_AVX2 __m256d exp4(__m256d x, int& away)
     const __m256d p45 = fma(r, k(kExpC5), k(kExpC4));
     const __m256d lowTerms = fma(p23, r2, tr);
     const __m256d r4 = _mm256_mul_pd(r2, r2);
-    const __m256d tmp = fma(r4, p45, lowTerms);
-    const __m256d scale = bits(sbits);
-    __m256d y = fma(scale, tmp, scale);
+    return {sbits, fma(r4, p45, lowTerms)};
+}
+
+// Lanes with |x| outside [2^-54, 512), NaN included: one integer test, off the values' chain,
+// so that the common case pays no blends.
+OXM_AVX2 bool expUncommon(__m256d x)
+{
+    const int64_t tiny = 0x3c90000000000000ll;  // 2^-54
+    const __m256i a = _mm256_sub_epi64(ints(_mm256_andnot_pd(k(-0.0), x)), _mm256_set1_epi64x(tiny));
+    const __m256i above = _mm256_cmpgt_epi64(a, _mm256_set1_epi64x(0x4080000000000000ll - tiny - 1));
+    return lanes(bits(_mm256_or_si256(a, above))) != 0;
+}
+
+OXM_AVX2 __m256d expCommon(__m256d x)
+{
+    const ExpParts p = expParts(x);
+    const __m256d scale = bits(p.scaleBits);
+    return fma(scale, p.tmp, scale);
+}
+
+// Any lanes: |x| in [512, 1024) rescales to keep scale a normal number; |x| < 2^-54 gives
+// 1 + x. Lanes in *away take the scalar function.
+[[gnu::target("avx2,fma"), gnu::noinline, gnu::cold]] __m256d expAnyLanes(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256d outside = _mm256_cmp_pd(ax, k(1024.0), _CMP_NLT_UQ);  // NaN included
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-54), _CMP_LT_OQ);
+    const __m256d large = _mm256_cmp_pd(ax, k(512.0), _CMP_GE_OQ);
+    // Lanes of another path compute on zero: subnormal arithmetic in dead lanes is slow.
+    const __m256d xs = _mm256_andnot_pd(_mm256_or_pd(outside, tiny), x);
+    const ExpParts p = expParts(xs);
+    const __m256d scale = bits(p.scaleBits);
+    __m256d y = fma(scale, p.tmp, scale);
 
     int awayMask = lanes(outside);
     const __m256d big = _mm256_andnot_pd(outside, large);
     if (lanes(big)) {
         // k > 0: the scale's exponent may have overflowed; take 2^1009 out of it.
-        const __m256d up = bits(_mm256_sub_epi64(sbits, _mm256_set1_epi64x(1009ll << 52)));
-        const __m256d yUp = _mm256_mul_pd(fma(up, tmp, up), k(0x1p1009));
+        const __m256d up = bits(_mm256_sub_epi64(p.scaleBits, _mm256_set1_epi64x(1009ll << 52)));
+        const __m256d yUp = _mm256_mul_pd(fma(up, p.tmp, up), k(0x1p1009));
         // k < 0: 2^-1022 out of it; results below 2^-1022 are subnormal (scalar lanes).
-        const __m256d down = bits(_mm256_add_epi64(sbits, _mm256_set1_epi64x(1022ll << 52)));
-        const __m256d sum = _mm256_add_pd(down, _mm256_mul_pd(down, tmp));
+        const __m256d down = bits(_mm256_add_epi64(p.scaleBits, _mm256_set1_epi64x(1022ll << 52)));
+        const __m256d sum = _mm256_add_pd(down, _mm256_mul_pd(down, p.tmp));
         const __m256d yDown = _mm256_mul_pd(sum, k(0x1p-1022));
         const __m256d negative = _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ);
         y = _mm256_blendv_pd(y, _mm256_blendv_pd(yUp, yDown, negative), big);
@@ -102,6 +129,14 @@ OXM_AVX2 __m256d exp4(__m256d x, int& away)
     y = _mm256_blendv_pd(y, _mm256_add_pd(k(1.0), x), tiny);
     away = awayMask;
     return y;
+}
+
+OXM_AVX2 __m256d exp4(__m256d x, int& away)
+{
+    if (__builtin_expect(expUncommon(x), 0))
+        return expAnyLanes(x, away);
+    away = 0;
+    return expCommon(x);
 }
 
 // log(x) near 1 (x in [1 - 2^-4, 1 + 0x1.09p-4)): r = x - 1 and a polynomial, with r split
@@ -133,10 +168,10 @@ OXM_AVX2 __m256d logMain(__m256d x)
     const __m256i ix = ints(x);
     const __m256i tmp = _mm256_sub_epi64(ix, _mm256_set1_epi64x(0x3fe6000000000000ll));
     const __m256i i = _mm256_and_si256(_mm256_srli_epi64(tmp, 45), _mm256_set1_epi64x(127));
-    // k = tmp >> 52, arithmetic: AVX2 shifts only 32-bit lanes so, from the high halves.
-    const __m256i high = _mm256_permutevar8x32_epi32(_mm256_srai_epi32(tmp, 20),
-                                                     _mm256_setr_epi32(1, 3, 5, 7, 1, 3, 5, 7));
-    const __m256d kd = _mm256_cvtepi32_pd(_mm256_castsi256_si128(high));
+    // k = tmp >> 52, arithmetic, which AVX2 lacks: (tmp + (0x3fe << 52)) >> 52 is k + 0x3fe
+    // and not negative for normal x; it becomes a double as the low bits of 2^52.
+    const __m256i biased = _mm256_srli_epi64(_mm256_add_epi64(tmp, _mm256_set1_epi64x(0x3fell << 52)), 52);
+    const __m256d kd = _mm256_sub_pd(bits(_mm256_or_si256(biased, ints(k(0x1p52)))), k(0x1p52 + 0x3fe));
     const __m256i iz =
         _mm256_sub_epi64(ix, _mm256_and_si256(tmp, _mm256_set1_epi64x(0xfffll << 52)));
     __m256d invc, logc;
@@ -151,21 +186,31 @@ OXM_AVX2 __m256d logMain(__m256d x)
     return _mm256_add_pd(fma(r3, q, fma(r2, k(kLogA0), lo)), hi);
 }
 
+// Lanes whose bits, less base, fall outside [0, width) have the sign bit set: one integer test.
+OXM_AVX2 __m256i bitsOutside(__m256i ix, int64_t base, int64_t width)
+{
+    const __m256i a = _mm256_sub_epi64(ix, _mm256_set1_epi64x(base));
+    return _mm256_or_si256(a, _mm256_cmpgt_epi64(a, _mm256_set1_epi64x(width - 1)));
+}
+
 OXM_AVX2 __m256d log4(__m256d x, int& away)
 {
-    const __m256d near = _mm256_and_pd(_mm256_cmp_pd(x, k(1.0 - 0x1p-4), _CMP_GE_OQ),
-                                       _mm256_cmp_pd(x, k(1.0 + 0x1.09p-4), _CMP_LT_OQ));
-    const __m256d normal = _mm256_and_pd(_mm256_cmp_pd(x, k(0x1p-1022), _CMP_GE_OQ),
-                                         _mm256_cmp_pd(x, k(__builtin_inf()), _CMP_LT_OQ));
-    const __m256d served = _mm256_or_pd(near, normal);
-    away = 15 & ~lanes(served);
-    const __m256d xs = _mm256_and_pd(served, x);
-    const int nearLanes = lanes(near);
-    if (nearLanes == 15)
-        return logNearOne(xs);
-    if (nearLanes == 0)
-        return logMain(xs);
-    return _mm256_blendv_pd(logMain(xs), logNearOne(xs), near);
+    // Normal x > 0 below infinity, and x in [1 - 2^-4, 1 + 0x1.09p-4), by their bits.
+    const __m256i ix = ints(x);
+    const __m256d abnormal = bits(bitsOutside(ix, 0x0010000000000000ll, 0x7fe0000000000000ll));
+    const __m256d far = bits(bitsOutside(ix, 0x3fee000000000000ll, 0x3ff1090000000000ll - 0x3fee000000000000ll));
+    away = lanes(abnormal);
+    const int farLanes = lanes(far);
+    if (__builtin_expect(away == 0, 1)) {
+        if (farLanes == 15)
+            return logMain(x);
+        if (farLanes == 0)
+            return logNearOne(x);
+    }
+    // Lanes of another path compute on zero, as in exp; near-one lanes are all normal.
+    const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(abnormal)));
+    const __m256d xs = _mm256_andnot_pd(zeroed, x);
+    return _mm256_blendv_pd(logNearOne(xs), logMain(xs), far);
 }
 
 // Four rows at a time; lanes away from the four-lane path, and the rows that raise, run the
@@ -178,7 +223,12 @@ template <bool IsExp>
         int away;
         __m256d y;
         if constexpr (IsExp) {
-            y = exp4(v, away);
+            static_assert(oxk::kExpLimit >= 512, "rows that overflow take the rare path");
+            if (!__builtin_expect(expUncommon(v), 0)) {
+                _mm256_storeu_pd(r + i, expCommon(v));
+                continue;
+            }
+            y = expAnyLanes(v, away);
             away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
         } else {
             y = log4(v, away);
