@@ -420,6 +420,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
     const bool native = oxn::enabled() && __builtin_cpu_supports("avx2") &&
                         !(off && std::strcmp(off, "0") == 0);
     const bool tail = oxn::mathColumn(oxk::Kind::OxExp) && oxn::mathColumn(oxk::Kind::OxLn);
+    const bool vexp = oxn::mathColumn(oxk::Kind::OxExp) != nullptr;
     const struct {
         const char* text;
         bool block;  // it has block code (with native code on)
@@ -429,6 +430,8 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         {"a = x * y; b = sqrt(a - 1); a + b / z", true},  // assigned slots
         {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},
         {"ceil(y - 2) / z", true},  // -0 from ceil
+        // Divisors that are powers of two: subnormal quotients, signed zeros, overflows.
+        {"x / 4 - y / -0.5 + z / 0.125 + x * 1e-308 / 1024 + x * 1e300 / 0.25", true},
         {"!(x < y) || y == z && !(z >= 2)", true},  // connectives of truth values
         {"max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y", true},
         {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
@@ -436,6 +439,9 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         // exp overflowing) or before it (a division by zero).
         {"ln(x * y - z / 2)", tail}, {"exp(x / y - z * 3)", tail},
         {"exp(x * x * 400 - y)", tail}, {"ln(x * y - z)", false},  // two steps before it
+        // exp in the block code: from 512 on (overflows among them), NaN, tiny and subnormal.
+        {"exp(x * y) - exp(-z / x) * y", vexp}, {"exp(sqrt(x - 1)) * z", vexp},
+        {"exp(x * 1e-310) + exp(-y * 1e-300) * exp(z - 1e-17)", vexp},
     };
     for (const auto& f : formulas) {
         const char* formula = f.text;

@@ -1,4 +1,4 @@
-// The four-lane exp and log (see vector_math.h); compiled with -ffp-contract=off: every fused
+// The four-lane exp, log and log10 (see vector_math.h); compiled with -ffp-contract=off: every fused
 // multiply-add below is written out, and no other product may be fused.
 #include "nodes/vector_math.h"
 
@@ -193,12 +193,22 @@ OXM_AVX2 __m256i bitsOutside(__m256i ix, int64_t base, int64_t width)
     return _mm256_or_si256(a, _mm256_cmpgt_epi64(a, _mm256_set1_epi64x(width - 1)));
 }
 
+// Normal x > 0 below infinity: the logs' common path (sign bit clear).
+OXM_AVX2 __m256i logNormal(__m256d x)
+{
+    return bitsOutside(ints(x), 0x0010000000000000ll, 0x7fe0000000000000ll);
+}
+
+// x outside [1 - 2^-4, 1 + 0x1.09p-4), where log takes logMain (sign bit set).
+OXM_AVX2 __m256i logFar(__m256d x)
+{
+    return bitsOutside(ints(x), 0x3fee000000000000ll, 0x3ff1090000000000ll - 0x3fee000000000000ll);
+}
+
 OXM_AVX2 __m256d log4(__m256d x, int& away)
 {
-    // Normal x > 0 below infinity, and x in [1 - 2^-4, 1 + 0x1.09p-4), by their bits.
-    const __m256i ix = ints(x);
-    const __m256d abnormal = bits(bitsOutside(ix, 0x0010000000000000ll, 0x7fe0000000000000ll));
-    const __m256d far = bits(bitsOutside(ix, 0x3fee000000000000ll, 0x3ff1090000000000ll - 0x3fee000000000000ll));
+    const __m256d abnormal = bits(logNormal(x));
+    const __m256d far = bits(logFar(x));
     away = lanes(abnormal);
     const int farLanes = lanes(far);
     if (__builtin_expect(away == 0, 1)) {
@@ -213,33 +223,148 @@ OXM_AVX2 __m256d log4(__m256d x, int& away)
     return _mm256_blendv_pd(logNearOne(xs), logMain(xs), far);
 }
 
+// log10(x) = y log10(2) + log(x')/ln(10) with x = 2^y x', x' in [1/2, 2) (y = 0 for x in
+// [1/2, 2)); 1/ln(10) rounded, log10(2) as hi + lo with hi's low 13 bits zero, so that y hi is
+// exact. Products and sums are rounded one by one: no fused operation here.
+const double kInvLn10 = 0x1.bcb7b1526e50ep-2;
+const double kLog10Of2Hi = 0x1.34413509f6p-2;
+const double kLog10Of2Lo = 0x1.9fef311f12b36p-42;
+
+// x' of x: its mantissa with the exponent of 1, or of 1/2 where x < 1.
+OXM_AVX2 __m256d log10Reduced(__m256d x)
+{
+    const __m256i ix = ints(x);
+    const __m256i below = _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x3ff0000000000000ll), ix);
+    const __m256i mantissa = _mm256_and_si256(ix, _mm256_set1_epi64x(0x000fffffffffffffll));
+    return bits(_mm256_or_si256(mantissa, _mm256_add_epi64(_mm256_set1_epi64x(0x3ffll << 52),
+                                                           _mm256_slli_epi64(below, 52))));
+}
+
+// log10(x) from l = log(x').
+OXM_AVX2 __m256d log10Finished(__m256d x, __m256d l)
+{
+    const __m256i ix = ints(x);
+    const __m256d e = _mm256_sub_pd(bits(_mm256_or_si256(_mm256_srli_epi64(ix, 52), ints(k(0x1p52)))),
+                                    k(0x1p52 + 1023));
+    const __m256d below = _mm256_cmp_pd(e, k(0.0), _CMP_LT_OQ);  // x < 1: x' in [1/2, 1)
+    const __m256d y = _mm256_add_pd(e, _mm256_and_pd(below, k(1.0)));
+    const __m256d z = _mm256_add_pd(_mm256_mul_pd(y, k(kLog10Of2Lo)), _mm256_mul_pd(k(kInvLn10), l));
+    return _mm256_add_pd(z, _mm256_mul_pd(y, k(kLog10Of2Hi)));
+}
+
+OXM_AVX2 __m256d log10of4(__m256d x, int& away)
+{
+    const __m256d l = log4(log10Reduced(x), away);
+    away = lanes(bits(logNormal(x)));
+    return log10Finished(x, l);
+}
+
+// One row per function: its kernel, and for the logs the argument of log and the result
+// from log's value.
+template <Fn F>
+struct Lanes;
+template <>
+struct Lanes<Fn::Exp> {
+    static double kernel(double x, int& err) { return oxk::eval_OxExp(x, err); }
+};
+template <>
+struct Lanes<Fn::Log> {
+    OXM_AVX2 static __m256d reduced(__m256d x) { return x; }
+    OXM_AVX2 static __m256d finished(__m256d, __m256d l) { return l; }
+    static double kernel(double x, int& err) { return oxk::eval_OxLn(x, err); }
+};
+template <>
+struct Lanes<Fn::Log10> {
+    OXM_AVX2 static __m256d reduced(__m256d x) { return log10Reduced(x); }
+    OXM_AVX2 static __m256d finished(__m256d x, __m256d l) { return log10Finished(x, l); }
+    static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
+};
+
+// Rows whose log runs near one, gathered from groups that also hold other rows (in data about
+// 1 such groups are common, and computing both paths on every lane cost more than this).
+template <Fn F>
+struct NearRows {
+    int row[8];
+    int count = 0;
+
+    OXM_AVX2 void run(const double* x, double* r, int from)
+    {
+        const int* j = row + from;
+        const __m256d v = _mm256_setr_pd(x[j[0]], x[j[1]], x[j[2]], x[j[3]]);
+        alignas(32) double y[4];
+        _mm256_store_pd(y, Lanes<F>::finished(v, logNearOne(Lanes<F>::reduced(v))));
+        for (int l = 0; l < 4; ++l)
+            r[j[l]] = y[l];
+    }
+
+    OXM_AVX2 void add(unsigned lanes, int first, const double* x, double* r)
+    {
+        for (; lanes; lanes &= lanes - 1)
+            row[count++] = first + __builtin_ctz(lanes);
+        if (count >= 4) {
+            run(x, r, 0);
+            count -= 4;
+            for (int i = 0; i < count; ++i)
+                row[i] = row[4 + i];
+        }
+    }
+
+    OXM_AVX2 void finish(const double* x, double* r)
+    {
+        if (count == 0)
+            return;
+        for (int i = count; i < 4; ++i)
+            row[i] = row[count - 1];
+        run(x, r, 0);
+    }
+};
+
 // Four rows at a time; lanes away from the four-lane path, and the rows that raise, run the
 // kernel (which also records their codes).
-template <bool IsExp>
-[[gnu::target("avx2,fma")]] void column(const double* x, double* r, int* err, int n)
+template <Fn F>
+[[gnu::target("avx2,fma")]] void fourRows(const double* x, double* r, int* err, int n)
 {
+    [[maybe_unused]] NearRows<F> near;
     for (int i = 0; i < n; i += 4) {
         const __m256d v = _mm256_loadu_pd(x + i);
         int away;
-        __m256d y;
-        if constexpr (IsExp) {
+        if constexpr (F == Fn::Exp) {
             static_assert(oxk::kExpLimit >= 512, "rows that overflow take the rare path");
             if (!__builtin_expect(expUncommon(v), 0)) {
                 _mm256_storeu_pd(r + i, expCommon(v));
                 continue;
             }
-            y = expAnyLanes(v, away);
+            _mm256_storeu_pd(r + i, expAnyLanes(v, away));
             away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
         } else {
-            y = log4(v, away);
+            const __m256d reduced = Lanes<F>::reduced(v);
+            const __m256d abnormal = bits(logNormal(v));
+            const __m256d far = bits(logFar(reduced));
+            away = lanes(abnormal);
+            const int farLanes = lanes(far);
+            if (__builtin_expect(away == 0 && farLanes == 15, 1)) {
+                _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logMain(reduced)));
+                continue;
+            }
+            if (away == 0 && farLanes == 0) {
+                _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logNearOne(reduced)));
+                continue;
+            }
+            // Lanes of another path compute on zero, as in exp; near-one lanes come later.
+            const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(abnormal)));
+            const __m256d xs = _mm256_andnot_pd(zeroed, reduced);
+            _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logMain(xs)));
+            const int inside = n - i >= 4 ? 15 : (1 << (n - i)) - 1;
+            near.add(static_cast<unsigned>(~farLanes & ~away & inside), i, x, r);
         }
-        _mm256_storeu_pd(r + i, y);
         for (; away; away &= away - 1) {
             const int j = i + __builtin_ctz(static_cast<unsigned>(away));
             if (j < n)
-                r[j] = IsExp ? oxk::eval_OxExp(x[j], err[j]) : oxk::eval_OxLn(x[j], err[j]);
+                r[j] = Lanes<F>::kernel(x[j], err[j]);
         }
     }
+    if constexpr (F != Fn::Exp)
+        near.finish(x, r);
 }
 
 // The four-lane paths assume rounding to nearest, no flush to zero and no denormals-are-zero
@@ -249,15 +374,15 @@ bool plainRounding()
     return (_mm_getcsr() & 0xe040u) == 0;
 }
 
-template <bool IsExp>
+template <Fn F>
 void guarded(const double* x, double* r, int* err, int n)
 {
     if (plainRounding()) {
-        column<IsExp>(x, r, err, n);
+        fourRows<F>(x, r, err, n);
         return;
     }
     for (int i = 0; i < n; ++i)
-        r[i] = IsExp ? oxk::eval_OxExp(x[i], err[i]) : oxk::eval_OxLn(x[i], err[i]);
+        r[i] = Lanes<F>::kernel(x[i], err[i]);
 }
 
 }  // namespace
@@ -266,18 +391,23 @@ void guarded(const double* x, double* r, int* err, int n)
 {
     int away;
     const __m256d v = _mm256_loadu_pd(x);
-    _mm256_storeu_pd(r, fn == Fn::Exp ? exp4(v, away) : log4(v, away));
+    _mm256_storeu_pd(r, fn == Fn::Exp ? exp4(v, away)
+                        : fn == Fn::Log ? log4(v, away)
+                                        : log10of4(v, away));
     return away;
 }
 
-void expColumn(const double* x, double* r, int* err, int n)
+Column column(Fn fn)
 {
-    guarded<true>(x, r, err, n);
-}
-
-void logColumn(const double* x, double* r, int* err, int n)
-{
-    guarded<false>(x, r, err, n);
+    switch (fn) {
+    case Fn::Exp:
+        return &guarded<Fn::Exp>;
+    case Fn::Log:
+        return &guarded<Fn::Log>;
+    case Fn::Log10:
+        break;
+    }
+    return &guarded<Fn::Log10>;
 }
 
 }  // namespace oxm

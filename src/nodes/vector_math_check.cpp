@@ -1,4 +1,4 @@
-// Whether the four-lane exp and log serve: the switch, the host's C library and processor,
+// Whether the four-lane exp, log and log10 serve: the switch, the host's C library and processor,
 // and the self-check against the running C library.
 #include "nodes/vector_math.h"
 
@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include <xmmintrin.h>
 #if defined(__GLIBC__)
@@ -55,6 +56,11 @@ const double kLogSeparating[] = {
     0x1.7883251876898p+0,  0x1.84182e6692458p-1,  0x1.1a0ddbe17390ap+0,
     0x1.153241cd9271ep+0,  0x1.ce48c6ffeb246p-1,  0x1.c6f28d8ce7f8ep-1,
 };
+// log10 runs log on [1/2, 2): the inputs above, and four where a build that fuses the last
+// product into its sum rounds differently.
+const double kLog10Separating[] = {
+    0x1.93432598389a5p-5, 0x1.0c51787907b92p-264, 0x1.43b70640a48bp-106, 0x1.06850769e7dbep+1,
+};
 
 // Ranges [lo, hi) of every branch, random inputs from each; {0, 0}: random bit patterns (for
 // log without the sign: every exponent alike).
@@ -66,6 +72,7 @@ const Range kExpRanges[] = {{-0x1p-50, 0x1p-50}, {-1.0, 1.0},     {-10.0, 10.0},
                             {0.0, 0.0}};
 const Range kLogRanges[] = {{0.9375, 1.0647}, {0x1p-1022, 0x1p-1000}, {0.0, 10.0},
                             {0.5, 2.0},       {0.0, 0.0}};
+const Range kLog10Ranges[] = {{0.5, 2.0}, {2.0, 1e6}, {0x1p-1022, 0.5}, {0.0, 0.0}};
 const int kPerRange = 256;
 
 struct Rng {
@@ -105,30 +112,72 @@ bool agree(Fn fn, double (*reference)(double), const double* x)
     return true;
 }
 
-template <size_t N>
-bool agreeAll(Fn fn, double (*reference)(double), const double (&xs)[N])
+bool agreeAll(Fn fn, double (*reference)(double), const double* xs, size_t n)
 {
-    static_assert(N % 4 == 0, "four lanes at a time");
-    for (size_t i = 0; i < N; i += 4)
+    for (size_t i = 0; i + 4 <= n; i += 4)
         if (!agree(fn, reference, xs + i))
             return false;
     return true;
 }
 
-template <size_t N>
-bool agreeRandom(Fn fn, double (*reference)(double), const Range (&ranges)[N])
+bool agreeRandom(Fn fn, double (*reference)(double), const Range* ranges, size_t n)
 {
     Rng rng;
-    for (const Range& range : ranges) {
+    for (const Range* range = ranges; range != ranges + n; ++range) {
         for (int i = 0; i < kPerRange; i += 4) {
             double x[4];
             for (double& v : x)
-                v = rng.in(range, fn == Fn::Exp ? ~0ull : ~0ull >> 1);
+                v = rng.in(*range, fn == Fn::Exp ? ~0ull : ~0ull >> 1);
             if (!agree(fn, reference, x))
                 return false;
         }
     }
     return true;
+}
+
+// One row per function: its name, the C library's function, and the check's inputs.
+struct Row {
+    Fn fn;
+    const char* name;
+    double (*c)(double);
+    const double* separating[2];
+    size_t separatingSize[2];
+    const Range* ranges;
+    size_t rangesSize;
+};
+
+template <size_t N>
+constexpr size_t size(const double (&)[N])
+{
+    static_assert(N % 4 == 0, "four lanes at a time");
+    return N;
+}
+
+double cExp(double x) { return std::exp(x); }
+double cLog(double x) { return std::log(x); }
+double cLog10(double x) { return std::log10(x); }
+
+constexpr Row kRows[] = {
+    {Fn::Exp, "exp", &cExp, {kExpSeparating, nullptr}, {size(kExpSeparating), 0}, kExpRanges,
+     std::size(kExpRanges)},
+    {Fn::Log, "log", &cLog, {kLogSeparating, nullptr}, {size(kLogSeparating), 0}, kLogRanges,
+     std::size(kLogRanges)},
+    {Fn::Log10, "log10", &cLog10, {kLogSeparating, kLog10Separating},
+     {size(kLogSeparating), size(kLog10Separating)}, kLog10Ranges, std::size(kLog10Ranges)},
+};
+
+constexpr bool inOrder()
+{
+    for (size_t i = 0; i < std::size(kRows); ++i)
+        if (kRows[i].fn != kFunctions[i])
+            return false;
+    return std::size(kRows) == std::size(kFunctions);
+}
+static_assert(inOrder(), "a row per function, in the order of Fn");
+
+const Row& rowOf(Fn fn)
+{
+    return kRows[static_cast<size_t>(fn)];
 }
 
 bool hostFits()
@@ -145,21 +194,11 @@ bool hostFits()
 #endif
 }
 
-double cExp(double x)
-{
-    return std::exp(x);
-}
-
-double cLog(double x)
-{
-    return std::log(x);
-}
-
 bool decide(Fn fn)
 {
     if (!hostFits())
         return false;
-    return selfCheck(fn, fn == Fn::Exp ? &cExp : &cLog);
+    return selfCheck(fn, rowOf(fn).c);
 }
 
 }  // namespace
@@ -170,19 +209,36 @@ bool selfCheck(Fn fn, double (*reference)(double))
     // columns test it again on every use.
     const unsigned csr = _mm_getcsr();
     _mm_setcsr(csr & ~0xe040u);
-    const bool ok = fn == Fn::Exp ? agreeAll(fn, reference, kExpSeparating) &&
-                                        agreeRandom(fn, reference, kExpRanges)
-                                  : agreeAll(fn, reference, kLogSeparating) &&
-                                        agreeRandom(fn, reference, kLogRanges);
+    const Row& row = rowOf(fn);
+    bool ok = agreeRandom(fn, reference, row.ranges, row.rangesSize);
+    for (int i = 0; i < 2; ++i)
+        ok = ok && agreeAll(fn, reference, row.separating[i], row.separatingSize[i]);
     _mm_setcsr(csr);
     return ok;
 }
 
 bool serves(Fn fn)
 {
-    static const bool exp = decide(Fn::Exp);
-    static const bool log = decide(Fn::Log);
-    return fn == Fn::Exp ? exp : log;
+    struct Decided {
+        bool on[std::size(kFunctions)];
+        Decided()
+        {
+            for (Fn f : kFunctions)
+                on[static_cast<size_t>(f)] = decide(f);
+        }
+    };
+    static const Decided decided;
+    return decided.on[static_cast<size_t>(fn)];
+}
+
+const char* name(Fn fn)
+{
+    return rowOf(fn).name;
+}
+
+double reference(Fn fn, double x)
+{
+    return rowOf(fn).c(x);
 }
 
 }  // namespace oxm

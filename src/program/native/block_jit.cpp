@@ -1,5 +1,6 @@
 // Fused block programs for the column batch: one x86-64 loop per program that takes four rows
 // at a time through every step in ymm registers, marking the rows it cannot vouch for.
+#include "program/native/block_math.h"
 #include "program/native/generator.h"
 
 #include <algorithm>
@@ -11,11 +12,12 @@ namespace oxn {
 namespace {
 
 // The steps the loop computes: both generators' inline kinds; floor and ceil, which vroundpd
-// rounds exactly as the C library does (signed zeros, infinities and NaN included); and x^2.
+// rounds exactly as the C library does (signed zeros, infinities and NaN included); x^2; and
+// exp where the four-lane exp serves (block_math.h).
 bool blockStep(const oxp::Step& s)
 {
     return cheapKind(s.kind) || s.kind == Kind::OxFloor || s.kind == Kind::OxCeil ||
-           oxp::squareStep(s);
+           oxp::squareStep(s) || (s.kind == Kind::OxExp && blockExp());
 }
 
 // ymm0..ymm10 hold values; ymm11, ymm12 and ymm15 the result test's sums, ymm13 and ymm14
@@ -57,6 +59,8 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
     case Kind::OxFloor:
     case Kind::OxCeil:
         return a + 1.0;
+    case Kind::OxExp:  // lanes from 512 on are marked
+        return std::exp(std::min(a, 512.0));
     default:  // comparisons and connectives
         return 1.0;
     }
@@ -64,6 +68,14 @@ double stepBound(Kind k, double a, double b, const Operand& right, bool& tested)
         return r;
     tested = true;
     return kTested;
+}
+
+// A power of two whose reciprocal is a normal number: dividing by it and multiplying by the
+// reciprocal round the same exact quotient, so they give the same bits, zeros' signs and NaN.
+bool exactReciprocal(double b)
+{
+    int e;
+    return std::fabs(std::frexp(b, &e)) == 0.5 && std::isnormal(1.0 / b);
 }
 
 const int kMaxSlots = 1024;  // a frame of 32 KiB at most
@@ -333,6 +345,8 @@ void BlockGenerator::inlined(const oxp::Step& s)
             vsubpd(d, x, bop);
         else if (k == Kind::OxMal)
             vmulpd(d, x, bop);
+        else if (s.b.mode == Operand::Const && exactReciprocal(s.b.k))
+            vmulpd(d, x, constant(1.0 / s.b.k));  // the same rounding of the same quotient
         else
             vdivpd(d, x, bop);
         if (tested)
@@ -398,6 +412,18 @@ void BlockGenerator::inlined(const oxp::Step& s)
     case Kind::OxCeil:
         vroundpd(d, aop, 10);  // toward +infinity
         break;
+    case Kind::OxExp: {
+        unsigned used = ops | 1u << dst;
+        int extra[3];
+        for (int& e : extra) {
+            e = pick(used);
+            used |= 1u << e;
+        }
+        emitExp(*this, pool_, aop,
+                {d, t0, t1, Xbyak::Ymm(extra[0]), Xbyak::Ymm(extra[1]), Xbyak::Ymm(extra[2])},
+                [this](const Xbyak::Ymm& m) { markLanes(m); });
+        break;
+    }
     default:  // OxBetrag
         vandpd(d, first(), constantBits(0x7FFFFFFFFFFFFFFFull));
         break;

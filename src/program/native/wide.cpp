@@ -1,6 +1,6 @@
 // Four-lane AVX2 column loops: + - * / with their results tested (a result below 2^1022 in
 // magnitude is the kernel's own, see point_jit.cpp; other lanes run the kernel), min, max,
-// comparisons, connectives, negation, abs, sqrt, exp and ln (vector_math.h), all of them the
+// comparisons, connectives, negation, abs, sqrt, exp, ln and log10 (vector_math.h), all of them the
 // scalar kernels' bits.
 #include "program/native/wide.h"
 
@@ -157,20 +157,41 @@ template <Kind K, bool AConst, bool BConst>
     X(OxSqroot)
 
 #ifdef OXN_MATH
-// exp and ln through the four-lane forms that give the C library's bits (vector_math.h).
-template <bool IsExp>
+// exp, ln and log10 through the four-lane forms that give the C library's bits
+// (vector_math.h): the kind and the function of each, in the order of oxm::Fn.
+struct MathKind {
+    Kind kind;
+    oxm::Fn fn;
+};
+constexpr MathKind kMathKinds[] = {
+    {Kind::OxExp, oxm::Fn::Exp}, {Kind::OxLn, oxm::Fn::Log}, {Kind::OxLog10, oxm::Fn::Log10}};
+
+template <oxm::Fn F>
 void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
 {
-    (IsExp ? &oxm::expColumn : &oxm::logColumn)(f.cols[in.a], f.cols[in.out], f.err, f.n);
+    oxm::column(F)(f.cols[in.a], f.cols[in.out], f.err, f.n);
+}
+
+template <size_t... I>
+constexpr std::array<oxb::Runner, sizeof...(I)> mathLoops(std::index_sequence<I...>)
+{
+    return {&mathLoop<kMathKinds[I].fn>...};
+}
+
+// The function serving kind's column, if any.
+const MathKind* servedMath(Kind kind)
+{
+    for (const MathKind& m : kMathKinds)
+        if (m.kind == kind && oxm::serves(m.fn))
+            return &m;
+    return nullptr;
 }
 
 oxb::Runner mathRunner(Kind kind)
 {
-    if (kind == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
-        return &mathLoop<true>;
-    if (kind == Kind::OxLn && oxm::serves(oxm::Fn::Log))
-        return &mathLoop<false>;
-    return nullptr;
+    static constexpr auto loops = mathLoops(std::make_index_sequence<std::size(kMathKinds)>());
+    const MathKind* m = servedMath(kind);
+    return m ? loops[static_cast<size_t>(m - kMathKinds)] : nullptr;
 }
 #else
 oxb::Runner mathRunner(Kind)
@@ -227,10 +248,8 @@ oxb::Runner wideRunner(const oxp::Step&)
 MathColumn mathColumn(Kind kind)
 {
 #ifdef OXN_MATH
-    if (kind == Kind::OxExp && oxm::serves(oxm::Fn::Exp))
-        return &oxm::expColumn;
-    if (kind == Kind::OxLn && oxm::serves(oxm::Fn::Log))
-        return &oxm::logColumn;
+    if (const MathKind* m = servedMath(kind))
+        return oxm::column(m->fn);
 #else
     (void)kind;
 #endif
