@@ -280,42 +280,43 @@ struct Lanes<Fn::Log10> {
     static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
 };
 
-// Rows whose log runs near one, gathered from groups that also hold other rows (in data about
-// 1 such groups are common, and computing both paths on every lane cost more than this).
+// Rows whose log runs near one, from groups that also hold other rows (common in data about
+// 1): gathered without a branch and run four at a time after the column's other rows, rather
+// than both paths on every lane of such groups.
 template <Fn F>
 struct NearRows {
-    int row[8];
+    static const int kRows = 256;
+    alignas(16) int row[kRows + 4];
     int count = 0;
 
-    OXM_AVX2 void run(const double* x, double* r, int from)
+    OXM_AVX2 void run(const double* x, double* r)
     {
-        const int* j = row + from;
-        const __m256d v = _mm256_setr_pd(x[j[0]], x[j[1]], x[j[2]], x[j[3]]);
-        alignas(32) double y[4];
-        _mm256_store_pd(y, Lanes<F>::finished(v, logNearOne(Lanes<F>::reduced(v))));
-        for (int l = 0; l < 4; ++l)
-            r[j[l]] = y[l];
-    }
-
-    OXM_AVX2 void add(unsigned lanes, int first, const double* x, double* r)
-    {
-        for (; lanes; lanes &= lanes - 1)
-            row[count++] = first + __builtin_ctz(lanes);
-        if (count >= 4) {
-            run(x, r, 0);
-            count -= 4;
-            for (int i = 0; i < count; ++i)
-                row[i] = row[4 + i];
-        }
-    }
-
-    OXM_AVX2 void finish(const double* x, double* r)
-    {
-        if (count == 0)
-            return;
-        for (int i = count; i < 4; ++i)
+        for (int i = count; i % 4; ++i)
             row[i] = row[count - 1];
-        run(x, r, 0);
+        for (int i = 0; i < count; i += 4) {
+            const int* j = row + i;
+            const __m256d v = _mm256_setr_pd(x[j[0]], x[j[1]], x[j[2]], x[j[3]]);
+            alignas(32) double y[4];
+            _mm256_store_pd(y, Lanes<F>::finished(v, logNearOne(Lanes<F>::reduced(v))));
+            for (int l = 0; l < 4; ++l)
+                r[j[l]] = y[l];
+        }
+        count = 0;
+    }
+
+    // The rows first + l for the lanes l of mask, in order.
+    OXM_AVX2 void add(unsigned mask, int first, const double* x, double* r)
+    {
+        alignas(16) static const int kLanes[16][4] = {
+            {0, 0, 0, 0}, {0, 0, 0, 0}, {1, 0, 0, 0}, {0, 1, 0, 0}, {2, 0, 0, 0}, {0, 2, 0, 0},
+            {1, 2, 0, 0}, {0, 1, 2, 0}, {3, 0, 0, 0}, {0, 3, 0, 0}, {1, 3, 0, 0}, {0, 1, 3, 0},
+            {2, 3, 0, 0}, {0, 2, 3, 0}, {1, 2, 3, 0}, {0, 1, 2, 3}};
+        const __m128i lanes = _mm_load_si128(reinterpret_cast<const __m128i*>(kLanes[mask]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(row + count),
+                         _mm_add_epi32(_mm_set1_epi32(first), lanes));
+        count += __builtin_popcount(mask);
+        if (count > kRows)
+            run(x, r);
     }
 };
 
@@ -338,20 +339,20 @@ template <Fn F>
             away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
         } else {
             const __m256d reduced = Lanes<F>::reduced(v);
-            const __m256d abnormal = bits(logNormal(v));
-            const __m256d far = bits(logFar(reduced));
-            away = lanes(abnormal);
-            const int farLanes = lanes(far);
-            if (__builtin_expect(away == 0 && farLanes == 15, 1)) {
+            const __m256i abnormal = logNormal(v);
+            const int farLanes = lanes(bits(logFar(reduced)));
+            away = lanes(bits(abnormal));
+            if (__builtin_expect(farLanes == 15 && away == 0, 1)) {
                 _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logMain(reduced)));
                 continue;
             }
-            if (away == 0 && farLanes == 0) {
+            if (farLanes == 0 && away == 0) {
                 _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logNearOne(reduced)));
                 continue;
             }
-            // Lanes of another path compute on zero, as in exp; near-one lanes come later.
-            const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(abnormal)));
+            // Mixed groups: the main path for every lane (lanes of another path on zero, as in
+            // exp), near-one lanes again later.
+            const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), abnormal));
             const __m256d xs = _mm256_andnot_pd(zeroed, reduced);
             _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logMain(xs)));
             const int inside = n - i >= 4 ? 15 : (1 << (n - i)) - 1;
@@ -364,7 +365,7 @@ template <Fn F>
         }
     }
     if constexpr (F != Fn::Exp)
-        near.finish(x, r);
+        near.run(x, r);
 }
 
 // The four-lane paths assume rounding to nearest, no flush to zero and no denormals-are-zero
