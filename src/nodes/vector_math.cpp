@@ -224,8 +224,9 @@ OXM_AVX2 __m256d log4(__m256d x, int& away)
 }
 
 // log10(x) = y log10(2) + log(x')/ln(10) with x = 2^y x', x' in [1/2, 2) (y = 0 for x in
-// [1/2, 2)); 1/ln(10) rounded, log10(2) as hi + lo with hi's low 13 bits zero, so that y hi is
-// exact. Products and sums are rounded one by one: no fused operation here.
+// [1/2, 2)): 1/ln(10) rounded to nearest, log10(2) cut at 2^-41 as hi (40 bits, so y hi is
+// exact) and the rest rounded as lo. Products and sums are rounded one by one: no fused
+// operation here, as in the C library's build of it.
 const double kInvLn10 = 0x1.bcb7b1526e50ep-2;
 const double kLog10Of2Hi = 0x1.34413509f6p-2;
 const double kLog10Of2Lo = 0x1.9fef311f12b36p-42;
