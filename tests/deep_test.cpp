@@ -23,21 +23,6 @@ const double kNone = std::nan("");  // no derivative exists
 const std::string kTooDeep =
     "expression nested too deeply (more than " + std::to_string(kMax) + " levels)";
 
-std::string repeat(const std::string& s, long n)
-{
-    std::string out;
-    out.reserve(s.size() * static_cast<size_t>(n));
-    for (long i = 0; i < n; ++i)
-        out += s;
-    return out;
-}
-
-// n opening texts, the inner text, and n closing parentheses.
-std::string nest(const std::string& open, const char* inner, long n)
-{
-    return repeat(open, n) + inner + repeat(")", n);
-}
-
 // Parses text, declaring x if nothing is declared.
 int parse(OxelExpression& e, const std::string& text)
 {

@@ -172,6 +172,30 @@ const char* const kCFormulas[] = {
     "-x*-y - -3", "1/3 + x/7",
 };
 
+// Builds f.c and main.c with gcc -std=c99 -Wall -Werror, each by itself, runs the program and
+// gives the numbers it printed a line each; on failure the files stay for a look.
+std::vector<double> runC(const std::string& f, const std::string& main)
+{
+    char dir[] = "/tmp/oxel-c-XXXXXX";
+    if (!mkdtemp(dir))
+        return {};
+    const std::string base = dir;
+    std::ofstream(base + "/f.c") << f;
+    std::ofstream(base + "/main.c") << main;
+    const std::string build = "gcc -std=c99 -Wall -Werror -o " + base + "/f " + base + "/f.c " +
+                              base + "/main.c -lm && " + base + "/f > " + base + "/out";
+    std::vector<double> out;
+    if (std::system(build.c_str()) != 0) {
+        ADD_FAILURE() << "does not build or run: " << base;
+        return out;
+    }
+    std::ifstream printed(base + "/out");
+    for (std::string line; std::getline(printed, line);)
+        out.push_back(std::strtod(line.c_str(), nullptr));
+    std::system(("rm -rf " + base).c_str());
+    return out;
+}
+
 }  // namespace
 
 // What oxelToC writes compiles with gcc -std=c99 and computes eval's values at ordinary points.
@@ -188,11 +212,9 @@ TEST(PrintC, CompilesAndAgreesWithEval)
         formulas.push_back(i < 8 ? m->toFormula().c_str() : randomFormula(rng, 3, false));
     }
     const double points[][2] = {{0.7, 1.3}, {-1.9, 0.4}, {2.5, -2.2}};
-    char dir[] = "/tmp/oxel-c-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    std::string base = dir;
-    std::ofstream src(base + "/f.c");
-    src << "#define _XOPEN_SOURCE 700\n#include <math.h>\n#include <stdio.h>\n#include <stdlib.h>\n";
+    std::ostringstream src, main;
+    src << "#define _XOPEN_SOURCE 700\n#include <math.h>\n#include <stdlib.h>\n";
+    main << "#include <stdio.h>\n";
     std::vector<Expr> exprs;
     for (size_t i = 0; i < formulas.size(); ++i) {
         exprs.push_back(parsed(formulas[i]));
@@ -203,39 +225,33 @@ TEST(PrintC, CompilesAndAgreesWithEval)
             c = exprs.back()->toC().c_str();
         }
         ASSERT_NE(c, "") << formulas[i];
-        src << "static double f" << i << "(double x, double y, double z) { double a = 0; "
+        src << "double f" << i << "(double x, double y, double z) { double a = 0; "
             << "(void)x; (void)y; (void)z; (void)a; return " << c << "; }\n";
+        main << "double f" << i << "(double, double, double);\n";
     }
-    src << "int main(void) {\n  static const double p[][2] = {";
+    main << "int main(void) {\n  static const double p[][2] = {";
     for (const auto& p : points)
-        src << "{" << p[0] << ", " << p[1] << "}, ";
-    src << "};\n  for (int k = 0; k < " << std::size(points) << "; ++k) {\n";
+        main << "{" << p[0] << ", " << p[1] << "}, ";
+    main << "};\n  for (int k = 0; k < " << std::size(points) << "; ++k) {\n";
     for (size_t i = 0; i < formulas.size(); ++i)
-        src << "    printf(\"%.17g\\n\", f" << i << "(p[k][0], p[k][1], 0.5));\n";
-    src << "  }\n  return 0;\n}\n";
-    src.close();
-    std::string build = "gcc -std=c99 -Wall -Werror -Wno-unused-function -o " + base + "/f " +
-                        base + "/f.c -lm 2>&1";
-    ASSERT_EQ(std::system(build.c_str()), 0) << "does not compile: " << base << "/f.c";
-    std::ifstream out((std::system((base + "/f > " + base + "/out").c_str()), base + "/out"));
-    for (const auto& p : points) {
-        for (size_t i = 0; i < formulas.size(); ++i) {
-            std::string line;
-            ASSERT_TRUE(std::getline(out, line));
-            int err;
-            double want = evalAt(*exprs[i], {p[0], p[1], 0.5}, err);
-            double got = std::strtod(line.c_str(), nullptr);
-            if (err || (std::isnan(want) && std::isnan(got)))
-                continue;  // the guards are not reproduced
-            EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))
-                << formulas[i] << "\nC: " << exprs[i]->toC().c_str() << "\nat " << p[0] << ", " << p[1];
-        }
+        main << "    printf(\"%.17g\\n\", f" << i << "(p[k][0], p[k][1], 0.5));\n";
+    main << "  }\n  return 0;\n}\n";
+    const std::vector<double> out = runC(src.str(), main.str());
+    ASSERT_EQ(out.size(), std::size(points) * formulas.size());
+    for (size_t k = 0; k < out.size(); ++k) {
+        const auto& p = points[k / formulas.size()];
+        const size_t i = k % formulas.size();
+        int err;
+        const double want = evalAt(*exprs[i], {p[0], p[1], 0.5}, err), got = out[k];
+        if (err || (std::isnan(want) && std::isnan(got)))
+            continue;  // the guards are not reproduced
+        EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))
+            << formulas[i] << "\nC: " << exprs[i]->toC().c_str() << "\nat " << p[0] << ", " << p[1];
     }
-    std::system(("rm -rf " + base).c_str());
 }
 
 // C functions of formulas whose variables C reserves compile with gcc -std=c99 -Wall -Werror
-// -c, and compute eval's values: parameters in declaration order, assigned names as locals.
+// by themselves, and compute eval's values: parameters in declaration order, assigned names as locals.
 TEST(PrintC, FunctionsCompileForAnyNames)
 {
     if (std::system("gcc --version >/dev/null 2>&1") != 0)
@@ -253,10 +269,7 @@ TEST(PrintC, FunctionsCompileForAnyNames)
         {{}, "1 + 2"},                             // no parameter
     };
     const double values[] = {1.5, -0.25, 2.0, 0.75, 3.0};
-    char dir[] = "/tmp/oxel-c-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    const std::string base = dir;
-    std::ofstream src(base + "/f.c"), main(base + "/main.c");
+    std::ostringstream src, main;
     src << "#include <math.h>\n#include <stdlib.h>\n";
     main << "#include <stdio.h>\n";
     std::vector<double> want;
@@ -283,20 +296,7 @@ TEST(PrintC, FunctionsCompileForAnyNames)
     for (size_t i = 0; i < std::size(rows); ++i)
         main << "  printf(\"%.17g\\n\", v" << i << "());\n";
     main << "  return 0;\n}\n";
-    src.close();
-    main.close();
-    const std::string cc = "gcc -std=c99 -Wall -Werror ";
-    ASSERT_EQ(std::system((cc + "-c -o " + base + "/f.o " + base + "/f.c 2>&1").c_str()), 0)
-        << "does not compile: " << base << "/f.c";
-    ASSERT_EQ(std::system((cc + "-o " + base + "/f " + base + "/main.c " + base + "/f.o -lm")
-                              .c_str()), 0);
-    std::ifstream out((std::system((base + "/f > " + base + "/out").c_str()), base + "/out"));
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        std::string line;
-        ASSERT_TRUE(std::getline(out, line));
-        EXPECT_EQ(std::strtod(line.c_str(), nullptr), want[i]) << rows[i].text;
-    }
-    std::system(("rm -rf " + base).c_str());
+    EXPECT_EQ(runC(src.str(), main.str()), want);
     // The expression form renames alike; a name that is no identifier or is reserved is refused.
     OxelExpression e;
     e.addVar("fabs");
