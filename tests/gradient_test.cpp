@@ -46,50 +46,48 @@ std::vector<std::unique_ptr<OxelExpression>> separate(
 }
 
 // Describes the first output whose bits or code differ from the separate expressions at the
-// given rows (row-major, numVars values each), at points and over columns; "" when all agree.
+// given rows (row-major, numVars values each), at points and over columns (each column a
+// vector of its own); "" when all agree.
 std::string compare(OxelExpression& e, const OxelGradient& g,
     const std::vector<std::unique_ptr<OxelExpression>>& sep, const std::vector<double>& rows)
 {
-    const int nv = e.numVars(), n = g.numOutputs(), numRows = static_cast<int>(rows.size()) / nv;
-    if (n != static_cast<int>(sep.size()))
+    const size_t nv = static_cast<size_t>(e.numVars()), n = static_cast<size_t>(g.numOutputs());
+    const size_t numRows = rows.size() / nv;
+    if (n != sep.size())
         return "output count " + std::to_string(n);
-    std::vector<std::vector<double>> cols(static_cast<size_t>(nv)), outs(static_cast<size_t>(n));
-    std::vector<std::vector<int>> codes(static_cast<size_t>(n));
+    std::vector<std::vector<double>> cols(nv, std::vector<double>(numRows));
+    std::vector<std::vector<double>> outs(n, std::vector<double>(numRows, -5.0));
+    std::vector<std::vector<int>> codes(n, std::vector<int>(numRows, -5));
     std::vector<const double*> colp;
     std::vector<double*> outp;
     std::vector<int*> codep;
-    for (int v = 0; v < nv; ++v) {
-        for (int r = 0; r < numRows; ++r)
-            cols[static_cast<size_t>(v)].push_back(rows[static_cast<size_t>(r * nv + v)]);
-        colp.push_back(cols[static_cast<size_t>(v)].data());
+    for (size_t v = 0; v < nv; ++v) {
+        for (size_t r = 0; r < numRows; ++r)
+            cols[v][r] = rows[r * nv + v];
+        colp.push_back(cols[v].data());
     }
-    for (int k = 0; k < n; ++k) {
-        outs[static_cast<size_t>(k)].assign(static_cast<size_t>(numRows), -5.0);
-        codes[static_cast<size_t>(k)].assign(static_cast<size_t>(numRows), -5);
-        outp.push_back(outs[static_cast<size_t>(k)].data());
-        codep.push_back(codes[static_cast<size_t>(k)].data());
+    for (size_t k = 0; k < n; ++k) {
+        outp.push_back(outs[k].data());
+        codep.push_back(codes[k].data());
     }
-    if (g.evalBatchColumns(colp.data(), numRows, outp.data(), codep.data()) != 0)
+    if (g.evalBatchColumns(colp.data(), static_cast<int>(numRows), outp.data(), codep.data()))
         return "columns refused";
-    std::vector<double> point(static_cast<size_t>(n));
-    std::vector<int> pointCodes(static_cast<size_t>(n));
-    for (int r = 0; r < numRows; ++r) {
-        const double* at = &rows[static_cast<size_t>(r * nv)];
+    std::vector<double> point(n);
+    std::vector<int> pointCodes(n);
+    for (size_t r = 0; r < numRows; ++r) {
+        const double* at = &rows[r * nv];
         g.eval(at, point.data(), pointCodes.data());
-        for (int k = 0; k < n; ++k) {
+        for (size_t k = 0; k < n; ++k) {
             std::vector<double> vals(at, at + nv);
             int code = 0;
-            const double want = k == 0 ? e.eval(vals.data(), nv, code)
-                                       : sep[static_cast<size_t>(k)]->eval(vals.data(), nv, code);
-            const size_t kk = static_cast<size_t>(k);
-            if (!bitsEqual(point[kk], want) || pointCodes[kk] != code
-                || !bitsEqual(outs[kk][static_cast<size_t>(r)], want)
-                || codes[kk][static_cast<size_t>(r)] != code)
+            const double want = (k ? *sep[k] : e).eval(vals.data(), static_cast<int>(nv), code);
+            if (!bitsEqual(point[k], want) || pointCodes[k] != code
+                || !bitsEqual(outs[k][r], want) || codes[k][r] != code)
                 return "row " + std::to_string(r) + " output " + std::to_string(k) + ": want "
                     + std::to_string(want) + " code " + std::to_string(code) + ", point "
-                    + std::to_string(point[kk]) + " code " + std::to_string(pointCodes[kk])
-                    + ", column " + std::to_string(outs[kk][static_cast<size_t>(r)]) + " code "
-                    + std::to_string(codes[kk][static_cast<size_t>(r)]);
+                    + std::to_string(point[k]) + " code " + std::to_string(pointCodes[k])
+                    + ", column " + std::to_string(outs[k][r]) + " code "
+                    + std::to_string(codes[k][r]);
         }
     }
     return "";

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -104,6 +105,13 @@ inline std::string repeat(const std::string& s, long n)
 inline std::string nest(const std::string& open, const std::string& inner, long n)
 {
     return repeat(open, n) + inner + repeat(open == "pow(" ? ", 2)" : ")", n);
+}
+
+// A fresh expression of text over the first numVars of x, y, z; null where it does not parse.
+inline std::unique_ptr<OxelExpression> parsedXyz(const std::string& text, int numVars = 3)
+{
+    std::unique_ptr<OxelExpression> e(new OxelExpression);
+    return parseXyz(*e, text, numVars) == 1 ? std::move(e) : nullptr;
 }
 
 // x, y and the alias w of y.
