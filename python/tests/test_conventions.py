@@ -129,8 +129,10 @@ def test_variables_default_to_the_names_read(text, aliases, variables):
 
 
 def test_mappings_and_keywords():
-    e = oxel.Expression("x / speed", variables=XY, aliases={"speed": "y"})
+    e = oxel.Expression("x / speed", variables=["x", "y", "x"], aliases={"speed": "y"})
+    assert e.variables == XY and e.aliases == {"speed": "y"}  # duplicates collapse
     want = e.eval(x=3.0, y=2.0)
+    assert want == e.eval(x=3.0, speed=2.0) == (1.5, 0)
     assert e.eval({"x": 3.0, "y": 2.0}) == e.eval({"x": 3.0}, speed=2.0) == want
     assert e.eval({"x": 3.0, "speed": 2, "unused": "anything"}) == want  # other keys ignored
     # A variable named like an option takes the keyword, unless the mapping gave its value.

@@ -97,13 +97,6 @@ def test_broadcasting_shapes_and_layouts():
         e.eval(x=np.zeros(3), y=np.zeros(4), z=0.0)
 
 
-def test_aliases_and_variables():
-    e = oxel.Expression("a = x*speed; a + 1", variables=["x", "y", "x"], aliases={"speed": "y"})
-    assert e.variables == XY  # duplicates collapse; assigned names are not arguments
-    assert e.aliases == {"speed": "y"}
-    assert e.eval(x=2.0, speed=3.0) == e.eval(x=2.0, y=3.0) == (7.0, 0)
-
-
 # (text, offset of the failure, the caret line under the formula's line); offsets index the str
 PARSE_ERRORS = [
     ("x + * y", 4, "      ^"),
