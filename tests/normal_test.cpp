@@ -250,8 +250,8 @@ TEST(PrintC, CompilesAndAgreesWithEval)
     }
 }
 
-// C functions of formulas whose variables C reserves compile with gcc -std=c99 -Wall -Werror
-// by themselves, and compute eval's values: parameters in declaration order, assigned names as locals.
+// C functions of formulas whose variables C reserves compile with gcc -std=c99 -Wall -Werror by
+// themselves, and compute eval's values: parameters in declaration order, assigned names local.
 TEST(PrintC, FunctionsCompileForAnyNames)
 {
     if (std::system("gcc --version >/dev/null 2>&1") != 0)
