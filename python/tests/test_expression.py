@@ -300,4 +300,3 @@ def test_gradient_matches_separate_derivatives(order):
     for a, b in zip(copy.eval(x=x, y=y), (out, err)):
         assert np.array_equal(a.view(np.uint8), b.view(np.uint8))
     assert_threads_agree(g, 3, x=np.linspace(-1, 4, 100_001), y=1.5)
-
