@@ -198,7 +198,9 @@ std::vector<double> runC(const std::string& f, const std::string& main)
 
 }  // namespace
 
-// What oxelToC writes compiles with gcc -std=c99 and computes eval's values at ordinary points.
+// What oxelToC and oxelToCFunction write compiles with gcc -std=c99 -Wall -Werror and computes
+// eval's values: formulas at ordinary points, and functions of formulas whose variables C
+// reserves (parameters in declaration order, assigned names local).
 TEST(PrintC, CompilesAndAgreesWithEval)
 {
     if (std::system("gcc --version >/dev/null 2>&1") != 0)
@@ -211,7 +213,20 @@ TEST(PrintC, CompilesAndAgreesWithEval)
         Expr m(n->normalized());
         formulas.push_back(i < 8 ? m->toFormula().c_str() : randomFormula(rng, 3, false));
     }
+    const struct {
+        std::vector<const char*> vars;
+        const char* text;
+    } functions[] = {
+        {{"fabs", "int", "log", "remainder", "log_"}, "abs(fabs) + int*log - remainder + log_"},
+        {{"INFINITY", "NAN", "RAND_MAX", "sinf", "M_PI"},
+         "INFINITY*2 + NAN - RAND_MAX/sinf + M_PI"},
+        {{"x", "y"}, "t = x*2; u = t + y; u*t"},  // t and u are no parameters
+        {{"double", "x"}, "x = x + double; x*3"},  // a parameter assigned
+        {{"x"}, "q = x + 1"},                      // the last statement assigns
+        {{}, "1 + 2"},                             // no parameter
+    };
     const double points[][2] = {{0.7, 1.3}, {-1.9, 0.4}, {2.5, -2.2}};
+    const double values[] = {1.5, -0.25, 2.0, 0.75, 3.0};
     std::ostringstream src, main;
     src << "#define _XOPEN_SOURCE 700\n#include <math.h>\n#include <stdlib.h>\n";
     main << "#include <stdio.h>\n";
@@ -229,16 +244,41 @@ TEST(PrintC, CompilesAndAgreesWithEval)
             << "(void)x; (void)y; (void)z; (void)a; return " << c << "; }\n";
         main << "double f" << i << "(double, double, double);\n";
     }
+    std::vector<double> want;  // the functions' values
+    for (size_t i = 0; i < std::size(functions); ++i) {
+        OxelExpression e;
+        for (const char* v : functions[i].vars)
+            e.addVar(v);
+        ASSERT_EQ(e.initFromString(functions[i].text), 1) << functions[i].text;
+        const std::string name = "g" + std::to_string(i), f = e.toCFunction(name.c_str()).c_str();
+        ASSERT_NE(f, "") << functions[i].text;
+        src << f;
+        std::string params, args;
+        for (size_t k = 0; k < functions[i].vars.size(); ++k) {
+            params += k ? ", double" : "double";
+            args += (k ? ", " : "") + std::to_string(values[k]);
+        }
+        main << "double " << name << "(" << (params.empty() ? "void" : params) << ");\n"
+             << "static double v" << i << "(void) { return " << name << "(" << args << "); }\n";
+        int err = 0;
+        want.push_back(evalAt(e, std::vector<double>(values, values + functions[i].vars.size()),
+                              err));
+        EXPECT_EQ(err, 0) << functions[i].text;
+    }
     main << "int main(void) {\n  static const double p[][2] = {";
     for (const auto& p : points)
         main << "{" << p[0] << ", " << p[1] << "}, ";
     main << "};\n  for (int k = 0; k < " << std::size(points) << "; ++k) {\n";
     for (size_t i = 0; i < formulas.size(); ++i)
         main << "    printf(\"%.17g\\n\", f" << i << "(p[k][0], p[k][1], 0.5));\n";
-    main << "  }\n  return 0;\n}\n";
+    main << "  }\n";
+    for (size_t i = 0; i < std::size(functions); ++i)
+        main << "  printf(\"%.17g\\n\", v" << i << "());\n";
+    main << "  return 0;\n}\n";
     const std::vector<double> out = runC(src.str(), main.str());
-    ASSERT_EQ(out.size(), std::size(points) * formulas.size());
-    for (size_t k = 0; k < out.size(); ++k) {
+    const size_t n = std::size(points) * formulas.size();
+    ASSERT_EQ(out.size(), n + std::size(functions));
+    for (size_t k = 0; k < n; ++k) {
         const auto& p = points[k / formulas.size()];
         const size_t i = k % formulas.size();
         int err;
@@ -248,55 +288,7 @@ TEST(PrintC, CompilesAndAgreesWithEval)
         EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))
             << formulas[i] << "\nC: " << exprs[i]->toC().c_str() << "\nat " << p[0] << ", " << p[1];
     }
-}
-
-// C functions of formulas whose variables C reserves compile with gcc -std=c99 -Wall -Werror by
-// themselves, and compute eval's values: parameters in declaration order, assigned names local.
-TEST(PrintC, FunctionsCompileForAnyNames)
-{
-    if (std::system("gcc --version >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "gcc not found";
-    const struct {
-        std::vector<const char*> vars;
-        const char* text;
-    } rows[] = {
-        {{"fabs", "int", "log", "remainder", "log_"}, "abs(fabs) + int*log - remainder + log_"},
-        {{"INFINITY", "NAN", "RAND_MAX", "sinf", "M_PI"},
-         "INFINITY*2 + NAN - RAND_MAX/sinf + M_PI"},
-        {{"x", "y"}, "t = x*2; u = t + y; u*t"},  // t and u are no parameters
-        {{"double", "x"}, "x = x + double; x*3"},  // a parameter assigned
-        {{"x"}, "q = x + 1"},                      // the last statement assigns
-        {{}, "1 + 2"},                             // no parameter
-    };
-    const double values[] = {1.5, -0.25, 2.0, 0.75, 3.0};
-    std::ostringstream src, main;
-    src << "#include <math.h>\n#include <stdlib.h>\n";
-    main << "#include <stdio.h>\n";
-    std::vector<double> want;
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        OxelExpression e;
-        for (const char* v : rows[i].vars)
-            e.addVar(v);
-        ASSERT_EQ(e.initFromString(rows[i].text), 1) << rows[i].text;
-        const std::string name = "f" + std::to_string(i), f = e.toCFunction(name.c_str()).c_str();
-        ASSERT_NE(f, "") << rows[i].text;
-        src << f;
-        std::string params, args;
-        for (size_t k = 0; k < rows[i].vars.size(); ++k) {
-            params += k ? ", double" : "double";
-            args += (k ? ", " : "") + std::to_string(values[k]);
-        }
-        main << "double " << name << "(" << (params.empty() ? "void" : params) << ");\n"
-             << "static double v" << i << "(void) { return " << name << "(" << args << "); }\n";
-        int err = 0;
-        want.push_back(evalAt(e, std::vector<double>(values, values + rows[i].vars.size()), err));
-        EXPECT_EQ(err, 0) << rows[i].text;
-    }
-    main << "int main(void) {\n";
-    for (size_t i = 0; i < std::size(rows); ++i)
-        main << "  printf(\"%.17g\\n\", v" << i << "());\n";
-    main << "  return 0;\n}\n";
-    EXPECT_EQ(runC(src.str(), main.str()), want);
+    EXPECT_EQ(std::vector<double>(out.begin() + static_cast<long>(n), out.end()), want);
     // The expression form renames alike; a name that is no identifier or is reserved is refused.
     OxelExpression e;
     e.addVar("fabs");
