@@ -19,16 +19,12 @@
 #include <oxel/oxel.h>
 #include <oxel/oxel_c.h>
 
+#include "node_probe.h"
 #include "program/native/native.h"
 
 namespace {
 
-std::unique_ptr<OxelExpression> make(const std::string& text)
-{
-    std::unique_ptr<OxelExpression> e(new OxelExpression);
-    e->addVar("x");
-    return e->initFromString(text.c_str()) == 1 ? std::move(e) : nullptr;
-}
+std::unique_ptr<OxelExpression> make(const std::string& text) { return parsedXyz(text, 1); }
 
 double at(const OxelExpression& e, double x)
 {

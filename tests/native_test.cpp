@@ -31,12 +31,6 @@ bool nativeExpected()
 #endif
 }
 
-std::unique_ptr<OxelExpression> parsed(const std::string& text)
-{
-    std::unique_ptr<OxelExpression> e(new OxelExpression);
-    return parseXyz(*e, text) == 1 ? std::move(e) : nullptr;
-}
-
 // eval() and evalBatch() against the tree walk at special points (y at -x / 3): value bits,
 // code and the slots they leave.
 std::string evalMismatch(OxelExpression& e)
@@ -79,15 +73,15 @@ TEST(NativeCode, CompilesTheLanguageAndRefusesOversizedPrograms)
     }
     texts.push_back(pressure + sum);
     for (const std::string& text : texts) {
-        std::unique_ptr<OxelExpression> e = parsed(text);
+        std::unique_ptr<OxelExpression> e = parsedXyz(text);
         if (!e)
             continue;
         EXPECT_EQ(oxelNativeCompile(e->root(), e->numVars()), expected) << text;
     }
-    std::unique_ptr<OxelExpression> wide = parsed(texts.back());
+    std::unique_ptr<OxelExpression> wide = parsedXyz(texts.back());
     ASSERT_TRUE(wide);
     EXPECT_EQ(evalMismatch(*wide), "");
-    std::unique_ptr<OxelExpression> e = parsed("0");
+    std::unique_ptr<OxelExpression> e = parsedXyz("0");
     e->setRoot(wideSum(0, oxn::kMaxSteps));
     EXPECT_GT(oxelProgramSteps(e->root(), e->numVars()), oxn::kMaxSteps);
     EXPECT_EQ(oxelNativeCompile(e->root(), e->numVars()), 0);
@@ -98,7 +92,7 @@ TEST(NativeCode, CompilesTheLanguageAndRefusesOversizedPrograms)
 TEST(NativeCode, SwitchingOffKeepsEveryBit)
 {
     for (const char* text : {"a = x / y; a * a - max(z, a) + (x < y)", "sqrt(x) + exp(y) * z"}) {
-        std::unique_ptr<OxelExpression> e = parsed(text);
+        std::unique_ptr<OxelExpression> e = parsedXyz(text);
         ASSERT_TRUE(e) << text;
         for (bool on : {true, false, true}) {
             oxelSetNativeCode(on);
@@ -118,7 +112,7 @@ TEST(NativeCode, ArenaGivesBackEveryProgram)
         text = "(" + text + ") * y + sin(z) - " + std::to_string(i);
         if (text.size() > 400)
             text = "x / " + std::to_string(i);
-        alive.push_back(parsed(text));
+        alive.push_back(parsedXyz(text));
         ASSERT_TRUE(alive.back()) << text;
         ASSERT_EQ(evalMismatch(*alive.back()), "") << text;  // the first call compiles
     }

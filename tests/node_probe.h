@@ -1,5 +1,6 @@
 // Test helpers: a leaf that fails on demand, node factories, one-call evaluation, bit equality,
-// parsing over x, y, z, the kept fuzz inputs, and the shared random formulas and harness.
+// parsing over x, y, z, nested texts, scoped handlers and budgets, the kept fuzz inputs, and the
+// shared random formulas and harness.
 #ifndef OXEL_TESTS_NODE_PROBE_H
 #define OXEL_TESTS_NODE_PROBE_H
 
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -89,8 +91,55 @@ inline void noReset() {}
 std::string exprMismatch(OxelExpression& e, const std::vector<double>& rows, int stride,
                          void (*reset)() = noReset);
 
+// s written n times over.
+inline std::string repeat(const std::string& s, long n)
+{
+    std::string out;
+    out.reserve(s.size() * static_cast<size_t>(n));
+    for (long i = 0; i < n; ++i)
+        out += s;
+    return out;
+}
+
+// n opening texts, the inner text and n closings: ", 2)" after "pow(", ")" after anything else.
+inline std::string nest(const std::string& open, const std::string& inner, long n)
+{
+    return repeat(open, n) + inner + repeat(open == "pow(" ? ", 2)" : ")", n);
+}
+
+// A fresh expression of text over the first numVars of x, y, z; null where it does not parse.
+inline std::unique_ptr<OxelExpression> parsedXyz(const std::string& text, int numVars = 3)
+{
+    std::unique_ptr<OxelExpression> e(new OxelExpression);
+    return parseXyz(*e, text, numVars) == 1 ? std::move(e) : nullptr;
+}
+
+// x, y and the alias w of y.
+inline void declareXyw(OxelExpression& e)
+{
+    e.addVar("x");
+    e.addVar("y");
+    e.addVarAlias("y", "w");
+}
+
+// Counts the library's messages into *count while it lives, printing none.
+struct CountMessages {
+    explicit CountMessages(int* count)
+    {
+        oxelSetMessageHandler([](int, const char*, void* n) { ++*static_cast<int*>(n); }, count);
+    }
+    ~CountMessages() { oxelSetMessageHandler(nullptr, nullptr); }
+};
+
+// A node budget for a scope.
+struct Budget {
+    explicit Budget(long n) : saved(oxelNodeBudget()) { oxelSetNodeBudget(n); }
+    ~Budget() { oxelSetNodeBudget(saved); }
+    long saved;
+};
+
 // eval() at the leading values, every further slot 0; the code starts at 0.
-inline double evalAt(OxelExpression& e, std::vector<double> values, int& err)
+inline double evalAt(const OxelExpression& e, std::vector<double> values, int& err)
 {
     values.resize(std::max(values.size(), static_cast<size_t>(e.numVars())), 0.0);
     err = 0;

@@ -172,9 +172,35 @@ const char* const kCFormulas[] = {
     "-x*-y - -3", "1/3 + x/7",
 };
 
+// Builds f.c and main.c with gcc -std=c99 -Wall -Werror, each by itself, runs the program and
+// gives the numbers it printed a line each; on failure the files stay for a look.
+std::vector<double> runC(const std::string& f, const std::string& main)
+{
+    char dir[] = "/tmp/oxel-c-XXXXXX";
+    if (!mkdtemp(dir))
+        return {};
+    const std::string base = dir;
+    std::ofstream(base + "/f.c") << f;
+    std::ofstream(base + "/main.c") << main;
+    const std::string build = "gcc -std=c99 -Wall -Werror -o " + base + "/f " + base + "/f.c " +
+                              base + "/main.c -lm && " + base + "/f > " + base + "/out";
+    std::vector<double> out;
+    if (std::system(build.c_str()) != 0) {
+        ADD_FAILURE() << "does not build or run: " << base;
+        return out;
+    }
+    std::ifstream printed(base + "/out");
+    for (std::string line; std::getline(printed, line);)
+        out.push_back(std::strtod(line.c_str(), nullptr));
+    std::system(("rm -rf " + base).c_str());
+    return out;
+}
+
 }  // namespace
 
-// What oxelToC writes compiles with gcc -std=c99 and computes eval's values at ordinary points.
+// What oxelToC and oxelToCFunction write compiles with gcc -std=c99 -Wall -Werror and computes
+// eval's values: formulas at ordinary points, and functions of formulas whose variables C
+// reserves (parameters in declaration order, assigned names local).
 TEST(PrintC, CompilesAndAgreesWithEval)
 {
     if (std::system("gcc --version >/dev/null 2>&1") != 0)
@@ -187,12 +213,23 @@ TEST(PrintC, CompilesAndAgreesWithEval)
         Expr m(n->normalized());
         formulas.push_back(i < 8 ? m->toFormula().c_str() : randomFormula(rng, 3, false));
     }
+    const struct {
+        std::vector<const char*> vars;
+        const char* text;
+    } functions[] = {
+        {{"fabs", "int", "log", "remainder", "log_"}, "abs(fabs) + int*log - remainder + log_"},
+        {{"INFINITY", "NAN", "RAND_MAX", "sinf", "M_PI"},
+         "INFINITY*2 + NAN - RAND_MAX/sinf + M_PI"},
+        {{"x", "y"}, "t = x*2; u = t + y; u*t"},  // t and u are no parameters
+        {{"double", "x"}, "x = x + double; x*3"},  // a parameter assigned
+        {{"x"}, "q = x + 1"},                      // the last statement assigns
+        {{}, "1 + 2"},                             // no parameter
+    };
     const double points[][2] = {{0.7, 1.3}, {-1.9, 0.4}, {2.5, -2.2}};
-    char dir[] = "/tmp/oxel-c-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    std::string base = dir;
-    std::ofstream src(base + "/f.c");
-    src << "#define _XOPEN_SOURCE 700\n#include <math.h>\n#include <stdio.h>\n#include <stdlib.h>\n";
+    const double values[] = {1.5, -0.25, 2.0, 0.75, 3.0};
+    std::ostringstream src, main;
+    src << "#define _XOPEN_SOURCE 700\n#include <math.h>\n#include <stdlib.h>\n";
+    main << "#include <stdio.h>\n";
     std::vector<Expr> exprs;
     for (size_t i = 0; i < formulas.size(); ++i) {
         exprs.push_back(parsed(formulas[i]));
@@ -203,100 +240,55 @@ TEST(PrintC, CompilesAndAgreesWithEval)
             c = exprs.back()->toC().c_str();
         }
         ASSERT_NE(c, "") << formulas[i];
-        src << "static double f" << i << "(double x, double y, double z) { double a = 0; "
+        src << "double f" << i << "(double x, double y, double z) { double a = 0; "
             << "(void)x; (void)y; (void)z; (void)a; return " << c << "; }\n";
+        main << "double f" << i << "(double, double, double);\n";
     }
-    src << "int main(void) {\n  static const double p[][2] = {";
-    for (const auto& p : points)
-        src << "{" << p[0] << ", " << p[1] << "}, ";
-    src << "};\n  for (int k = 0; k < " << std::size(points) << "; ++k) {\n";
-    for (size_t i = 0; i < formulas.size(); ++i)
-        src << "    printf(\"%.17g\\n\", f" << i << "(p[k][0], p[k][1], 0.5));\n";
-    src << "  }\n  return 0;\n}\n";
-    src.close();
-    std::string build = "gcc -std=c99 -Wall -Werror -Wno-unused-function -o " + base + "/f " +
-                        base + "/f.c -lm 2>&1";
-    ASSERT_EQ(std::system(build.c_str()), 0) << "does not compile: " << base << "/f.c";
-    std::ifstream out((std::system((base + "/f > " + base + "/out").c_str()), base + "/out"));
-    for (const auto& p : points) {
-        for (size_t i = 0; i < formulas.size(); ++i) {
-            std::string line;
-            ASSERT_TRUE(std::getline(out, line));
-            int err;
-            double want = evalAt(*exprs[i], {p[0], p[1], 0.5}, err);
-            double got = std::strtod(line.c_str(), nullptr);
-            if (err || (std::isnan(want) && std::isnan(got)))
-                continue;  // the guards are not reproduced
-            EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))
-                << formulas[i] << "\nC: " << exprs[i]->toC().c_str() << "\nat " << p[0] << ", " << p[1];
-        }
-    }
-    std::system(("rm -rf " + base).c_str());
-}
-
-// C functions of formulas whose variables C reserves compile with gcc -std=c99 -Wall -Werror
-// -c, and compute eval's values: parameters in declaration order, assigned names as locals.
-TEST(PrintC, FunctionsCompileForAnyNames)
-{
-    if (std::system("gcc --version >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "gcc not found";
-    const struct {
-        std::vector<const char*> vars;
-        const char* text;
-    } rows[] = {
-        {{"fabs", "int", "log", "remainder", "log_"}, "abs(fabs) + int*log - remainder + log_"},
-        {{"INFINITY", "NAN", "RAND_MAX", "sinf", "M_PI"},
-         "INFINITY*2 + NAN - RAND_MAX/sinf + M_PI"},
-        {{"x", "y"}, "t = x*2; u = t + y; u*t"},  // t and u are no parameters
-        {{"double", "x"}, "x = x + double; x*3"},  // a parameter assigned
-        {{"x"}, "q = x + 1"},                      // the last statement assigns
-        {{}, "1 + 2"},                             // no parameter
-    };
-    const double values[] = {1.5, -0.25, 2.0, 0.75, 3.0};
-    char dir[] = "/tmp/oxel-c-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    const std::string base = dir;
-    std::ofstream src(base + "/f.c"), main(base + "/main.c");
-    src << "#include <math.h>\n#include <stdlib.h>\n";
-    main << "#include <stdio.h>\n";
-    std::vector<double> want;
-    for (size_t i = 0; i < std::size(rows); ++i) {
+    std::vector<double> want;  // the functions' values
+    for (size_t i = 0; i < std::size(functions); ++i) {
         OxelExpression e;
-        for (const char* v : rows[i].vars)
+        for (const char* v : functions[i].vars)
             e.addVar(v);
-        ASSERT_EQ(e.initFromString(rows[i].text), 1) << rows[i].text;
-        const std::string name = "f" + std::to_string(i), f = e.toCFunction(name.c_str()).c_str();
-        ASSERT_NE(f, "") << rows[i].text;
+        ASSERT_EQ(e.initFromString(functions[i].text), 1) << functions[i].text;
+        const std::string name = "g" + std::to_string(i), f = e.toCFunction(name.c_str()).c_str();
+        ASSERT_NE(f, "") << functions[i].text;
         src << f;
         std::string params, args;
-        for (size_t k = 0; k < rows[i].vars.size(); ++k) {
+        for (size_t k = 0; k < functions[i].vars.size(); ++k) {
             params += k ? ", double" : "double";
             args += (k ? ", " : "") + std::to_string(values[k]);
         }
         main << "double " << name << "(" << (params.empty() ? "void" : params) << ");\n"
              << "static double v" << i << "(void) { return " << name << "(" << args << "); }\n";
         int err = 0;
-        want.push_back(evalAt(e, std::vector<double>(values, values + rows[i].vars.size()), err));
-        EXPECT_EQ(err, 0) << rows[i].text;
+        want.push_back(evalAt(e, std::vector<double>(values, values + functions[i].vars.size()),
+                              err));
+        EXPECT_EQ(err, 0) << functions[i].text;
     }
-    main << "int main(void) {\n";
-    for (size_t i = 0; i < std::size(rows); ++i)
+    main << "int main(void) {\n  static const double p[][2] = {";
+    for (const auto& p : points)
+        main << "{" << p[0] << ", " << p[1] << "}, ";
+    main << "};\n  for (int k = 0; k < " << std::size(points) << "; ++k) {\n";
+    for (size_t i = 0; i < formulas.size(); ++i)
+        main << "    printf(\"%.17g\\n\", f" << i << "(p[k][0], p[k][1], 0.5));\n";
+    main << "  }\n";
+    for (size_t i = 0; i < std::size(functions); ++i)
         main << "  printf(\"%.17g\\n\", v" << i << "());\n";
     main << "  return 0;\n}\n";
-    src.close();
-    main.close();
-    const std::string cc = "gcc -std=c99 -Wall -Werror ";
-    ASSERT_EQ(std::system((cc + "-c -o " + base + "/f.o " + base + "/f.c 2>&1").c_str()), 0)
-        << "does not compile: " << base << "/f.c";
-    ASSERT_EQ(std::system((cc + "-o " + base + "/f " + base + "/main.c " + base + "/f.o -lm")
-                              .c_str()), 0);
-    std::ifstream out((std::system((base + "/f > " + base + "/out").c_str()), base + "/out"));
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        std::string line;
-        ASSERT_TRUE(std::getline(out, line));
-        EXPECT_EQ(std::strtod(line.c_str(), nullptr), want[i]) << rows[i].text;
+    const std::vector<double> out = runC(src.str(), main.str());
+    const size_t n = std::size(points) * formulas.size();
+    ASSERT_EQ(out.size(), n + std::size(functions));
+    for (size_t k = 0; k < n; ++k) {
+        const auto& p = points[k / formulas.size()];
+        const size_t i = k % formulas.size();
+        int err;
+        const double want = evalAt(*exprs[i], {p[0], p[1], 0.5}, err), got = out[k];
+        if (err || (std::isnan(want) && std::isnan(got)))
+            continue;  // the guards are not reproduced
+        EXPECT_LE(std::fabs(got - want), 1e-12 * (1 + std::fabs(want)))
+            << formulas[i] << "\nC: " << exprs[i]->toC().c_str() << "\nat " << p[0] << ", " << p[1];
     }
-    std::system(("rm -rf " + base).c_str());
+    EXPECT_EQ(std::vector<double>(out.begin() + static_cast<long>(n), out.end()), want);
     // The expression form renames alike; a name that is no identifier or is reserved is refused.
     OxelExpression e;
     e.addVar("fabs");

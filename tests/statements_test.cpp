@@ -17,23 +17,6 @@ namespace {
 
 using Expr = std::unique_ptr<OxelExpression>;
 
-void declare(OxelExpression& e)
-{
-    e.addVar("x");
-    e.addVar("y");
-    e.addVarAlias("y", "w");
-}
-
-// The formula's value at (x, y), the code starting at 0; room for its assigned names.
-double at(const OxelExpression& e, double x, double y, int& code)
-{
-    std::vector<double> values(static_cast<size_t>(e.numVars()) + 1, 0.0);
-    values[0] = x;
-    values[1] = y;
-    code = 0;
-    return e.eval(values.data(), e.numVars(), code);
-}
-
 // Random points, ones that fail (logs of negatives, overflow) among them, and special values.
 std::vector<std::pair<double, double>> points()
 {
@@ -52,7 +35,7 @@ using Reference = std::function<double(double, double, int&)>;
 
 Reference byTree(const OxelExpression& e)
 {
-    return [&e](double x, double y, int& code) { return at(e, x, y, code); };
+    return [&e](double x, double y, int& code) { return evalAt(e, { x, y }, code); };
 }
 
 // Text parsed with the same declarations gives want's bits and codes at every point; with a
@@ -60,14 +43,14 @@ Reference byTree(const OxelExpression& e)
 std::string readsBack(const std::string& text, const Reference& want, double tolerance = 0)
 {
     OxelExpression r;
-    declare(r);
+    declareXyw(r);
     if (r.initFromString(text.c_str()) != 1)
         return "does not parse: " + std::string(r.lastError());
     int compared = 0;
     for (const auto& p : points()) {
         int wantCode = 0, got = 0;
         const double w = want(p.first, p.second, wantCode);
-        const double g = at(r, p.first, p.second, got);
+        const double g = evalAt(r, { p.first, p.second }, got);
         // The normal form may overflow where the tree does not (x+1 times the rest, for 1e308).
         if (tolerance > 0 && (wantCode != 0 || got != 0 || !std::isfinite(w)))
             continue;
@@ -82,25 +65,13 @@ std::string readsBack(const std::string& text, const Reference& want, double tol
     return compared > 0 ? "" : "no point to compare";
 }
 
-std::string nested(const std::string& open, int depth)
-{
-    std::string close = open == "pow(" ? ", 2)" : ")";
-    std::string text;
-    for (int i = 0; i < depth; ++i)
-        text += open;
-    text += "x";
-    for (int i = 0; i < depth; ++i)
-        text += close;
-    return text;
-}
-
 // Chains and sums of every kind, by x and by y (through its alias).
 std::vector<std::string> formulas(int depth)
 {
     std::vector<std::string> f;
     for (const char* open : { "exp(", "sin(", "y*exp(x*", "pow(x, y*", "pow(", "y/(x+",
                               "ln(1+", "sqrt(y+x*" })
-        f.push_back(nested(open, std::string(open) == "pow(" ? depth / 10 : depth));
+        f.push_back(nest(open, "x", std::string(open) == "pow(" ? depth / 10 : depth));
     // For x > 4 the first factor's derivative fails with one code, the shared parts of the
     // second (named first in the text) with another: the tree's order must decide.
     if (depth < 20)
@@ -110,12 +81,6 @@ std::vector<std::string> formulas(int depth)
         f.back() += "+sin(x*" + std::to_string(i) + ")*cos(y)";
     return f;
 }
-
-struct Budget {  // a node budget for the test's scope
-    explicit Budget(long n) : saved(oxelNodeBudget()) { oxelSetNodeBudget(n); }
-    ~Budget() { oxelSetNodeBudget(saved); }
-    long saved;
-};
 
 }  // namespace
 
@@ -127,7 +92,7 @@ TEST(Statements, ReadBackToTheTreesAndTheGradient)
     for (int depth : { 12, 150 }) {
         for (const std::string& text : formulas(depth)) {
             OxelExpression e;
-            declare(e);
+            declareXyw(e);
             ASSERT_EQ(e.initFromString(text.c_str()), 1) << text;
             for (const char* var : { "x", "w" }) {
                 const Expr plain(e.derivative(var)), part(e.partial(var));
@@ -168,7 +133,7 @@ TEST(Statements, NormalFormsPartByPart)
 {
     for (const std::string& text : formulas(4)) {
         OxelExpression e;
-        declare(e);
+        declareXyw(e);
         ASSERT_EQ(e.initFromString(text.c_str()), 1);
         const Expr part(e.partial("x"));
         std::string why;
@@ -215,7 +180,7 @@ TEST(Statements, FreshNamesAndRefusals)
     };
     for (const auto& row : rows) {
         OxelExpression f;
-        declare(f);
+        declareXyw(f);
         ASSERT_EQ(f.initFromString(row.formula), 1);
         const Budget small(std::string(row.why) == "node budget" ? 3 : 1000000);
         std::string why;

@@ -36,9 +36,7 @@ const std::vector<int> kNoFaults(kThreads, 0);
 // The parser writes into its text, so every parse gets a private copy.
 int parseInto(OxelExpression& e, const std::string& text)
 {
-    e.addVar("x");
-    e.addVar("y");
-    e.addVarAlias("y", "w");
+    declareXyw(e);
     return parseXyz(e, text, 0);
 }
 

@@ -41,11 +41,6 @@ double fromBits(uint64_t b)
     return v;
 }
 
-bool sameBits(double a, double b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
 // Special values and a few ulps either side of every branch's threshold, then random inputs:
 // uniform on the common ranges, uniform in the exponent, and raw bit patterns.
 std::vector<double> inputs(Fn fn, int randomCount)
@@ -119,7 +114,7 @@ TEST(VectorMath, KernelsGiveTheCLibraryBits)
                 } else {
                     ++served;
                     wronglyAway += mustGo;
-                    if (!sameBits(r[l], want) && wrong++ < 5)
+                    if (!bitsEqual(r[l], want) && wrong++ < 5)
                         ADD_FAILURE() << oxm::name(fn) << "(" << std::hexfloat << x
                                       << ") = " << r[l] << ", C library " << want;
                 }

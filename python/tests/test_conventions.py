@@ -129,8 +129,10 @@ def test_variables_default_to_the_names_read(text, aliases, variables):
 
 
 def test_mappings_and_keywords():
-    e = oxel.Expression("x / speed", variables=XY, aliases={"speed": "y"})
+    e = oxel.Expression("x / speed", variables=["x", "y", "x"], aliases={"speed": "y"})
+    assert e.variables == XY and e.aliases == {"speed": "y"}  # duplicates collapse
     want = e.eval(x=3.0, y=2.0)
+    assert want == e.eval(x=3.0, speed=2.0) == (1.5, 0)
     assert e.eval({"x": 3.0, "y": 2.0}) == e.eval({"x": 3.0}, speed=2.0) == want
     assert e.eval({"x": 3.0, "speed": 2, "unused": "anything"}) == want  # other keys ignored
     # A variable named like an option takes the keyword, unless the mapping gave its value.
@@ -212,6 +214,8 @@ def test_error_enum_follows_the_library_table():
             assert member.message == oxel.error_message(member) != "Unknown"
     _, code = oxel.Expression("ln(x)").eval(x=0.0)
     assert code is oxel.Error.ILLEGAL_LOG and code == 11
+    assert oxel.error_message(code) == "Illegal log argument"
+    assert oxel.error_message(123456) == "Unknown"
 
 
 def test_errors_policies():
@@ -354,14 +358,12 @@ def test_version_threads_and_stubs():
 
 # ------------------------------------------------------------------ messages
 
-# (text, the hint's words): each kind once (tests/hints_test.cpp has them all).
+# (text, the hint's words): the module passes the library's hint on (tests/hints_test.cpp has
+# every kind); the declared names include the aliases given here.
 HINTS = [
     ("x + q", "unknown name 'q' (declared: x, y, speed)"),
-    ("ln(x) + log(y)", "no function log: ln is the natural logarithm, log10 base 10"),
     ("x**2", "powers are written pow(a, b); ^ is exclusive or"),
-    ("gamma(x)", "'gamma' is a reserved word with no function"),
     ("sin(x", "found the end of the formula"),
-    ("x 2", "found a number where"),
 ]
 
 
@@ -372,27 +374,3 @@ def test_parse_errors_carry_a_hint(text, hint):
     err = info.value
     assert err.hint.startswith(hint) and ("hint: " + err.hint) in str(err)
     assert str(err).startswith(err.message) and "$end" not in err.hint
-
-
-@pytest.mark.parametrize("text", ["x + é", "x; # é\n x +*", "x = 2; y +* 1"])
-def test_parse_error_offsets_are_str_indexes(text):
-    with pytest.raises(oxel.ParseError) as info:
-        oxel.Expression(text, variables=XY)
-    offset = info.value.offset
-    assert offset == len(text) if text.endswith("é") else text[offset] == "*"
-
-
-@pytest.mark.parametrize("call,error,message", [
-    (lambda: oxel.Expression("x", variables=["x"], aliases={"s": "w"}), ValueError,
-     "alias 's' refers to 'w', which is not a declared variable"),
-    (lambda: oxel.Expression("x*y").gradient(["x"], 2**40), ValueError, "order must be 1 or 2"),
-    (lambda: oxel.Expression("x*y").gradient(["x"], True), ValueError, "order must be 1 or 2"),
-    (lambda: oxel.Expression("x*y").gradient(["x", "q"]), ValueError,
-     "'q', which is not a variable or alias of this expression"),
-    (lambda: oxel.Expression("x").eval(x=np.ma.masked_array([1.0, 2.0], [0, 1])), TypeError,
-     "masked array for variable 'x'"),
-    (lambda: oxel.Expression("x", variables="x"), TypeError, "a list of names"),
-])
-def test_bad_arguments_raise_clearly(call, error, message):
-    with pytest.raises(error, match=re.escape(message)):
-        call()

@@ -3,6 +3,7 @@ import builtins
 import ctypes
 import math
 import pickle
+import re
 import threading
 
 import numpy as np
@@ -96,25 +97,7 @@ def test_broadcasting_shapes_and_layouts():
         e.eval(x=np.zeros(3), y=np.zeros(4), z=0.0)
 
 
-@pytest.mark.parametrize("call,message", [
-    (lambda e: e.eval(x=1.0), "missing a value for variable 'y'"),
-    (lambda e: e.eval(x=1.0, y=2.0, w=3.0), "'w', which is not a variable"),
-    (lambda e: e.eval(x=1.0, y=2.0, speed=3.0), "two values for variable 'y'"),
-])
-def test_eval_names_its_arguments(call, message):
-    e = oxel.Expression("x + speed", variables=XY, aliases={"speed": "y"})
-    with pytest.raises(TypeError, match=message):
-        call(e)
-
-
-def test_aliases_and_variables():
-    e = oxel.Expression("a = x*speed; a + 1", variables=["x", "y", "x"], aliases={"speed": "y"})
-    assert e.variables == XY  # duplicates collapse; assigned names are not arguments
-    assert e.aliases == {"speed": "y"}
-    assert e.eval(x=2.0, speed=3.0) == e.eval(x=2.0, y=3.0) == (7.0, 0)
-
-
-# (text, offset of the failure, the caret line under the formula's line)
+# (text, offset of the failure, the caret line under the formula's line); offsets index the str
 PARSE_ERRORS = [
     ("x + * y", 4, "      ^"),
     ("sin(x", 5, "       ^"),
@@ -122,6 +105,7 @@ PARSE_ERRORS = [
     ("x + 1 ?", 6, "        ^"),   # a skipped character would change the formula's meaning
     ("x;\ny +", 6, "             ^"),  # second line, end of text: "  line 2: y +"
     ("", 0, None),
+    ("x + é", 5, None), ("x; # é\n x +*", 11, None), ("x = 2; y +* 1", 10, None),
 ]
 
 
@@ -138,7 +122,25 @@ def test_parse_errors(text, offset, caret, capfd):
     assert capfd.readouterr() == ("", "")  # nothing printed: the exception carries it all
 
 
+def with_speed():
+    return oxel.Expression("x + speed", variables=XY, aliases={"speed": "y"})
+
+
 @pytest.mark.parametrize("call,error,message", [
+    (lambda: with_speed().eval(x=1.0), TypeError, "missing a value for variable 'y'"),
+    (lambda: with_speed().eval(x=1.0, y=2.0, w=3.0), TypeError, "'w', which is not a variable"),
+    (lambda: with_speed().eval(x=1.0, y=2.0, speed=3.0), TypeError, "two values for variable 'y'"),
+    (lambda: with_speed().derivative("w"), ValueError, "'w'"),
+    (lambda: with_speed().derivative_statements("w"), ValueError, "'w'"),
+    (lambda: with_speed().gradient(["x", "w"]), ValueError,
+     "'w', which is not a variable or alias of this expression"),
+    (lambda: with_speed().gradient(["x"], 2**40), ValueError, "order must be 1 or 2"),
+    (lambda: with_speed().gradient(["x"], True), ValueError, "order must be 1 or 2"),
+    (lambda: oxel.Expression("x", variables=["x"], aliases={"s": "w"}), ValueError,
+     "alias 's' refers to 'w', which is not a declared variable"),
+    (lambda: oxel.Expression("x", variables="x"), TypeError, "a list of names"),
+    (lambda: oxel.Expression("x").eval(x=np.ma.masked_array([1.0, 2.0], [0, 1])), TypeError,
+     "masked array for variable 'x'"),
     (lambda: oxel.Expression("x\0+1", variables=XY), ValueError, "NUL byte at offset 1"),
     (lambda: oxel.Expression("x", variables=["1x"]), ValueError, "'1x' is not a valid variable"),
     (lambda: oxel.Expression("x", variables=["sin"]), ValueError, "'sin' is not a valid variable"),
@@ -150,7 +152,7 @@ def test_parse_errors(text, offset, caret, capfd):
     (lambda: oxel.Expression("x", variables=XY).eval(x="1", y=1), TypeError, "not str"),
 ])
 def test_bad_input_raises(call, error, message):
-    with pytest.raises(error, match=message):
+    with pytest.raises(error, match=re.escape(message)):
         call()
 
 
@@ -207,18 +209,11 @@ def test_derivative_statements_read_back():
     assert oxel.Expression("x % 2", variables=XY).derivative_statements("x") is None
 
 
-def test_misspelt_names_raise():
-    e = oxel.Expression("x*y", variables=XY)
-    for call in (lambda: e.derivative("w"), lambda: e.gradient(["x", "w"]),
-                 lambda: e.derivative_statements("w")):
-        with pytest.raises(ValueError, match="'w'"):
-            call()
-
-
-@pytest.mark.parametrize("text", ["x % 2", "a = x; a*2", "x > 1", "!x"])
-def test_no_derivative_is_none(text, capfd):
-    assert oxel.Expression(text, variables=XY).derivative("x") is None
-    assert capfd.readouterr() == ("", "")
+@pytest.mark.parametrize("text", ["x % 2 + y", "a = x; a*y", "x > 1", "!x", "x < y"])
+def test_no_derivative_or_gradient_is_none(text, capfd):
+    e = oxel.Expression(text, variables=XY)
+    assert e.derivative("x") is None and e.gradient(["x"]) is None
+    assert capfd.readouterr() == ("", "")  # the library's note is not printed
 
 
 def test_simplify_and_print():
@@ -249,13 +244,6 @@ def test_pickle_rebuilds_the_same_expression(make):
     xs = np.array(POINTS)
     for a, b in zip(e.eval(x=xs, y=xs[::-1]), copy.eval(x=xs, y=xs[::-1])):
         assert np.array_equal(a.view(np.uint8), b.view(np.uint8))
-
-
-def test_error_message():
-    e = oxel.Expression("ln(x)", variables=["x"])
-    _, code = e.eval(x=0.0)
-    assert code != 0 and oxel.error_message(code) == "Illegal log argument"
-    assert oxel.error_message(123456) == "Unknown"
 
 
 def assert_threads_agree(e, count, **kw):
@@ -312,10 +300,3 @@ def test_gradient_matches_separate_derivatives(order):
     for a, b in zip(copy.eval(x=x, y=y), (out, err)):
         assert np.array_equal(a.view(np.uint8), b.view(np.uint8))
     assert_threads_agree(g, 3, x=np.linspace(-1, 4, 100_001), y=1.5)
-
-
-@pytest.mark.parametrize("text,names", [("x % 2 + y", ["x"]), ("a = x; a*y", ["x"]),
-                                        ("x < y", ["x"])])
-def test_no_gradient_is_none(text, names, capfd):
-    assert oxel.Expression(text, variables=XY).gradient(names) is None
-    assert capfd.readouterr() == ("", "")  # the library's note is not printed
