@@ -239,6 +239,7 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     buildColumns(*p, ir);
     p->compiled = true;
     p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
+    p->blockStreamedOnly = p->block && ir.steps.size() == 1;
     if (!p->block)
         tailBlock(*p, ir);
     return p;
@@ -247,7 +248,7 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
 int oxelBlockCompile(Oxel* root, int numVars)
 {
     OxelProgram* p = oxelProgramCompile(root, numVars);
-    const int made = p->block ? 1 : 0;
+    const int made = p->block && !p->blockStreamedOnly ? 1 : 0;
     oxelProgramRelease(p);
     return made;
 }
@@ -395,7 +396,9 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     double* const resultScratch = ws.data() + static_cast<size_t>(p.numColumns) * stride;
     double** colp = cols.data();
     const int numInputs = static_cast<int>(p.inputVars.size());
-    const bool fused = p.block && !src.outs && oxn::enabled() && plainRounding();
+    const bool streams = src.stream && reinterpret_cast<uintptr_t>(results) % 16 == 0;
+    const bool fused = p.block && (streams || !p.blockStreamedOnly) && !src.outs &&
+                       oxn::enabled() && plainRounding();
     for (int start = begin; start < end; start += rows) {
         const int n = std::min(rows, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on

@@ -58,7 +58,10 @@ public:
     // rows it marks.
     oxn::BlockFn block = nullptr;
     oxn::NativeCode blockCode;
-    // With tail, the block program is all steps but the last, an exp or ln of its result,
+    // A lone step: its column loop is as fused already and a little faster, so the block
+    // program serves only batches whose results stream.
+    bool blockStreamedOnly = false;
+    // With tail, the block program is all steps but the last, an ln or log10 of its result,
     // which tail then computes over the block's column.
     void (*tail)(const double* x, double* r, int* err, int n) = nullptr;
     std::vector<oxb::Insn> code;

@@ -547,11 +547,10 @@ bool blockCodeOn()
 }
 
 // Programs the loop serves: no calls (draws and callbacks keep their row order), no raise (it
-// would mark every row), a value computed by a step, every step of a kind it computes, and
-// more than one step (a lone step's column loop is as fused already, and a little faster).
+// would mark every row), a value computed by a step, every step of a kind it computes.
 bool fits(const oxp::Program& l)
 {
-    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.size() < 2 ||
+    if (!l.ok || l.several || l.hasCalls() || l.result.mode != Operand::Reg || l.steps.empty() ||
         static_cast<int>(l.steps.size()) > kMaxSteps || l.numSlots > kMaxSlots)
         return false;
     for (const oxp::Step& s : l.steps)
