@@ -420,7 +420,8 @@ void BlockGenerator::inlined(const oxp::Step& s)
             used |= 1u << e;
         }
         emitExp(*this, pool_, aop,
-                {d, t0, t1, Xbyak::Ymm(extra[0]), Xbyak::Ymm(extra[1]), Xbyak::Ymm(extra[2])},
+                {d, t0, t1, Xbyak::Ymm(extra[0]), Xbyak::Ymm(extra[1]), Xbyak::Ymm(extra[2]),
+                 yword[rsp + stackOff_ + 8]},  // the frame's scratch
                 [this](const Xbyak::Ymm& m) { markLanes(m); });
         break;
     }
@@ -452,7 +453,9 @@ void BlockGenerator::run()
     const int unchecked = testsNeeded(__builtin_inf());
     const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
     inputBound_ = check ? kInput : __builtin_inf();
-    const int frame = stackOff_ + 8 + 32;  // aligned down to 32 below the pushes
+    // Slots, the end, the caller's rsp, 32 bytes of scratch (exp's table offsets); aligned
+    // down to 32 below the pushes.
+    const int frame = stackOff_ + 8 + 32;
 
     push(rbx);
     push(rbp);

@@ -29,19 +29,19 @@ void emitExp(Xbyak::CodeGenerator& g, ConstantPool& pool, const Xbyak::Operand& 
         g.vmovupd(d, static_cast<const Xbyak::Address&>(x));
     else
         g.vmovapd(d, static_cast<const Xbyak::Ymm&>(x));
-    // kd = x N/ln2 + shift, its bits ki, and the table's index ki mod 128 (pairs of sixteen
-    // bytes) first: the loads wait for it.
+    // kd = x N/ln2 + shift, its bits ki, and the table's offsets 16 (ki mod 128) first: the
+    // loads wait for them. They reach the integer registers through memory, which measured a
+    // little faster here than extracting them.
     g.vmovapd(e1, c(kShift));
     g.vfmadd231pd(e1, d, c(kInvLn2N));
     g.vmovapd(e2, e1);
-    g.vandpd(t0, e2, cb(127));
-    g.vmovq(rcx, x0);
-    g.vpextrq(rdx, x0, 1);
-    g.vextracti128(x0, t0, 1);
-    g.vmovq(rsi, x0);
-    g.vpextrq(rdi, x0, 1);
-    for (const Xbyak::Reg64& i : {rcx, rdx, rsi, rdi})
-        g.shl(i, 4);
+    g.vpsllq(t0, e2, 4);
+    g.vandpd(t0, t0, cb(127 << 4));
+    g.vmovupd(r.scratch, t0);
+    g.mov(rcx, g.qword[r.scratch.getRegExp()]);
+    g.mov(rdx, g.qword[r.scratch.getRegExp() + 8]);
+    g.mov(rsi, g.qword[r.scratch.getRegExp() + 16]);
+    g.mov(rdi, g.qword[r.scratch.getRegExp() + 24]);
     // r = x - kd ln2/N in two parts.
     g.vsubpd(e1, e1, c(kShift));
     g.vmovapd(e3, d);

@@ -15,6 +15,7 @@ bool blockExp();
 // The registers of one exp: the result d, and five scratch registers.
 struct ExpRegisters {
     Xbyak::Ymm d, t0, t1, e1, e2, e3;
+    Xbyak::Address scratch;  // 32 bytes of the frame
 };
 
 // d = exp(x) for lanes with |x| < 512; mark receives the mask of the other lanes (|x| >= 512, NaN), whose rows the
