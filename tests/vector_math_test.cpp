@@ -163,7 +163,8 @@ TEST(VectorMath, SelfCheckRefusesAnotherVariant)
             if (!(x >= DBL_MIN && x < INFINITY) || y == 0.0)
                 return std::log10(x);
             const double xm = e > 0 ? 2 * m : m;
-            const double z = std::fma(0x1.bcb7b1526e50ep-2, std::log(xm), y * 0x1.9fef311f12b36p-42);
+            const double z =
+                std::fma(0x1.bcb7b1526e50ep-2, std::log(xm), y * 0x1.9fef311f12b36p-42);
             return z + y * 0x1.34413509f6p-2;
         },
         [](double x) { return x > 1e5 ? std::nextafter(std::log10(x), 0.0) : std::log10(x); },

@@ -39,7 +39,8 @@ double input(oxm::Fn fn, std::mt19937_64& rng, long i)
         return fromBits(isExp ? rng() : rng() >> 1);
     default: {  // near a threshold: a few hundred ulps either side
         static const double expAt[] = {0x1p-54, 512.0, -512.0, 1024.0, -708.39, -745.13, 709.78};
-        static const double logAt[] = {1.0 - 0x1p-4, 1.0 + 0x1.09p-4, 0x1p-1022, 1.0, 0x1.6p-1, 10.0};
+        static const double logAt[] = {1.0 - 0x1p-4, 1.0 + 0x1.09p-4, 0x1p-1022,
+                                       1.0,          0x1.6p-1,        10.0};
         const double t = isExp ? expAt[rng() % 7] : logAt[rng() % 6];
         uint64_t b;
         std::memcpy(&b, &t, sizeof b);

@@ -304,7 +304,8 @@ def test_readme_example_runs():
 # ------------------------------------------------------------------ what the module shows
 
 def test_repr_reads_back():
-    for e in (oxel.Expression("x * 2 + 1"), oxel.Expression("s/y", variables=XY, aliases={"s": "x"}),
+    for e in (oxel.Expression("x * 2 + 1"),
+              oxel.Expression("s/y", variables=XY, aliases={"s": "x"}),
               oxel.Expression("sin(x)*y").derivative("x")):
         copy = eval(repr(e), {"oxel": oxel})
         xs = np.linspace(-2, 2, 7)

@@ -1,5 +1,5 @@
-// The four-lane exp, log and log10 (see vector_math.h); compiled with -ffp-contract=off: every fused
-// multiply-add below is written out, and no other product may be fused.
+// The four-lane exp, log and log10 (see vector_math.h); compiled with -ffp-contract=off:
+// every fused multiply-add below is written out, and no other product may be fused.
 #include "nodes/vector_math.h"
 
 #include <cstdint>
@@ -85,8 +85,10 @@ OXM_AVX2 ExpParts expParts(__m256d x)
 OXM_AVX2 bool expUncommon(__m256d x)
 {
     const int64_t tiny = 0x3c90000000000000ll;  // 2^-54
-    const __m256i a = _mm256_sub_epi64(ints(_mm256_andnot_pd(k(-0.0), x)), _mm256_set1_epi64x(tiny));
-    const __m256i above = _mm256_cmpgt_epi64(a, _mm256_set1_epi64x(0x4080000000000000ll - tiny - 1));
+    const __m256i a =
+        _mm256_sub_epi64(ints(_mm256_andnot_pd(k(-0.0), x)), _mm256_set1_epi64x(tiny));
+    const __m256i above =
+        _mm256_cmpgt_epi64(a, _mm256_set1_epi64x(0x4080000000000000ll - tiny - 1));
     return lanes(bits(_mm256_or_si256(a, above))) != 0;
 }
 
@@ -170,8 +172,10 @@ OXM_AVX2 __m256d logMain(__m256d x)
     const __m256i i = _mm256_and_si256(_mm256_srli_epi64(tmp, 45), _mm256_set1_epi64x(127));
     // k = tmp >> 52, arithmetic, which AVX2 lacks: (tmp + (0x3fe << 52)) >> 52 is k + 0x3fe
     // and not negative for normal x; it becomes a double as the low bits of 2^52.
-    const __m256i biased = _mm256_srli_epi64(_mm256_add_epi64(tmp, _mm256_set1_epi64x(0x3fell << 52)), 52);
-    const __m256d kd = _mm256_sub_pd(bits(_mm256_or_si256(biased, ints(k(0x1p52)))), k(0x1p52 + 0x3fe));
+    const __m256i biased =
+        _mm256_srli_epi64(_mm256_add_epi64(tmp, _mm256_set1_epi64x(0x3fell << 52)), 52);
+    const __m256d kd =
+        _mm256_sub_pd(bits(_mm256_or_si256(biased, ints(k(0x1p52)))), k(0x1p52 + 0x3fe));
     const __m256i iz =
         _mm256_sub_epi64(ix, _mm256_and_si256(tmp, _mm256_set1_epi64x(0xfffll << 52)));
     __m256d invc, logc;
@@ -245,11 +249,12 @@ OXM_AVX2 __m256d log10Reduced(__m256d x)
 OXM_AVX2 __m256d log10Finished(__m256d x, __m256d l)
 {
     const __m256i ix = ints(x);
-    const __m256d e = _mm256_sub_pd(bits(_mm256_or_si256(_mm256_srli_epi64(ix, 52), ints(k(0x1p52)))),
-                                    k(0x1p52 + 1023));
+    const __m256i biased = _mm256_or_si256(_mm256_srli_epi64(ix, 52), ints(k(0x1p52)));
+    const __m256d e = _mm256_sub_pd(bits(biased), k(0x1p52 + 1023));
     const __m256d below = _mm256_cmp_pd(e, k(0.0), _CMP_LT_OQ);  // x < 1: x' in [1/2, 1)
     const __m256d y = _mm256_add_pd(e, _mm256_and_pd(below, k(1.0)));
-    const __m256d z = _mm256_add_pd(_mm256_mul_pd(y, k(kLog10Of2Lo)), _mm256_mul_pd(k(kInvLn10), l));
+    const __m256d z =
+        _mm256_add_pd(_mm256_mul_pd(y, k(kLog10Of2Lo)), _mm256_mul_pd(k(kInvLn10), l));
     return _mm256_add_pd(z, _mm256_mul_pd(y, k(kLog10Of2Hi)));
 }
 

@@ -7,8 +7,8 @@
 // the compiler adds none). log10 is the classic reduction to log of [1/2, 2) with log10(2) in
 // two parts, no fused operation, around that log. Lanes outside the common path (exp: NaN,
 // infinities, |x| >= 1024, results that overflow or are subnormal; log and log10: x <= 0,
-// subnormal x, infinity, NaN) go to the scalar function. Whether they serve is decided once per process by a self-check against the
-// running C library (see vector_math_check.cpp).
+// subnormal x, infinity, NaN) go to the scalar function. Whether they serve is decided once
+// per process by a self-check against the running C library (see vector_math_check.cpp).
 #ifndef OXEL_NODES_VECTOR_MATH_H
 #define OXEL_NODES_VECTOR_MATH_H
 

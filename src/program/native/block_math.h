@@ -18,8 +18,8 @@ struct ExpRegisters {
     Xbyak::Address scratch;  // 32 bytes of the frame
 };
 
-// d = exp(x) for lanes with |x| < 512; mark receives the mask of the other lanes (|x| >= 512, NaN), whose rows the
-// caller redoes. Uses rcx, rdx, rsi, rdi and r11.
+// d = exp(x) for lanes with |x| < 512; mark receives the mask of the other lanes (|x| >= 512,
+// NaN), whose rows the caller redoes. Uses rcx, rdx, rsi, rdi and r11.
 void emitExp(Xbyak::CodeGenerator& g, ConstantPool& pool, const Xbyak::Operand& x,
              const ExpRegisters& r, const std::function<void(const Xbyak::Ymm&)>& mark);
 
