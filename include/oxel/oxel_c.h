@@ -65,8 +65,18 @@ OXEL_API oxel_expr* oxel_expr_derivative(oxel_expr* expr, const char* var);
  *  rule that depends on @p var, no derivative, or beyond the node budget; oxel_last_refusal()
  *  then says why. Free it with oxel_expr_free(). */
 OXEL_API oxel_expr* oxel_expr_partial(oxel_expr* expr, const char* var);
-/** Why the last oxel_expr_partial() or oxel_expr_gradient() of this thread gave NULL; "" after
- *  a success. Valid until this thread's next such call. */
+/** oxel_expr_partial()'s derivative written as statements over its shared parts
+ *  (OxelExpression::partialStatements): a line "t1 = ...;" per part used more than once,
+ *  then the result; with @p normalized nonzero each statement in its normal form. Parsed with
+ *  the same variables, the text gives that derivative's values and codes, in time and size
+ *  about linear in the formula's where the tree would grow faster. A malloc()ed string to
+ *  release with oxel_free(); NULL where none can be formed, oxel_last_refusal() then says
+ *  why. */
+OXEL_API char* oxel_expr_derivative_statements(const oxel_expr* expr, const char* var,
+                                               int normalized);
+/** Why the last oxel_expr_partial(), oxel_expr_derivative_statements() or
+ *  oxel_expr_gradient() of this thread gave NULL; "" after a success. Valid until this
+ *  thread's next such call. */
 OXEL_API const char* oxel_last_refusal(void);
 /** The node budget of derivatives, gradients and normal forms (oxelSetNodeBudget); @p n <= 0
  *  restores the default. */

@@ -261,6 +261,17 @@ char* oxel_expr_to_c_function(const oxel_expr* expr, const char* name)
     });
 }
 
+char* oxel_expr_derivative_statements(const oxel_expr* expr, const char* var, int normalized)
+{
+    refusal = !live(expr) ? "no expression" : !var ? "no variable name" : "";
+    if (!live(expr) || !var)
+        return nullptr;
+    return guarded<char*>(nullptr, [=]() -> char* {
+        KxString s = expr->expr->partialStatements(var, normalized != 0, &refusal);
+        return s.length() ? copied(s.c_str(), static_cast<size_t>(s.length())) : nullptr;
+    });
+}
+
 oxel_grad* oxel_expr_gradient(oxel_expr* expr, const char* const* names, int count, int order)
 {
     refusal = "invalid arguments";

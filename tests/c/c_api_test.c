@@ -155,6 +155,36 @@ static void test_derivative_simplify_print(void)
     oxel_expr_free(e);
 }
 
+/* Derivative statements read back to the partial derivative's bits; refusals say why. */
+static void test_derivative_statements(void)
+{
+    oxel_expr* e = make("exp(exp(speed * x)) / (1 + x*x)");
+    oxel_expr* d = oxel_expr_partial(e, "x");
+    int normalized, i;
+    for (normalized = 0; normalized < 2; ++normalized) {
+        char* text = oxel_expr_derivative_statements(e, "x", normalized);
+        oxel_expr* back = make(text ? text : "");
+        CHECK(text != NULL && strchr(text, ';') != NULL && strcmp(oxel_last_refusal(), "") == 0);
+        for (i = 0; i < NPOINTS && text && d; ++i) {
+            double v[2], want, got;
+            int err = 0, code = 0;
+            v[0] = points[i] / 4;
+            v[1] = points[(i + 3) % NPOINTS] / 4;
+            want = oxel_expr_eval(d, v, &err);
+            got = oxel_expr_eval(back, v, &code);
+            CHECK(normalized ? got == want || fabs(got - want) <= 1e-9 * fabs(want)
+                             : same_bits(got, want));
+            CHECK(code == err);
+        }
+        oxel_free(text);
+        oxel_expr_free(back);
+    }
+    CHECK(oxel_expr_derivative_statements(e, "q", 0) == NULL && strlen(oxel_last_refusal()) > 0);
+    CHECK(oxel_expr_derivative_statements(e, NULL, 0) == NULL);
+    oxel_expr_free(d);
+    oxel_expr_free(e);
+}
+
 /* Every function on a handle that is not a live expression: its failure value, no crash. */
 static void check_dead_handle(oxel_expr* e, oxel_grad* g)
 {
@@ -172,6 +202,7 @@ static void check_dead_handle(oxel_expr* e, oxel_grad* g)
     CHECK(oxel_expr_derivative(e, "x") == NULL && oxel_expr_simplified(e) == NULL);
     CHECK(oxel_expr_print(e) == NULL && oxel_expr_gradient(e, names, 1, 1) == NULL);
     CHECK(oxel_expr_to_c_function(e, "f") == NULL);
+    CHECK(oxel_expr_derivative_statements(e, "x", 0) == NULL);
     CHECK(oxel_grad_outputs(g) == 0);
     oxel_grad_eval(g, v, out, codes);
     CHECK(codes[0] == -7 && oxel_grad_eval_columns(g, NULL, 0, NULL, NULL) == -1);
@@ -254,6 +285,7 @@ int main(void)
     test_eval_and_batch();
     test_codes_and_assignments();
     test_derivative_simplify_print();
+    test_derivative_statements();
     test_dead_handles();
     test_names_and_aliases();
     test_messages_and_offsets();
