@@ -322,7 +322,7 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int rows, int n, 
     int redo[kBlock];
     int codes[kBlock];
     int count = 0;
-    const int groups = n / 4;
+    const int groups = n / 8 * 2;  // the block code takes groups in pairs
     double* const mid = ws + static_cast<size_t>(p.numColumns) * static_cast<size_t>(rows);
     const int streamed = stream && !p.tail && reinterpret_cast<uintptr_t>(res) % 16 == 0;
     const bool marked = groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err,

@@ -139,6 +139,11 @@ private:
         return tests;
     }
 
+    // The loop takes two groups of four rows per round, the steps written out for each (the
+    // group's checks, codes and marks cost less shared): half_ is the group.
+    int half_ = 0;
+    Xbyak::RegExp row(const Xbyak::Reg64& base) const { return base + r13 * 8 + 32 * half_; }
+
     Xbyak::Address constant(double v) { return yword[rip + pool_.of(v)]; }
     Xbyak::Address constantBits(uint64_t bits) { return yword[rip + pool_.of(bits)]; }
     Xbyak::Address home(int step) { return yword[rsp + 32 * l_.slot[static_cast<size_t>(step)]]; }
@@ -174,9 +179,9 @@ private:
             return Place{false, -1, home(o.index)};
         mov(base, qword[rbx + 8 * column_[static_cast<size_t>(o.index)]]);
         if (!keep || lastUseOf(key) <= step_)
-            return Place{false, -1, yword[base + r13 * 8]};
+            return Place{false, -1, yword[row(base)]};
         const int into = pick(avoid);
-        vmovupd(Xbyak::Ymm(into), yword[base + r13 * 8]);
+        vmovupd(Xbyak::Ymm(into), yword[row(base)]);
         holder_[into] = key;
         reg_[static_cast<size_t>(key)] = into;
         return Place{true, into, yword[rsp]};
@@ -485,42 +490,52 @@ void BlockGenerator::run()
     jle(done, T_NEAR);
     L(loop);
     clearSums();
-    // x^2 2^896 overflows from |x| = 2^64 on, and NaN stays NaN.
-    for (size_t v = 0; check && v < column_.size(); ++v) {
-        if (column_[v] < 0)
-            continue;
-        mov(rax, qword[rbx + 8 * column_[v]]);
-        vmovupd(t0, yword[rax + r13 * 8]);
-        vmulpd(t1, t0, constant(0x1p896));
-        vfmadd231pd(sums_[nextSum_], t1, t0);
-        nextSum_ = (nextSum_ + 1) % 3;
+    for (half_ = 0; half_ < 2; ++half_) {
+        std::fill(reg_.begin(), reg_.end(), -1);
+        std::fill(mem_.begin(), mem_.end(), false);
+        for (int& h : holder_)
+            h = -1;
+        // x^2 2^896 overflows from |x| = 2^64 on, and NaN stays NaN.
+        for (size_t v = 0; check && v < column_.size(); ++v) {
+            if (column_[v] < 0)
+                continue;
+            mov(rax, qword[rbx + 8 * column_[v]]);
+            vmovupd(t0, yword[row(rax)]);
+            vmulpd(t1, t0, constant(0x1p896));
+            vfmadd231pd(sums_[nextSum_], t1, t0);
+            nextSum_ = (nextSum_ + 1) % 3;
+        }
+        for (step_ = 0; step_ < static_cast<int>(n); ++step_)
+            inlined(l_.steps[static_cast<size_t>(step_)]);
+        const Place r = place(l_.result, rax);
+        const Xbyak::Ymm value = r.inReg ? Xbyak::Ymm(r.reg) : t0;
+        if (!r.inReg)
+            vmovupd(t0, r.mem);
+        // Streaming stores (16-byte aligned results) where the caller's results will not fit
+        // any cache: no read of each line before it is written.
+        Xbyak::Label cached, stored;
+        test(r9d, r9d);
+        jz(cached);
+        vmovntpd(xword[row(rbp)], Xbyak::Xmm(value.getIdx()));
+        vextractf128(Xbyak::Xmm(t1.getIdx()), value, 1);
+        vmovntpd(xword[row(rbp) + 16], Xbyak::Xmm(t1.getIdx()));
+        jmp(stored);
+        L(cached);
+        vmovupd(yword[row(rbp)], value);
+        L(stored);
+        const Xbyak::Xmm zero(t0.getIdx());
+        vxorpd(zero, zero, zero);
+        vmovupd(xword[r15 + r13 * 4 + 16 * half_], zero);
     }
-    for (step_ = 0; step_ < static_cast<int>(n); ++step_)
-        inlined(l_.steps[static_cast<size_t>(step_)]);
-    const Place r = place(l_.result, rax);
-    const Xbyak::Ymm value = r.inReg ? Xbyak::Ymm(r.reg) : t0;
-    if (!r.inReg)
-        vmovupd(t0, r.mem);
-    // Streaming stores (16-byte aligned results) where the caller's results will not fit any
-    // cache: no read of each line before it is written.
-    Xbyak::Label cached, stored;
-    test(r9d, r9d);
-    jz(cached);
-    vmovntpd(xword[rbp + r13 * 8], Xbyak::Xmm(value.getIdx()));
-    vextractf128(Xbyak::Xmm(t1.getIdx()), value, 1);
-    vmovntpd(xword[rbp + r13 * 8 + 16], Xbyak::Xmm(t1.getIdx()));
-    jmp(stored);
-    L(cached);
-    vmovupd(yword[rbp + r13 * 8], value);
-    L(stored);
-    const Xbyak::Xmm zero(t0.getIdx());
-    vxorpd(zero, zero, zero);
-    vmovupd(xword[r15 + r13 * 4], zero);
+    // One test for both groups: a lane that fails in either marks its row in both.
     failedLanes(t0);
-    mov(byte[r12], al);
+    mov(ecx, eax);
+    shl(ecx, 8);
+    or_(eax, ecx);
+    mov(word[r12], ax);
     or_(r14d, eax);
-    add(r12, 1);
-    add(r13, 4);
+    add(r12, 2);
+    add(r13, 8);
     cmp(r13, qword[rsp + endOff_]);
     jb(loop, T_NEAR);
     L(done);
@@ -571,9 +586,10 @@ BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, 
     std::vector<int> column(ir.inputRead.size(), -1);
     for (size_t c = 0; c < inputVars.size(); ++c)
         column[static_cast<size_t>(inputVars[c])] = static_cast<int>(c);
-    // Bounds per step, with room to spare: an inline step with its loads and spills (at most
-    // about 150 bytes) and two constants of 32 bytes; a larger program would only fall back.
-    const size_t size = 4096 + 384 * ir.steps.size();
+    // Bounds per step, with room to spare: an inline step written twice with its loads and
+    // spills (at most about 150 bytes each; exp about 250) and two constants of 32 bytes; a
+    // larger program would only fall back.
+    const size_t size = 4096 + 640 * ir.steps.size();
     std::vector<uint64_t> buf(size / 8 + 8);
     uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
     start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;

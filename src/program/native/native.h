@@ -42,10 +42,11 @@ void releaseNative(NativeCode& code);
 
 // A fused block program of the column batch (block_jit.cpp): rows [0, 4 * groups) of the
 // input columns (columns[c] for variable inputVars[c]) through every step, four at a time,
-// values straight into results, 0 into errors. Per group of four it writes a byte to marks,
-// bit j set where row j's value cannot be vouched for (a value or an input left the range
-// where the steps give their kernels' results): those rows must be evaluated again by the
-// column program, whose values and codes are eval()'s; unmarked rows have no error. Returns
+// values straight into results, 0 into errors; groups is even, as the loop takes groups in
+// pairs. Per group of four it writes a byte to marks, bit j set where row j's value cannot be
+// vouched for (a value or an input left the range where the steps give their kernels'
+// results): those rows must be evaluated again by the column program, whose values and codes
+// are eval()'s; unmarked rows have no error. Returns
 // the marks ORed. With stream (results 16-byte aligned), values bypass the caches (the
 // caller fences before others read them).
 using BlockFn = int (*)(const double* const* columns, double* results, int* errors,
