@@ -455,6 +455,9 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
                         !(off && std::strcmp(off, "0") == 0);
     const bool tail = oxn::mathColumn(oxk::Kind::OxExp) && oxn::mathColumn(oxk::Kind::OxLn);
     const bool vexp = oxn::mathColumn(oxk::Kind::OxExp) != nullptr;
+    std::string longSum = "x";  // past 256 steps: one group per round of the loop
+    for (int i = 0; i < 90; ++i)
+        longSum += " + x * " + std::to_string(i) + " - y / (z + " + std::to_string(i) + ")";
     const struct {
         const char* text;
         bool block;  // it has block code (with native code on)
@@ -476,6 +479,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         // exp in the block code: from 512 on (overflows among them), NaN, tiny and subnormal.
         {"exp(x * y) - exp(-z / x) * y", vexp}, {"exp(sqrt(x - 1)) * z", vexp},
         {"exp(x * 1e-310) + exp(-y * 1e-300) * exp(z - 1e-17)", vexp},
+        {longSum.c_str(), true},
     };
     for (const auto& f : formulas) {
         const char* formula = f.text;

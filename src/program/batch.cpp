@@ -220,6 +220,7 @@ void tailBlock(OxelProgram& p, const oxp::Program& ir)
     rest.result = ir.steps.back().a;
     oxp::allocate(rest);
     p.block = oxn::compileBlock(rest, p.inputVars, p.blockCode);
+    p.blockRound = oxn::blockRound(rest);
     if (p.block)
         p.tail = tail;
 }
@@ -239,6 +240,7 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     buildColumns(*p, ir);
     p->compiled = true;
     p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
+    p->blockRound = oxn::blockRound(ir);
     p->blockStreamedOnly = p->block && ir.steps.size() == 1;
     if (!p->block)
         tailBlock(*p, ir);
@@ -322,7 +324,7 @@ void runFused(const OxelProgram& p, double** colp, double* ws, int rows, int n, 
     int redo[kBlock];
     int codes[kBlock];
     int count = 0;
-    const int groups = n / 8 * 2;  // the block code takes groups in pairs
+    const int groups = n / (4 * p.blockRound) * p.blockRound;
     double* const mid = ws + static_cast<size_t>(p.numColumns) * static_cast<size_t>(rows);
     const int streamed = stream && !p.tail && reinterpret_cast<uintptr_t>(res) % 16 == 0;
     const bool marked = groups > 0 && p.block(colp, p.tail ? mid : res, zeroed ? codes : err,

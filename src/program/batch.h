@@ -61,6 +61,7 @@ public:
     // A lone step: its column loop is as fused already and a little faster, so the block
     // program serves only batches whose results stream.
     bool blockStreamedOnly = false;
+    int blockRound = 1;  // groups of four per round of its loop
     // With tail, the block program is all steps but the last, an ln or log10 of its result,
     // which tail then computes over the block's column.
     void (*tail)(const double* x, double* r, int* err, int n) = nullptr;

@@ -139,8 +139,8 @@ private:
         return tests;
     }
 
-    // The loop takes two groups of four rows per round, the steps written out for each (the
-    // group's checks, codes and marks cost less shared): half_ is the group.
+    // The loop takes blockRound() groups of four rows per round, the steps written out for
+    // each: half_ is the group.
     int half_ = 0;
     Xbyak::RegExp row(const Xbyak::Reg64& base) const { return base + r13 * 8 + 32 * half_; }
 
@@ -426,7 +426,7 @@ void BlockGenerator::inlined(const oxp::Step& s)
         }
         emitExp(*this, pool_, aop,
                 {d, t0, t1, Xbyak::Ymm(extra[0]), Xbyak::Ymm(extra[1]), Xbyak::Ymm(extra[2]),
-                 yword[rsp + stackOff_ + 8]},  // the frame's scratch
+                 yword[rsp + stackOff_ + 8 + 32 * half_]},  // the frame's scratch
                 [this](const Xbyak::Ymm& m) { markLanes(m); });
         break;
     }
@@ -458,9 +458,9 @@ void BlockGenerator::run()
     const int unchecked = testsNeeded(__builtin_inf());
     const bool check = unchecked - testsNeeded(kInput) > static_cast<int>(column_.size());
     inputBound_ = check ? kInput : __builtin_inf();
-    // Slots, the end, the caller's rsp, 32 bytes of scratch (exp's table offsets); aligned
-    // down to 32 below the pushes.
-    const int frame = stackOff_ + 8 + 32;
+    // Slots, the end, the caller's rsp, 32 bytes of scratch per group of the round (exp's
+    // table offsets); aligned down to 32 below the pushes.
+    const int frame = stackOff_ + 8 + 32 * blockRound(l_);
 
     push(rbx);
     push(rbp);
@@ -490,7 +490,8 @@ void BlockGenerator::run()
     jle(done, T_NEAR);
     L(loop);
     clearSums();
-    for (half_ = 0; half_ < 2; ++half_) {
+    const int round = blockRound(l_);
+    for (half_ = 0; half_ < round; ++half_) {
         std::fill(reg_.begin(), reg_.end(), -1);
         std::fill(mem_.begin(), mem_.end(), false);
         for (int& h : holder_)
@@ -527,15 +528,17 @@ void BlockGenerator::run()
         vxorpd(zero, zero, zero);
         vmovupd(xword[r15 + r13 * 4 + 16 * half_], zero);
     }
-    // One test for both groups: a lane that fails in either marks its row in both.
+    // One test for the round's groups: a lane that fails in any marks its row in all.
     failedLanes(t0);
-    mov(ecx, eax);
-    shl(ecx, 8);
-    or_(eax, ecx);
-    mov(word[r12], ax);
+    if (round == 1) {
+        mov(byte[r12], al);
+    } else {
+        imul(ecx, eax, 0x01010101);
+        mov(dword[r12], ecx);
+    }
     or_(r14d, eax);
-    add(r12, 2);
-    add(r13, 8);
+    add(r12, round);
+    add(r13, 4 * round);
     cmp(r13, qword[rsp + endOff_]);
     jb(loop, T_NEAR);
     L(done);
@@ -586,10 +589,11 @@ BlockFn compileBlock(const oxp::Program& ir, const std::vector<int>& inputVars, 
     std::vector<int> column(ir.inputRead.size(), -1);
     for (size_t c = 0; c < inputVars.size(); ++c)
         column[static_cast<size_t>(inputVars[c])] = static_cast<int>(c);
-    // Bounds per step, with room to spare: an inline step written twice with its loads and
-    // spills (at most about 150 bytes each; exp about 250) and two constants of 32 bytes; a
-    // larger program would only fall back.
-    const size_t size = 4096 + 640 * ir.steps.size();
+    // Bounds per step, with room to spare: an inline step with its loads and spills (at most
+    // about 150 bytes; exp about 250) per group of the round, and two constants of 32 bytes;
+    // a larger program would only fall back.
+    const size_t size = 4096 + 320 * static_cast<size_t>(blockRound(ir)) * ir.steps.size() +
+                        64 * ir.steps.size();
     std::vector<uint64_t> buf(size / 8 + 8);
     uint8_t* start = reinterpret_cast<uint8_t*>(buf.data());
     start += (64 - reinterpret_cast<uintptr_t>(start) % 64) % 64;
