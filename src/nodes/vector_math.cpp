@@ -209,24 +209,6 @@ OXM_AVX2 __m256i logFar(__m256d x)
     return bitsOutside(ints(x), 0x3fee000000000000ll, 0x3ff1090000000000ll - 0x3fee000000000000ll);
 }
 
-OXM_AVX2 __m256d log4(__m256d x, int& away)
-{
-    const __m256d abnormal = bits(logNormal(x));
-    const __m256d far = bits(logFar(x));
-    away = lanes(abnormal);
-    const int farLanes = lanes(far);
-    if (__builtin_expect(away == 0, 1)) {
-        if (farLanes == 15)
-            return logMain(x);
-        if (farLanes == 0)
-            return logNearOne(x);
-    }
-    // Lanes of another path compute on zero, as in exp; near-one lanes are all normal.
-    const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(abnormal)));
-    const __m256d xs = _mm256_andnot_pd(zeroed, x);
-    return _mm256_blendv_pd(logNearOne(xs), logMain(xs), far);
-}
-
 // log10(x) = y log10(2) + log(x')/ln(10) with x = 2^y x', x' in [1/2, 2) (y = 0 for x in
 // [1/2, 2)): 1/ln(10) rounded to nearest, log10(2) cut at 2^-41 as hi (40 bits, so y hi is
 // exact) and the rest rounded as lo. Products and sums are rounded one by one: no fused
@@ -258,13 +240,6 @@ OXM_AVX2 __m256d log10Finished(__m256d x, __m256d l)
     return _mm256_add_pd(z, _mm256_mul_pd(y, k(kLog10Of2Hi)));
 }
 
-OXM_AVX2 __m256d log10of4(__m256d x, int& away)
-{
-    const __m256d l = log4(log10Reduced(x), away);
-    away = lanes(bits(logNormal(x)));
-    return log10Finished(x, l);
-}
-
 // One row per function: its kernel, and for the logs the argument of log and the result
 // from log's value.
 template <Fn F>
@@ -285,6 +260,25 @@ struct Lanes<Fn::Log10> {
     OXM_AVX2 static __m256d finished(__m256d x, __m256d l) { return log10Finished(x, l); }
     static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
 };
+
+// A log for any four lanes (the self-check's path): both of log's paths where the lanes differ.
+template <Fn F>
+OXM_AVX2 __m256d logs4(__m256d x, int& away)
+{
+    const __m256d reduced = Lanes<F>::reduced(x);
+    const __m256d abnormal = bits(logNormal(x));
+    const __m256d far = bits(logFar(reduced));
+    away = lanes(abnormal);
+    const int farLanes = lanes(far);
+    if (away == 0 && farLanes == 15)
+        return Lanes<F>::finished(x, logMain(reduced));
+    if (away == 0 && farLanes == 0)
+        return Lanes<F>::finished(x, logNearOne(reduced));
+    // Lanes of another path compute on zero, as in exp.
+    const __m256d zeroed = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(abnormal)));
+    const __m256d xs = _mm256_andnot_pd(zeroed, reduced);
+    return Lanes<F>::finished(x, _mm256_blendv_pd(logNearOne(xs), logMain(xs), far));
+}
 
 // Rows whose log runs near one, from groups that also hold other rows (common in data about
 // 1): gathered without a branch and run four at a time after the column's other rows, rather
@@ -399,8 +393,8 @@ void guarded(const double* x, double* r, int* err, int n)
     int away;
     const __m256d v = _mm256_loadu_pd(x);
     _mm256_storeu_pd(r, fn == Fn::Exp ? exp4(v, away)
-                        : fn == Fn::Log ? log4(v, away)
-                                        : log10of4(v, away));
+                        : fn == Fn::Log ? logs4<Fn::Log>(v, away)
+                                        : logs4<Fn::Log10>(v, away));
     return away;
 }
 

@@ -10,7 +10,7 @@ namespace oxn {
 // The loop for the step, or null when it has no four-lane form here.
 oxb::Runner wideRunner(const oxp::Step& s);
 
-// exp or ln over a column (values, codes of failing rows raised, rows), where the four-lane
+// exp, ln or log10 over a column (values, codes of failing rows raised, rows), where the four-lane
 // form serves it; null otherwise.
 using MathColumn = void (*)(const double* x, double* r, int* err, int n);
 OXEL_API MathColumn mathColumn(oxk::Kind kind);  // exported for the tests
