@@ -1,4 +1,4 @@
-// vector_math_check: the long check of the four-lane exp, log and log10 against the C library.
+// vector_math_check: the long check of the four-lane functions against the C library.
 //
 // Usage: vector_math_check [millions of inputs per function, default 100]. Inputs: uniform on
 // the common ranges, uniform in the exponent, raw bit patterns, and a few ulps around random
@@ -22,27 +22,52 @@ double fromBits(uint64_t b)
     return v;
 }
 
+// Per function: a wide and a narrow uniform range, whether inputs take either sign, and the
+// points of its branch thresholds.
+struct Inputs {
+    double wideLo, wideHi, narrowLo, narrowHi;
+    bool signed_;
+    double at[7];
+};
+
+const Inputs& inputsOf(oxm::Fn fn)
+{
+    static const Inputs exps = {-745.2, 709.8, -10.0, 10.0, true,
+                                {0x1p-54, 512.0, -512.0, 1024.0, -708.39, -745.13, 709.78}};
+    static const Inputs logs = {0.0, 10.0, 0.9, 1.1, false,
+                                {1.0 - 0x1p-4, 1.0 + 0x1.09p-4, 0x1p-1022, 1.0, 0x1.6p-1, 10.0,
+                                 2.0}};
+    static const Inputs hyper = {-45.0, 45.0, -1.1, 1.1, true,
+                                 {0x1p-55, 0x1p-28, 0x1.62e43p-2, 0x1.0a2b2p0, 1.0, 22.0,
+                                  0x1.43687ap5}};
+    switch (fn) {
+    case oxm::Fn::Exp:
+        return exps;
+    case oxm::Fn::Log:
+    case oxm::Fn::Log10:
+        return logs;
+    default:
+        return hyper;
+    }
+}
+
 double input(oxm::Fn fn, std::mt19937_64& rng, long i)
 {
     std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const bool isExp = fn == oxm::Fn::Exp;
+    const Inputs& in = inputsOf(fn);
+    const double sign = in.signed_ && rng() % 2 ? -1.0 : 1.0;
     switch (i % 5) {
     case 0:
-        return isExp ? -745.2 + 1455.0 * unit(rng) : 10.0 * unit(rng);
+        return in.wideLo + (in.wideHi - in.wideLo) * unit(rng);
     case 1:
-        return isExp ? -10.0 + 20.0 * unit(rng) : 0.9 + 0.2 * unit(rng);
-    case 2: {
-        const double m = std::ldexp(1.0 + unit(rng), static_cast<int>(rng() % 2100) - 1075);
-        return isExp && rng() % 2 ? -m : m;
-    }
+        return in.narrowLo + (in.narrowHi - in.narrowLo) * unit(rng);
+    case 2:
+        return sign * std::ldexp(1.0 + unit(rng), static_cast<int>(rng() % 2100) - 1075);
     case 3:
-        return fromBits(isExp ? rng() : rng() >> 1);
+        return fromBits(in.signed_ ? rng() : rng() >> 1);
     default: {  // near a threshold: a few hundred ulps either side
-        static const double expAt[] = {0x1p-54, 512.0, -512.0, 1024.0, -708.39, -745.13, 709.78};
-        static const double logAt[] = {1.0 - 0x1p-4, 1.0 + 0x1.09p-4, 0x1p-1022,
-                                       1.0,          0x1.6p-1,        10.0};
-        const double t = isExp ? expAt[rng() % 7] : logAt[rng() % 6];
         uint64_t b;
+        const double t = sign * in.at[rng() % 7];
         std::memcpy(&b, &t, sizeof b);
         return fromBits(b + (rng() % 512) - 256);
     }

@@ -2,7 +2,10 @@
 // every fused multiply-add below is written out, and no other product may be fused.
 #include "nodes/vector_math.h"
 
+#include <array>
 #include <cstdint>
+#include <iterator>
+#include <utility>
 
 #include <immintrin.h>
 
@@ -240,8 +243,166 @@ OXM_AVX2 __m256d log10Finished(__m256d x, __m256d l)
     return _mm256_add_pd(z, _mm256_mul_pd(y, k(kLog10Of2Hi)));
 }
 
-// One row per function: its kernel, and for the logs the argument of log and the result
-// from log's value.
+// expm1(x) = 2^k (1 + expm1(r)) - 1 with x = k ln2 + r, r as hi - lo plus its rounding error c,
+// and expm1(r) from a rational form in r^2/2 whose polynomial runs in two halves (the classic
+// freely licensed algorithm, see THIRD_PARTY_NOTICES). Each fused operation, and the sum that
+// finishes each range of k, is the C library's FMA build's. For finite x with |x| >= 2^-54
+// below 709.78; x below -56 ln2 gives -1.
+const double kEm1Ln2Hi = 0x1.62e42feep-1;
+const double kEm1Ln2Lo = 0x1.a39ef35793c76p-33;
+const double kEm1InvLn2 = 0x1.71547652b82fep0;
+const double kEm1Q1 = -0x1.11111111110f4p-5;
+const double kEm1Q2 = 0x1.a01a019fe5585p-10;
+const double kEm1Q3 = -0x1.4ce199eaadbb7p-14;
+const double kEm1Q4 = 0x1.0cfca86e65239p-18;
+const double kEm1Q5 = -0x1.afdb76e09c32dp-23;
+
+// Masks of lanes whose |x|'s bits lie at or above bound.
+OXM_AVX2 __m256d atLeast(__m256i ax, int64_t bound)
+{
+    return bits(_mm256_cmpgt_epi64(ax, _mm256_set1_epi64x(bound - 1)));
+}
+
+OXM_AVX2 __m256d expm1Lanes(__m256d x)
+{
+    const __m256i ax = ints(_mm256_andnot_pd(k(-0.0), x));
+    const __m256d negative = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ints(x)));
+    const __m256d half = _mm256_or_pd(k(0.5), _mm256_and_pd(negative, k(-0.0)));
+    // k = 0 to 0.5 ln2, +-1 to 1.5 ln2, else x/ln2 +- 1/2 truncated.
+    const __m256d reduced = atLeast(ax, 0x3fd62e4300000000ll);
+    const __m256d beyondOne = atLeast(ax, 0x3ff0a2b200000000ll);
+    const __m256d kFar = _mm256_round_pd(_mm256_add_pd(_mm256_mul_pd(x, k(kEm1InvLn2)), half),
+                                         _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+    const __m256d kOne = _mm256_add_pd(half, half);
+    const __m256d kd = _mm256_and_pd(reduced, _mm256_blendv_pd(kOne, kFar, beyondOne));
+    const __m256d hi = _mm256_fnmadd_pd(kd, k(kEm1Ln2Hi), x);
+    const __m256d lo = _mm256_mul_pd(kd, k(kEm1Ln2Lo));
+    const __m256d r = _mm256_sub_pd(hi, lo);
+    const __m256d c = _mm256_sub_pd(_mm256_sub_pd(hi, r), lo);
+
+    const __m256d hfx = _mm256_mul_pd(r, k(0.5));
+    const __m256d hxs = _mm256_mul_pd(r, hfx);
+    const __m256d h2 = _mm256_mul_pd(hxs, hxs);
+    const __m256d r1 = fma(_mm256_mul_pd(h2, h2), fma(hxs, k(kEm1Q5), k(kEm1Q4)),
+                           fma(h2, fma(hxs, k(kEm1Q3), k(kEm1Q2)), fma(hxs, k(kEm1Q1), k(1.0))));
+    const __m256d t = _mm256_fnmadd_pd(r1, hfx, k(3.0));
+    const __m256d e = _mm256_mul_pd(
+        _mm256_div_pd(_mm256_sub_pd(r1, t), _mm256_fnmadd_pd(r, t, k(6.0))), hxs);
+
+    // k = 0: r - (r e - r^2/2); otherwise e corrected by c.
+    const __m256d y0 = _mm256_sub_pd(r, _mm256_fmsub_pd(e, r, hxs));
+    const __m256d ec = _mm256_sub_pd(_mm256_fmsub_pd(_mm256_sub_pd(e, c), r, c), hxs);
+    const __m256d rMinusE = _mm256_sub_pd(r, ec);
+    const __m256d eMinusR = _mm256_sub_pd(ec, r);
+    // k = -1 and k = 1 (below r = -1/4 with another sum).
+    const __m256d yDown = fma(rMinusE, k(0.5), k(-0.5));
+    const __m256d yUp = _mm256_blendv_pd(
+        fma(rMinusE, k(2.0), k(1.0)),
+        _mm256_mul_pd(_mm256_sub_pd(ec, _mm256_add_pd(r, k(0.5))), k(-2.0)),
+        _mm256_cmp_pd(r, k(-0.25), _CMP_LT_OQ));
+    // Other k: y 2^k with y by range, 2^k put into y's exponent (y 2^k is normal).
+    const __m256i ki = _mm256_sub_epi64(ints(_mm256_add_pd(kd, k(0x1p52 + 0x1p51))),
+                                        ints(k(0x1p52 + 0x1p51)));
+    const __m256d twoMinusK = bits(_mm256_sub_epi64(ints(k(1.0)), _mm256_slli_epi64(ki, 52)));
+    const __m256d ySmall = _mm256_sub_pd(_mm256_sub_pd(k(1.0), twoMinusK), eMinusR);
+    const __m256d yMid = _mm256_add_pd(_mm256_sub_pd(r, _mm256_add_pd(ec, twoMinusK)), k(1.0));
+    const __m256d yFar = _mm256_sub_pd(k(1.0), eMinusR);
+    const __m256d scaledRange = _mm256_and_pd(_mm256_cmp_pd(kd, k(1.5), _CMP_GT_OQ),
+                                              _mm256_cmp_pd(kd, k(57.0), _CMP_LT_OQ));
+    __m256d y = _mm256_blendv_pd(
+        yFar, _mm256_blendv_pd(yMid, ySmall, _mm256_cmp_pd(kd, k(20.0), _CMP_LT_OQ)), scaledRange);
+    y = bits(_mm256_add_epi64(ints(y), _mm256_slli_epi64(ki, 52)));
+    y = _mm256_blendv_pd(_mm256_sub_pd(y, k(1.0)), y, scaledRange);
+    y = _mm256_blendv_pd(y, yUp, _mm256_cmp_pd(kd, k(1.0), _CMP_EQ_OQ));
+    y = _mm256_blendv_pd(y, yDown, _mm256_cmp_pd(kd, k(-1.0), _CMP_EQ_OQ));
+    y = _mm256_blendv_pd(y, y0, _mm256_cmp_pd(kd, k(0.0), _CMP_EQ_OQ));
+    // Below -56 ln2: -1.
+    const __m256d minusOne = _mm256_and_pd(negative, atLeast(ax, 0x4043687a00000000ll));
+    return _mm256_blendv_pd(y, k(-1.0), minusOne);
+}
+
+// Lanes of mask compute on zero: subnormal arithmetic in dead lanes is slow.
+OXM_AVX2 __m256d zeroed(__m256d x, __m256d mask)
+{
+    return _mm256_andnot_pd(mask, x);
+}
+
+// expm1 for any lanes: x >= 512 and NaN away (the kernel raises from 709.72).
+OXM_AVX2 __m256d expm1Any(__m256d x, int& away)
+{
+    const __m256d outside = _mm256_cmp_pd(x, k(512.0), _CMP_NLT_UQ);
+    const __m256d tiny = _mm256_cmp_pd(_mm256_andnot_pd(k(-0.0), x), k(0x1p-54), _CMP_LT_OQ);
+    away = lanes(outside);
+    return _mm256_blendv_pd(expm1Lanes(zeroed(x, _mm256_or_pd(outside, tiny))), x, tiny);
+}
+
+// tanh: 1 - 2/(expm1(2|x|) + 2) from |x| = 1, else -t/(t + 2) with t = expm1(-2|x|), the sign
+// of x; 1 from |x| = 22, x (1 + x) below 2^-55. NaN away.
+OXM_AVX2 __m256d tanhAny(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256i axi = ints(ax);
+    const __m256d nan = _mm256_cmp_pd(x, x, _CMP_UNORD_Q);
+    const __m256d big = atLeast(axi, 0x4036000000000000ll);
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-55), _CMP_LT_OQ);
+    const __m256d fromOne = atLeast(axi, 0x3ff0000000000000ll);
+    const __m256d twice = _mm256_add_pd(ax, ax);
+    const __m256d a = _mm256_blendv_pd(_mm256_xor_pd(twice, k(-0.0)), twice, fromOne);
+    const __m256d t = expm1Lanes(zeroed(a, _mm256_or_pd(big, tiny)));
+    const __m256d q = _mm256_div_pd(_mm256_blendv_pd(_mm256_xor_pd(t, k(-0.0)), k(2.0), fromOne),
+                                    _mm256_add_pd(t, k(2.0)));
+    __m256d z = _mm256_blendv_pd(q, _mm256_sub_pd(k(1.0), q), fromOne);
+    z = _mm256_or_pd(_mm256_blendv_pd(z, k(1.0), big), _mm256_and_pd(x, k(-0.0)));
+    away = lanes(nan);
+    return _mm256_blendv_pd(z, _mm256_mul_pd(x, _mm256_add_pd(k(1.0), x)), tiny);
+}
+
+// sinh: h (2t - t^2/(t + 1)) below |x| = 1, else h (t + t/(t + 1)), with t = expm1(|x|) and
+// h = 1/2 with the sign of x; x below 2^-28. |x| >= 22 and NaN away.
+OXM_AVX2 __m256d sinhAny(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256d outside = _mm256_cmp_pd(ax, k(22.0), _CMP_NLT_UQ);
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-28), _CMP_LT_OQ);
+    const __m256d belowOne = _mm256_cmp_pd(ax, k(1.0), _CMP_LT_OQ);
+    const __m256d t = expm1Lanes(zeroed(ax, _mm256_or_pd(outside, tiny)));
+    const __m256d q = _mm256_div_pd(_mm256_blendv_pd(t, _mm256_mul_pd(t, t), belowOne),
+                                    _mm256_add_pd(t, k(1.0)));
+    const __m256d v =
+        _mm256_blendv_pd(_mm256_add_pd(q, t), _mm256_sub_pd(_mm256_add_pd(t, t), q), belowOne);
+    const __m256d h = _mm256_or_pd(k(0.5), _mm256_and_pd(x, k(-0.0)));
+    away = lanes(outside);
+    return _mm256_blendv_pd(_mm256_mul_pd(v, h), x, tiny);
+}
+
+// cosh: 1 + t^2/(2 (1 + t)) with t = expm1(|x|) to 0.5 ln2 (1 below 2^-55), beyond
+// e/2 + (1/2)/e with e = exp(|x|). |x| >= 22 and NaN away.
+OXM_AVX2 __m256d coshAny(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256d outside = _mm256_cmp_pd(ax, k(22.0), _CMP_NLT_UQ);
+    const __m256d nearZero = _mm256_cmp_pd(ax, k(0x1.62e43p-2), _CMP_LT_OQ);
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-55), _CMP_LT_OQ);
+    away = lanes(outside);
+    const int near = lanes(nearZero);
+    __m256d y = k(1.0);
+    if (near != 15) {
+        const __m256d e = expCommon(_mm256_blendv_pd(ax, k(1.0), _mm256_or_pd(outside, nearZero)));
+        y = _mm256_add_pd(_mm256_mul_pd(e, k(0.5)), _mm256_div_pd(k(0.5), e));
+    }
+    if (near != 0) {
+        const __m256d rest = _mm256_cmp_pd(ax, k(0x1.62e43p-2), _CMP_NLT_UQ);
+        const __m256d t = expm1Lanes(zeroed(ax, _mm256_or_pd(tiny, rest)));
+        const __m256d w = _mm256_add_pd(t, k(1.0));
+        const __m256d small =
+            _mm256_add_pd(k(1.0), _mm256_div_pd(_mm256_mul_pd(t, t), _mm256_add_pd(w, w)));
+        y = _mm256_blendv_pd(y, _mm256_blendv_pd(small, k(1.0), tiny), nearZero);
+    }
+    return y;
+}
+
+// One row per function: its kernel; for the logs the argument of log and the result from log's
+// value; for the others the path for any four lanes.
 template <Fn F>
 struct Lanes;
 template <>
@@ -260,6 +421,31 @@ struct Lanes<Fn::Log10> {
     OXM_AVX2 static __m256d finished(__m256d x, __m256d l) { return log10Finished(x, l); }
     static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
 };
+template <>
+struct Lanes<Fn::Expm1> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return expm1Any(x, away); }
+    static double kernel(double x, int& err) { return oxk::eval_OxExpm1(x, err); }
+};
+template <>
+struct Lanes<Fn::Tanh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return tanhAny(x, away); }
+    static double kernel(double x, int&) { return oxk::eval_OxTanh(x); }
+};
+template <>
+struct Lanes<Fn::Sinh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return sinhAny(x, away); }
+    static double kernel(double x, int& err) { return oxk::eval_OxSinh(x, err); }
+};
+template <>
+struct Lanes<Fn::Cosh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return coshAny(x, away); }
+    static double kernel(double x, int&) { return oxk::eval_OxCosh(x); }
+};
+
+constexpr bool isLog(Fn f)
+{
+    return f == Fn::Log || f == Fn::Log10;
+}
 
 // A log for any four lanes (the self-check's path): both of log's paths where the lanes differ.
 template <Fn F>
@@ -337,6 +523,8 @@ template <Fn F>
             }
             _mm256_storeu_pd(r + i, expAnyLanes(v, away));
             away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
+        } else if constexpr (!isLog(F)) {
+            _mm256_storeu_pd(r + i, Lanes<F>::any(v, away));
         } else {
             const __m256d reduced = Lanes<F>::reduced(v);
             const __m256i abnormal = logNormal(v);
@@ -364,7 +552,7 @@ template <Fn F>
                 r[j] = Lanes<F>::kernel(x[j], err[j]);
         }
     }
-    if constexpr (F != Fn::Exp)
+    if constexpr (isLog(F))
         near.run(x, r);
 }
 
@@ -386,29 +574,44 @@ void guarded(const double* x, double* r, int* err, int n)
         r[i] = Lanes<F>::kernel(x[i], err[i]);
 }
 
-}  // namespace
-
-[[gnu::target("avx2,fma")]] int apply4(Fn fn, const double* x, double* r)
+template <Fn F>
+[[gnu::target("avx2,fma")]] int four(const double* x, double* r)
 {
     int away;
     const __m256d v = _mm256_loadu_pd(x);
-    _mm256_storeu_pd(r, fn == Fn::Exp ? exp4(v, away)
-                        : fn == Fn::Log ? logs4<Fn::Log>(v, away)
-                                        : logs4<Fn::Log10>(v, away));
+    if constexpr (F == Fn::Exp)
+        _mm256_storeu_pd(r, exp4(v, away));
+    else if constexpr (isLog(F))
+        _mm256_storeu_pd(r, logs4<F>(v, away));
+    else
+        _mm256_storeu_pd(r, Lanes<F>::any(v, away));
     return away;
+}
+
+// Per function, in the order of Fn.
+struct Entry {
+    int (*four)(const double*, double*);
+    Column column;
+};
+
+template <size_t... I>
+constexpr std::array<Entry, sizeof...(I)> entries(std::index_sequence<I...>)
+{
+    return {Entry{&four<kFunctions[I]>, &guarded<kFunctions[I]>}...};
+}
+
+constexpr auto kEntries = entries(std::make_index_sequence<std::size(kFunctions)>());
+
+}  // namespace
+
+int apply4(Fn fn, const double* x, double* r)
+{
+    return kEntries[static_cast<size_t>(fn)].four(x, r);
 }
 
 Column column(Fn fn)
 {
-    switch (fn) {
-    case Fn::Exp:
-        return &guarded<Fn::Exp>;
-    case Fn::Log:
-        return &guarded<Fn::Log>;
-    case Fn::Log10:
-        break;
-    }
-    return &guarded<Fn::Log10>;
+    return kEntries[static_cast<size_t>(fn)].column;
 }
 
 }  // namespace oxm

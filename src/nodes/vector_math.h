@@ -1,14 +1,17 @@
-// Four-lane exp, log and log10 that give the C library's bits: the batch program's exp, ln and
-// log10 columns.
+// Four-lane exp, log, log10, expm1, tanh, sinh and cosh that give the C library's bits: the
+// batch program's columns of these functions.
 //
 // exp and log follow the algorithm of the table-based exp and log that glibc 2.36 runs on
 // x86-64 with AVX2 and FMA (its FMA build), operation for operation, with every fused
 // multiply-add where that build has one (the file is compiled with -ffp-contract=off so that
 // the compiler adds none). log10 is the classic reduction to log of [1/2, 2) with log10(2) in
-// two parts, no fused operation, around that log. Lanes outside the common path (exp: NaN,
-// infinities, |x| >= 1024, results that overflow or are subnormal; log and log10: x <= 0,
-// subnormal x, infinity, NaN) go to the scalar function. Whether they serve is decided once
-// per process by a self-check against the running C library (see vector_math_check.cpp).
+// two parts, no fused operation, around that log. expm1 is the classic freely licensed
+// algorithm with the fused operations of that library's FMA build; tanh, sinh and cosh are the
+// classic forms over expm1 and exp, without fused operations. Lanes outside the common path go
+// to the scalar function (exp: NaN, infinities, |x| >= 1024, results that overflow or are
+// subnormal; log and log10: x <= 0, subnormal x, infinity, NaN; expm1: x >= 512, NaN; tanh:
+// NaN; sinh and cosh: |x| >= 22, NaN). Whether they serve is decided once per process by a
+// self-check against the running C library (see vector_math_check.cpp).
 #ifndef OXEL_NODES_VECTOR_MATH_H
 #define OXEL_NODES_VECTOR_MATH_H
 
@@ -16,10 +19,11 @@
 
 namespace oxm {
 
-enum class Fn { Exp, Log, Log10 };
-inline constexpr Fn kFunctions[] = {Fn::Exp, Fn::Log, Fn::Log10};
+enum class Fn { Exp, Log, Log10, Expm1, Tanh, Sinh, Cosh };
+inline constexpr Fn kFunctions[] = {Fn::Exp,   Fn::Log,  Fn::Log10, Fn::Expm1,
+                                    Fn::Tanh, Fn::Sinh, Fn::Cosh};
 
-OXEL_API const char* name(Fn fn);         // "exp", "log", "log10"
+OXEL_API const char* name(Fn fn);         // "exp", "log", "log10", ...
 OXEL_API double reference(Fn fn, double x);  // the C library's function
 
 // The four-lane form serves fn in this process: AVX2 and FMA, glibc 2.36, rounding to
@@ -35,8 +39,8 @@ OXEL_API bool selfCheck(Fn fn, double (*reference)(double));
 // does not cover (its r[i] is then meaningless). Only where the processor has AVX2 and FMA.
 OXEL_API int apply4(Fn fn, const double* x, double* r);
 
-// The column of fn's kernel (eval_OxExp, eval_OxLn, eval_OxLog10) over n rows: values and codes
-// as the kernel gives them row by row. Reads and writes n rounded up to four values (the columns
+// The column of fn's kernel (eval_OxExp, eval_OxLn, ...) over n rows: values and codes as the
+// kernel gives them row by row. Reads and writes n rounded up to four values (the columns
 // of the batch program hold whole blocks). Only where serves(fn).
 using Column = void (*)(const double* x, double* r, int* err, int n);
 Column column(Fn fn);

@@ -203,10 +203,10 @@ using oxb::kBlock;
 
 namespace {
 
-// A program whose last step, its result, is ln or log10 of an earlier step (exp is a block
-// step itself): the steps before it as block code, where they fit it, and the four-lane log
-// over the block's column. Two
-// steps before it measured no faster than their column loops (ln(1 + x*x)), three faster.
+// A program whose last step, its result, is a function with a four-lane form (ln, log10, tanh,
+// ...; exp is a block step itself) of an earlier step: the steps before it as block code, where
+// they fit it, and the four-lane function over the block's column. Two steps before it measured
+// no faster than their column loops (ln(1 + x*x)), three faster.
 void tailBlock(OxelProgram& p, const oxp::Program& ir)
 {
     const int n = static_cast<int>(ir.steps.size());

@@ -1,7 +1,7 @@
 // Four-lane AVX2 column loops: + - * / with their results tested (a result below 2^1022 in
 // magnitude is the kernel's own, see point_jit.cpp; other lanes run the kernel), min, max,
-// comparisons, connectives, negation, abs, sqrt, exp, ln and log10 (vector_math.h), all of them the
-// scalar kernels' bits.
+// comparisons, connectives, negation, abs, sqrt, and the functions of vector_math.h (exp, ln,
+// log10, expm1, tanh, sinh, cosh), all of them the scalar kernels' bits.
 #include "program/native/wide.h"
 
 #include <array>
@@ -157,14 +157,16 @@ template <Kind K, bool AConst, bool BConst>
     X(OxSqroot)
 
 #ifdef OXN_MATH
-// exp, ln and log10 through the four-lane forms that give the C library's bits
-// (vector_math.h): the kind and the function of each, in the order of oxm::Fn.
+// The functions with four-lane forms that give the C library's bits (vector_math.h): the kind
+// and the function of each.
 struct MathKind {
     Kind kind;
     oxm::Fn fn;
 };
 constexpr MathKind kMathKinds[] = {
-    {Kind::OxExp, oxm::Fn::Exp}, {Kind::OxLn, oxm::Fn::Log}, {Kind::OxLog10, oxm::Fn::Log10}};
+    {Kind::OxExp, oxm::Fn::Exp},     {Kind::OxLn, oxm::Fn::Log},   {Kind::OxLog10, oxm::Fn::Log10},
+    {Kind::OxExpm1, oxm::Fn::Expm1}, {Kind::OxTanh, oxm::Fn::Tanh}, {Kind::OxSinh, oxm::Fn::Sinh},
+    {Kind::OxCosh, oxm::Fn::Cosh}};
 
 template <oxm::Fn F>
 void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
