@@ -84,7 +84,27 @@ const Family& family(Fn fn)
                                  {1.5, 25.0, 6.0}, false, atLeast22, never};
     static const Family coshs = {{0x1p-55, 0x1.62e43p-2, 22.0}, {-0.4, -25.0, -60.0},
                                  {0.4, 25.0, 6.0}, false, atLeast22, never};
+    // Inputs whose log1p argument is about 2^m - 1 (asinh 0.75, acosh 1.25, atanh 1/3, 0.6,
+    // 7/9) take log1p's branch for a leading word of zero.
+    static const Family asinhs = {{0x1p-28, 2.0, 0x1.00001p1, 0x1p28, 0.75}, {-2.5, -1e5, -40.0},
+                                  {2.5, 1e5, 30.0}, false,
+                                  [](double x, double) { return !(std::fabs(x) <= 0x1p28); },
+                                  never};
+    static const Family acoshs = {{1.0, 2.0, 0x1p28, 1.25}, {1.0, 1.0, 0.0}, {2.5, 1e5, 30.0}, true,
+                                  [](double x, double) { return !(x > 1.0 && x < 0x1p28); },
+                                  never};
+    static const Family atanhs = {
+        {0x1p-28, 0.5, 1.0, 1.0 / 3, 1.0 / 3 + 0x1p-24, 0.6, 7.0 / 9}, {-0.6, -1.0, -60.0},
+        {0.6, 1.0, 0.0}, false,
+        [](double x, double) { return !(std::fabs(x) < 1.0); },
+        [](double x, double) { return std::fabs(x) >= 0x1.fffffffffffffp-1; }};
     switch (fn) {
+    case Fn::Asinh:
+        return asinhs;
+    case Fn::Acosh:
+        return acoshs;
+    case Fn::Atanh:
+        return atanhs;
     case Fn::Exp:
         return exps;
     case Fn::Log:
@@ -297,7 +317,8 @@ TEST(VectorMath, BatchColumnsMatchEval)
     std::uniform_real_distribution<double> wide(-750.0, 750.0), nearOne(0.9, 1.1);
     for (const char* text :
          {"exp(x)", "ln(x)", "log10(x)", "exp(x) - ln(y)", "ln(exp(x) + y) * log10(y)",
-          "tanh(x) + expm1(y)", "sinh(x) - cosh(y)", "tanh(x * y + x / 3 - y)"}) {
+          "tanh(x) + expm1(y)", "sinh(x) - cosh(y)", "tanh(x * y + x / 3 - y)",
+          "asinh(x) + acosh(y)", "atanh(x / 30) - atanh(y)"}) {
         OxelExpression e;
         ASSERT_EQ(parseXyz(e, text, 2), 1) << text;
         for (int n : {3, 257, 1031}) {

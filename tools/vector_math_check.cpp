@@ -40,7 +40,16 @@ const Inputs& inputsOf(oxm::Fn fn)
     static const Inputs hyper = {-45.0, 45.0, -1.1, 1.1, true,
                                  {0x1p-55, 0x1p-28, 0x1.62e43p-2, 0x1.0a2b2p0, 1.0, 22.0,
                                   0x1.43687ap5}};
+    static const Inputs inverse = {-3.0, 3.0, -1.0, 1.0, true,
+                                   {0x1p-28, 0.5, 1.0, 2.0, 0x1.00001p1, 0x1p28, 1.0 - 0x1p-53}};
+    static const Inputs acoshs = {1.0, 1e6, 1.0, 3.0, false,
+                                  {1.0, 2.0, 0x1p28, 1.0 + 0x1p-20, 3.0, 4.0, 0x1.00001p1}};
     switch (fn) {
+    case oxm::Fn::Acosh:
+        return acoshs;
+    case oxm::Fn::Asinh:
+    case oxm::Fn::Atanh:
+        return inverse;
     case oxm::Fn::Exp:
         return exps;
     case oxm::Fn::Log:

@@ -401,6 +401,148 @@ OXM_AVX2 __m256d coshAny(__m256d x, int& away)
     return y;
 }
 
+// log1p(x) = k ln2 + log(1 + f) with 1 + x = 2^k (1 + f) (k = 0 where 1 + x lies within about
+// [sqrt(2)/2, sqrt(2)), by the words compared) and c the rounding error of 1 + x;
+// log(1 + f) = f - (f^2/2 - s (f^2/2 + R(s^2))) with s = f/(2 + f), or f - f^2/2 (1 - 2f/3)
+// where f's leading word is zero (the classic freely licensed algorithm, see
+// THIRD_PARTY_NOTICES), with the fused operations of the C library's FMA build. For x in
+// (-1, 2^53) with |x| >= 2^-29.
+const double kLp1 = 0x1.5555555555593p-1;
+const double kLp2 = 0x1.999999997fa04p-2;
+const double kLp3 = 0x1.2492494229359p-2;
+const double kLp4 = 0x1.c71c51d8e78afp-3;
+const double kLp5 = 0x1.7466496cb03dep-3;
+const double kLp6 = 0x1.39a09d078c69fp-3;
+const double kLp7 = 0x1.2f112df3e5244p-3;
+
+OXM_AVX2 __m256d log1pLanes(__m256d x)
+{
+    const __m256i ix = ints(x);
+    const __m256i ax = ints(_mm256_andnot_pd(k(-0.0), x));
+    const __m256d negative = bits(_mm256_cmpgt_epi64(_mm256_setzero_si256(), ix));
+    const __m256d kZero = _mm256_blendv_pd(
+        bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x3fda827a00000000ll), ix)),
+        bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x3fd2bec400000000ll), ax)), negative);
+    const __m256d u = _mm256_add_pd(x, k(1.0));
+    const __m256i iu = ints(u);
+    const __m256d ku = _mm256_sub_pd(
+        bits(_mm256_or_si256(_mm256_srli_epi64(iu, 52), ints(k(0x1p52)))), k(0x1p52 + 1023));
+    const __m256d c = _mm256_div_pd(
+        _mm256_blendv_pd(_mm256_sub_pd(x, _mm256_sub_pd(u, k(1.0))),
+                         _mm256_sub_pd(k(1.0), _mm256_sub_pd(u, x)),
+                         _mm256_cmp_pd(ku, k(0.0), _CMP_GT_OQ)),
+        u);
+    // 1 + x normalised to [sqrt(2)/2, sqrt(2)) by its leading word.
+    const __m256i hu = _mm256_and_si256(_mm256_srli_epi64(iu, 32), _mm256_set1_epi64x(0xfffff));
+    const __m256i half = _mm256_cmpgt_epi64(hu, _mm256_set1_epi64x(0x6a09d));
+    const __m256d un = bits(_mm256_or_si256(
+        _mm256_and_si256(iu, _mm256_set1_epi64x(0x000fffffffffffffll)),
+        _mm256_sub_epi64(_mm256_set1_epi64x(0x3ff0000000000000ll), _mm256_and_si256(half, _mm256_set1_epi64x(1ll << 52)))));
+    const __m256d kd =
+        _mm256_andnot_pd(kZero, _mm256_sub_pd(ku, bits(_mm256_and_si256(half, ints(k(-1.0)))))); 
+    const __m256d f = _mm256_blendv_pd(_mm256_sub_pd(un, k(1.0)), x, kZero);
+    // f's leading word zero: hu = 0 below sqrt(2), (2^20 - hu) / 4 = 0 above.
+    const __m256d wordZero = _mm256_andnot_pd(
+        kZero, bits(_mm256_blendv_epi8(_mm256_cmpeq_epi64(hu, _mm256_setzero_si256()),
+                                       _mm256_cmpgt_epi64(hu, _mm256_set1_epi64x(0xffffc)), half)));
+    const __m256d hfsq = _mm256_mul_pd(_mm256_mul_pd(f, k(0.5)), f);
+    const __m256d s = _mm256_div_pd(f, _mm256_add_pd(f, k(2.0)));
+    const __m256d z = _mm256_mul_pd(s, s);
+    const __m256d z2 = _mm256_mul_pd(z, z);
+    const __m256d z4 = _mm256_mul_pd(z2, z2);
+    const __m256d rLow = fma(z, k(kLp1), _mm256_mul_pd(z2, fma(z, k(kLp3), k(kLp2))));
+    const __m256d r = fma(_mm256_mul_pd(z2, z4), fma(z, k(kLp7), k(kLp6)),
+                          fma(z4, fma(z, k(kLp5), k(kLp4)), rLow));
+    const __m256d rShort = _mm256_mul_pd(_mm256_fnmadd_pd(f, k(0x1.5555555555555p-1), k(1.0)), hfsq);
+    const __m256d kLow = fma(kd, k(kEm1Ln2Lo), c);
+    // k = 0: f - (f^2/2 - s (f^2/2 + R)); else k ln2_hi - ((f^2/2 - (k ln2_lo + c + sR')) - f).
+    const __m256d sr = _mm256_mul_pd(_mm256_add_pd(r, hfsq), s);
+    __m256d y0 = _mm256_sub_pd(f, _mm256_sub_pd(hfsq, sr));
+    __m256d w = _mm256_sub_pd(_mm256_sub_pd(hfsq, _mm256_add_pd(kLow, sr)), f);
+    y0 = _mm256_blendv_pd(y0, _mm256_sub_pd(f, rShort), wordZero);
+    w = _mm256_blendv_pd(w, _mm256_sub_pd(_mm256_sub_pd(rShort, kLow), f), wordZero);
+    __m256d yk = _mm256_fmsub_pd(kd, k(kEm1Ln2Hi), w);
+    // f = 0 exactly: k ln2_hi + (k ln2_lo + c).
+    yk = _mm256_blendv_pd(yk, fma(kd, k(kEm1Ln2Hi), kLow),
+                          _mm256_and_pd(wordZero, _mm256_cmp_pd(f, k(0.0), _CMP_EQ_OQ)));
+    return _mm256_blendv_pd(yk, y0, _mm256_cmp_pd(kd, k(0.0), _CMP_EQ_OQ));
+}
+
+// atanh: log1p(2|x| + 2|x| |x|/(1 - |x|))/2 below |x| = 1/2, else log1p(2|x|/(1 - |x|))/2, with
+// the sign of x; x below 2^-28. |x| >= 1 - 2^-53 and NaN away.
+OXM_AVX2 __m256d atanhAny(__m256d x, int& away)
+{
+    const __m256d xa = _mm256_andnot_pd(k(-0.0), x);
+    // From 1 - 2^-53 on, log1p's argument passes 2^53, where it takes another path.
+    const __m256d outside = _mm256_cmp_pd(xa, k(0x1.fffffffffffffp-1), _CMP_NLT_UQ);
+    const __m256d tiny = _mm256_cmp_pd(xa, k(0x1p-28), _CMP_LT_OQ);
+    const __m256d belowHalf = _mm256_cmp_pd(xa, k(0.5), _CMP_LT_OQ);
+    const __m256d xs = _mm256_blendv_pd(xa, k(0.25), _mm256_or_pd(outside, tiny));
+    const __m256d t = _mm256_add_pd(xs, xs);
+    const __m256d q = _mm256_div_pd(_mm256_blendv_pd(t, _mm256_mul_pd(xs, t), belowHalf),
+                                    _mm256_sub_pd(k(1.0), xs));
+    const __m256d l = log1pLanes(_mm256_blendv_pd(q, _mm256_add_pd(q, t), belowHalf));
+    away = lanes(outside);
+    return _mm256_blendv_pd(_mm256_or_pd(_mm256_mul_pd(k(0.5), l), _mm256_and_pd(x, k(-0.0))),
+                            x, tiny);
+}
+
+// asinh: log(2|x| + 1/(sqrt(x^2 + 1) + |x|)) beyond |x| = 2 (by the leading word), else
+// log1p(|x| + x^2/(1 + sqrt(1 + x^2))), with the sign of x; x below 2^-28. |x| > 2^28 and NaN
+// away.
+OXM_AVX2 __m256d asinhAny(__m256d x, int& away)
+{
+    const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+    const __m256d outside = _mm256_cmp_pd(ax, k(0x1p28), _CMP_NLE_UQ);
+    const __m256d tiny = _mm256_cmp_pd(ax, k(0x1p-28), _CMP_LT_OQ);
+    const __m256d xs = _mm256_blendv_pd(ax, k(1.0), _mm256_or_pd(outside, tiny));
+    const __m256d beyondTwo = atLeast(ints(xs), 0x4000000100000000ll);
+    const __m256d t = _mm256_mul_pd(xs, xs);
+    const __m256d root = _mm256_sqrt_pd(_mm256_add_pd(t, k(1.0)));
+    const __m256d q = _mm256_div_pd(_mm256_blendv_pd(t, k(1.0), beyondTwo),
+                                    _mm256_add_pd(root, _mm256_blendv_pd(k(1.0), xs, beyondTwo)));
+    const __m256d arg = _mm256_add_pd(q, _mm256_blendv_pd(xs, _mm256_add_pd(xs, xs), beyondTwo));
+    const int far = lanes(beyondTwo);
+    __m256d l;
+    if (far == 15)
+        l = logMain(arg);
+    else if (far == 0)
+        l = log1pLanes(arg);
+    else
+        l = _mm256_blendv_pd(log1pLanes(_mm256_blendv_pd(arg, k(1.0), beyondTwo)),
+                             logMain(_mm256_blendv_pd(k(4.0), arg, beyondTwo)), beyondTwo);
+    away = lanes(outside);
+    return _mm256_blendv_pd(_mm256_or_pd(l, _mm256_and_pd(x, k(-0.0))), x, tiny);
+}
+
+// acosh: log(2x - 1/(x + sqrt(x^2 - 1))) beyond x = 2, else log1p(t + sqrt(2t + t^2)) with
+// t = x - 1. x <= 1, x >= 2^28 and NaN away.
+OXM_AVX2 __m256d acoshAny(__m256d x, int& away)
+{
+    const __m256d inside = _mm256_and_pd(_mm256_cmp_pd(x, k(1.0), _CMP_GT_OQ),
+                                         _mm256_cmp_pd(x, k(0x1p28), _CMP_LT_OQ));
+    const __m256d xs = _mm256_blendv_pd(k(1.5), x, inside);
+    const __m256d beyondTwo = _mm256_cmp_pd(xs, k(2.0), _CMP_GT_OQ);
+    const __m256d t = _mm256_sub_pd(xs, k(1.0));
+    const __m256d root = _mm256_sqrt_pd(
+        _mm256_blendv_pd(_mm256_add_pd(_mm256_add_pd(t, t), _mm256_mul_pd(t, t)),
+                         _mm256_sub_pd(_mm256_mul_pd(xs, xs), k(1.0)), beyondTwo));
+    const __m256d far = _mm256_sub_pd(_mm256_add_pd(xs, xs),
+                                      _mm256_div_pd(k(1.0), _mm256_add_pd(root, xs)));
+    const __m256d near = _mm256_add_pd(t, root);
+    const int farLanes = lanes(beyondTwo);
+    __m256d l;
+    if (farLanes == 15)
+        l = logMain(far);
+    else if (farLanes == 0)
+        l = log1pLanes(near);
+    else
+        l = _mm256_blendv_pd(log1pLanes(_mm256_blendv_pd(near, k(1.0), beyondTwo)),
+                             logMain(_mm256_blendv_pd(k(4.0), far, beyondTwo)), beyondTwo);
+    away = lanes(_mm256_xor_pd(inside, bits(_mm256_set1_epi64x(-1))));
+    return l;
+}
+
 // One row per function: its kernel; for the logs the argument of log and the result from log's
 // value; for the others the path for any four lanes.
 template <Fn F>
@@ -440,6 +582,21 @@ template <>
 struct Lanes<Fn::Cosh> {
     OXM_AVX2 static __m256d any(__m256d x, int& away) { return coshAny(x, away); }
     static double kernel(double x, int&) { return oxk::eval_OxCosh(x); }
+};
+template <>
+struct Lanes<Fn::Asinh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return asinhAny(x, away); }
+    static double kernel(double x, int&) { return oxk::eval_OxArcsinh(x); }
+};
+template <>
+struct Lanes<Fn::Acosh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return acoshAny(x, away); }
+    static double kernel(double x, int& err) { return oxk::eval_OxArccosh(x, err); }
+};
+template <>
+struct Lanes<Fn::Atanh> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return atanhAny(x, away); }
+    static double kernel(double x, int& err) { return oxk::eval_OxArctanh(x, err); }
 };
 
 constexpr bool isLog(Fn f)

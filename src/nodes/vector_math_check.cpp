@@ -85,6 +85,21 @@ const double kCoshSeparating[] = {
     -0x1.54335eab9f3cp-2,  -0x1.fc30482f5d9p-3,   -0x1.51b6aa7dcc4cp-2,  -0x1.129743019c08p-2,
 };
 
+// Where log1p without fused operations changes atanh, asinh and acosh.
+const double kAtanhSeparating[] = {
+    -0x1.738888441f79cp-3, -0x1.cf15abe0f6bap-4,  0x1.7e51db6e530cp-3,   0x1.e214628019dfcp-2,
+    -0x1.5c2fe737349ep-3,  0x1.1cbc583aadc3p-2,   0x1.42bbf3d5c5de8p-3,  -0x1.59788b95a609p-3,
+    0x1.fe8794bbfeaf7p-1,  0x1.d2f958f98cbf9p-1,  0x1.d624a504abe92p-1,  0x1.d4e30cd05de78p-1,
+};
+const double kAsinhSeparating[] = {
+    -0x1.eff318b3abfa8p-2, 0x1.a280a676a178p-3,   -0x1.427cfa48d2acp-2,  -0x1.713493581142p-2,
+    0x1.6df7149812c4p-2,   0x1.d361922779cp-3,    -0x1.19d739ce6823p+0,  0x1.11c2b1e3b33ep+0,
+};
+const double kAcoshSeparating[] = {
+    0x1.0806a6b1e1791p+0,  0x1.bc929ae16c695p+0,  0x1.a79b43155cc61p+0,  0x1.0cfaa1bb3382bp+0,
+    0x1.1b71666ccc98cp+0,  0x1.babf8b4b69f3cp+0,  0x1.12e84976f35cep+0,  0x1.923a9de58c953p+0,
+};
+
 // Ranges [lo, hi) of every branch, random inputs from each; {0, 0}: random bit patterns (for
 // log without the sign: every exponent alike).
 struct Range {
@@ -103,6 +118,10 @@ const Range kTanhRanges[] = {{-0x1p-50, 0x1p-50}, {-1.0, 1.0}, {-22.0, 22.0}, {-
 const Range kSinhRanges[] = {{-1e-8, 1e-8}, {-1.0, 1.0}, {-22.0, 22.0}, {0.0, 0.0}};
 const Range kCoshRanges[] = {{-0x1p-50, 0x1p-50}, {-0.35, 0.35}, {-3.0, 3.0}, {-22.0, 22.0},
                              {0.0, 0.0}};
+const Range kAsinhRanges[] = {{-0x1p-27, 0x1p-27}, {-2.5, 2.5}, {-1e5, 1e5}, {0.0, 0.0}};
+const Range kAcoshRanges[] = {{1.0, 2.0}, {1.0, 30.0}, {2.0, 1e8}, {0.0, 0.0}};
+const Range kAtanhRanges[] = {{-0x1p-27, 0x1p-27}, {-0.5, 0.5}, {-1.0, 1.0}, {0.99, 1.0},
+                              {0.0, 0.0}};
 const int kPerRange = 256;
 
 struct Rng {
@@ -190,6 +209,9 @@ double cExpm1(double x) { return std::expm1(x); }
 double cTanh(double x) { return std::tanh(x); }
 double cSinh(double x) { return std::sinh(x); }
 double cCosh(double x) { return std::cosh(x); }
+double cAsinh(double x) { return std::asinh(x); }
+double cAcosh(double x) { return std::acosh(x); }
+double cAtanh(double x) { return std::atanh(x); }
 
 constexpr Row kRows[] = {
     {Fn::Exp, "exp", &cExp, {kExpSeparating, nullptr}, {size(kExpSeparating), 0}, kExpRanges,
@@ -206,6 +228,12 @@ constexpr Row kRows[] = {
      kSinhRanges, std::size(kSinhRanges)},
     {Fn::Cosh, "cosh", &cCosh, {kCoshSeparating, nullptr}, {size(kCoshSeparating), 0},
      kCoshRanges, std::size(kCoshRanges)},
+    {Fn::Asinh, "asinh", &cAsinh, {kAsinhSeparating, nullptr}, {size(kAsinhSeparating), 0},
+     kAsinhRanges, std::size(kAsinhRanges)},
+    {Fn::Acosh, "acosh", &cAcosh, {kAcoshSeparating, nullptr}, {size(kAcoshSeparating), 0},
+     kAcoshRanges, std::size(kAcoshRanges)},
+    {Fn::Atanh, "atanh", &cAtanh, {kAtanhSeparating, nullptr}, {size(kAtanhSeparating), 0},
+     kAtanhRanges, std::size(kAtanhRanges)},
 };
 
 constexpr bool inOrder()
