@@ -1,4 +1,4 @@
-// The four-lane exp, log and log10 (see vector_math.h); compiled with -ffp-contract=off:
+// The four-lane functions (see vector_math.h); compiled with -ffp-contract=off:
 // every fused multiply-add below is written out, and no other product may be fused.
 #include "nodes/vector_math.h"
 
