@@ -98,7 +98,19 @@ const Family& family(Fn fn)
         {0.6, 1.0, 0.0}, false,
         [](double x, double) { return !(std::fabs(x) < 1.0); },
         [](double x, double) { return std::fabs(x) >= 0x1.fffffffffffffp-1; }};
+    // erf's ranges by leading word: 2^-1015, 2^-28, 0.84375, 1.25, 1/0.35 (erfc's a word
+    // lower), 6; erfc also splits at 1/4 and 2^-56, and hands back from 22.
+    static const Family erfs = {{0x1p-1015, 0x1p-28, 0.84375, 1.25, 0x1.6db6ep1, 6.0},
+                                {-1.3, -7.0, -40.0}, {1.3, 7.0, 3.0}, false,
+                                [](double x, double) { return std::isnan(x); }, never};
+    static const Family erfcs = {{0x1p-56, 0.25, 0.84375, 1.25, 0x1.6db6dp1, 6.0, 22.0},
+                                 {-1.3, -7.0, -40.0}, {1.3, 23.0, 4.0}, false,
+                                 [](double x, double) { return !(x < 22.0); }, never};
     switch (fn) {
+    case Fn::Erf:
+        return erfs;
+    case Fn::Erfc:
+        return erfcs;
     case Fn::Asinh:
         return asinhs;
     case Fn::Acosh:
@@ -318,7 +330,7 @@ TEST(VectorMath, BatchColumnsMatchEval)
     for (const char* text :
          {"exp(x)", "ln(x)", "log10(x)", "exp(x) - ln(y)", "ln(exp(x) + y) * log10(y)",
           "tanh(x) + expm1(y)", "sinh(x) - cosh(y)", "tanh(x * y + x / 3 - y)",
-          "asinh(x) + acosh(y)", "atanh(x / 30) - atanh(y)"}) {
+          "asinh(x) + acosh(y)", "atanh(x / 30) - atanh(y)", "erf(x / 10) + erfc(y / 20)"}) {
         OxelExpression e;
         ASSERT_EQ(parseXyz(e, text, 2), 1) << text;
         for (int n : {3, 257, 1031}) {

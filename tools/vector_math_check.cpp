@@ -44,7 +44,12 @@ const Inputs& inputsOf(oxm::Fn fn)
                                    {0x1p-28, 0.5, 1.0, 2.0, 0x1.00001p1, 0x1p28, 1.0 - 0x1p-53}};
     static const Inputs acoshs = {1.0, 1e6, 1.0, 3.0, false,
                                   {1.0, 2.0, 0x1p28, 1.0 + 0x1p-20, 3.0, 4.0, 0x1.00001p1}};
+    static const Inputs erfs = {-30.0, 30.0, -1.5, 1.5, true,
+                                {0x1p-28, 0.84375, 1.25, 0x1.6db6ep1, 6.0, 22.0, 0x1p-56}};
     switch (fn) {
+    case oxm::Fn::Erf:
+    case oxm::Fn::Erfc:
+        return erfs;
     case oxm::Fn::Acosh:
         return acoshs;
     case oxm::Fn::Asinh:

@@ -543,6 +543,196 @@ OXM_AVX2 __m256d acoshAny(__m256d x, int& away)
     return l;
 }
 
+// erf and erfc by the classic freely licensed method (see THIRD_PARTY_NOTICES): a rational
+// form in x^2 below |x| = 0.84375, one in |x| - 1 below 1.25, and beyond
+// exp(-z^2 - 0.5625) exp((z - x)(z + x) + R/S) / |x| with z = |x| cut to its leading word and
+// R/S rational in 1/x^2 (two sets, split at 1/0.35); the polynomials in the C library's
+// grouping (pairs of terms summed by powers of the square), without fused operations.
+const double kErx = 8.45062911510467529297e-01;
+const double kEfx = 1.28379167095512586316e-01;
+const double kPp[] = {1.28379167095512558561e-01, -3.25042107247001499370e-01,
+                      -2.84817495755985104766e-02, -5.77027029648944159157e-03,
+                      -2.37630166566501626084e-05};
+const double kQq[] = {1.0,
+                      3.97917223959155352819e-01,  6.50222499887672944485e-02,
+                      5.08130628187576562776e-03,  1.32494738004321644526e-04,
+                      -3.96022827877536812320e-06};
+const double kPa[] = {-2.36211856075265944077e-03, 4.14856118683748331666e-01,
+                      -3.72207876035701323847e-01, 3.18346619901161753674e-01,
+                      -1.10894694282396677476e-01, 3.54783043256182359371e-02,
+                      -2.16637559486879084300e-03};
+const double kQa[] = {1.0,
+                      1.06420880400844228286e-01, 5.40397917702171048937e-01,
+                      7.18286544141962662868e-02, 1.26171219808761642112e-01,
+                      1.36370839120290507362e-02, 1.19844998467991074170e-02};
+// R and S below 1/0.35 (a) and beyond (b); b's missing top terms are zero, which adds zero to
+// its sums and so leaves them as they are.
+const double kRa[] = {-9.86494403484714822705e-03, -6.93858572707181764372e-01,
+                      -1.05586262253232909814e+01, -6.23753324503260060396e+01,
+                      -1.62396669462573470355e+02, -1.84605092906711035994e+02,
+                      -8.12874355063065934246e+01, -9.81432934416914548592e+00};
+const double kRb[] = {-9.86494292470009928597e-03, -7.99283237680523006574e-01,
+                      -1.77579549177547519889e+01, -1.60636384855821916062e+02,
+                      -6.37566443368389627722e+02, -1.02509513161107724954e+03,
+                      -4.83519191608651397019e+02, 0.0};
+const double kSa[] = {1.0,
+                      1.96512716674392571292e+01,  1.37657754143519042600e+02,
+                      4.34565877475229228821e+02,  6.45387271733267880336e+02,
+                      4.29008140027567833386e+02,  1.08635005541779435134e+02,
+                      6.57024977031928170135e+00,  -6.04244152148580987438e-02};
+const double kSb[] = {1.0,
+                      3.03380607434824582924e+01,  3.25792512996573918826e+02,
+                      1.53672958608443695994e+03,  3.19985821950859553908e+03,
+                      2.55305040643316442583e+03,  4.74528541206955367215e+02,
+                      -2.24409524465858183362e+01, 0.0};
+
+// Coefficients of one set, or of two chosen by lane.
+struct OneSet {
+    const double* c;
+    OXM_AVX2 __m256d operator()(size_t i) const { return k(c[i]); }
+};
+struct TwoSets {
+    const double* a;
+    const double* b;
+    __m256d useA;
+    OXM_AVX2 __m256d operator()(size_t i) const { return _mm256_blendv_pd(k(b[i]), k(a[i]), useA); }
+};
+
+// (c0 + v c1) + v^2 (c2 + v c3) + v^4 (c4 + v c5) + ...: the pairs summed from the lowest;
+// powers holds v^2, v^4, ...
+template <size_t N, class Coefficients>
+OXM_AVX2 __m256d pairSums(Coefficients c, __m256d v, const __m256d* powers)
+{
+    __m256d sum = _mm256_add_pd(c(0), _mm256_mul_pd(v, c(1)));
+    for (size_t i = 2; i < N; i += 2) {
+        const __m256d pair = i + 1 < N ? _mm256_add_pd(c(i), _mm256_mul_pd(v, c(i + 1))) : c(i);
+        sum = _mm256_add_pd(sum, _mm256_mul_pd(powers[i / 2 - 1], pair));
+    }
+    return sum;
+}
+
+// r/s below |x| = 0.84375.
+OXM_AVX2 __m256d erfNearZero(__m256d x)
+{
+    const __m256d z = _mm256_mul_pd(x, x);
+    const __m256d z2 = _mm256_mul_pd(z, z);
+    const __m256d powers[] = {z2, _mm256_mul_pd(z2, z2)};
+    return _mm256_div_pd(pairSums<std::size(kPp)>(OneSet{kPp}, z, powers),
+                         pairSums<std::size(kQq)>(OneSet{kQq}, z, powers));
+}
+
+// P/Q below |x| = 1.25, s = |x| - 1.
+OXM_AVX2 __m256d erfNearOne(__m256d s)
+{
+    const __m256d s2 = _mm256_mul_pd(s, s);
+    const __m256d s4 = _mm256_mul_pd(s2, s2);
+    const __m256d powers[] = {s2, s4, _mm256_mul_pd(s4, s2)};
+    return _mm256_div_pd(pairSums<std::size(kPa)>(OneSet{kPa}, s, powers),
+                         pairSums<std::size(kQa)>(OneSet{kQa}, s, powers));
+}
+
+// exp(-z^2 - 0.5625) exp((z - x)(z + x) + R/S) for x = |x| in [1.25, 22), set a where useA.
+OXM_AVX2 __m256d erfTail(__m256d x, __m256d useA)
+{
+    const __m256d s = _mm256_div_pd(k(1.0), _mm256_mul_pd(x, x));
+    const __m256d s2 = _mm256_mul_pd(s, s);
+    const __m256d s4 = _mm256_mul_pd(s2, s2);
+    const __m256d powers[] = {s2, s4, _mm256_mul_pd(s4, s2), _mm256_mul_pd(s4, s4)};
+    const __m256d r = pairSums<std::size(kRa)>(TwoSets{kRa, kRb, useA}, s, powers);
+    const __m256d q = pairSums<std::size(kSa)>(TwoSets{kSa, kSb, useA}, s, powers);
+    const __m256d z = bits(_mm256_and_si256(ints(x), _mm256_set1_epi64x(~0xffffffffll)));
+    const __m256d e1 =
+        expCommon(_mm256_sub_pd(_mm256_mul_pd(_mm256_xor_pd(z, k(-0.0)), z), k(0.5625)));
+    const __m256d e2 = expCommon(_mm256_add_pd(
+        _mm256_mul_pd(_mm256_sub_pd(z, x), _mm256_add_pd(z, x)), _mm256_div_pd(r, q)));
+    return _mm256_mul_pd(e1, e2);
+}
+
+// The ranges of |x| by the leading word, as the C library tells them apart.
+struct ErfRanges {
+    __m256d ax, nearZero, nearOne, beyond, tail, useA;
+    OXM_AVX2 ErfRanges(__m256d x, int64_t splitA)
+    {
+        ax = _mm256_andnot_pd(k(-0.0), x);
+        const __m256i ai = ints(ax);
+        nearZero = bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x3feb000000000000ll), ai));
+        beyond = bits(_mm256_cmpgt_epi64(ai, _mm256_set1_epi64x(0x3ff3ffffffffffffll)));
+        nearOne = bits(_mm256_cmpeq_epi64(_mm256_setzero_si256(), ints(_mm256_or_pd(nearZero, beyond))));
+        tail = _mm256_and_pd(beyond, _mm256_cmp_pd(ax, k(6.0), _CMP_LT_OQ));
+        useA = bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(splitA), ai));
+    }
+};
+
+// erf: x + x r/s, erx + P/Q, 1 - tail/|x| and 1 from 6 on, with the sign of x; below 2^-28
+// x + efx x (below 2^-1015 scaled by 16). NaN away.
+OXM_AVX2 __m256d erfAny(__m256d x, int& away)
+{
+    const ErfRanges g(x, 0x4006db6e00000000ll);
+    __m256d y = k(1.0);
+    if (lanes(g.tail)) {
+        const __m256d ax = _mm256_blendv_pd(k(2.0), g.ax, g.tail);
+        const __m256d q = _mm256_div_pd(erfTail(ax, g.useA), ax);
+        y = _mm256_blendv_pd(y, _mm256_sub_pd(k(1.0), q), g.tail);
+    }
+    if (lanes(g.nearOne))
+        y = _mm256_blendv_pd(
+            y, _mm256_add_pd(k(kErx), erfNearOne(_mm256_sub_pd(
+                                          _mm256_blendv_pd(k(1.0), g.ax, g.nearOne), k(1.0)))),
+            g.nearOne);
+    y = _mm256_or_pd(y, _mm256_and_pd(x, k(-0.0)));
+    if (lanes(g.nearZero)) {
+        const __m256d xs = _mm256_and_pd(x, g.nearZero);
+        const __m256d small = _mm256_add_pd(x, _mm256_mul_pd(x, erfNearZero(xs)));
+        const __m256d tiny = _mm256_cmp_pd(g.ax, k(0x1p-28), _CMP_LT_OQ);
+        const __m256d scaled = _mm256_mul_pd(
+            k(0.0625), _mm256_add_pd(_mm256_mul_pd(k(16.0), x), _mm256_mul_pd(k(16.0 * kEfx), x)));
+        const __m256d tinyValue = _mm256_blendv_pd(
+            _mm256_add_pd(x, _mm256_mul_pd(k(kEfx), x)), scaled,
+            bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x0080000000000000ll), ints(g.ax))));
+        y = _mm256_blendv_pd(y, _mm256_blendv_pd(small, tinyValue, tiny), g.nearZero);
+    }
+    away = lanes(_mm256_cmp_pd(x, x, _CMP_UNORD_Q));
+    return y;
+}
+
+// erfc: 1 - (x + x r/s) below x = 1/4, else 1/2 - (x r/s + (x - 1/2)); (1 - erx) - P/Q or
+// 1 + (erx + P/Q); tail/|x| or 2 - tail/|x|; 2 from -6 down; below 2^-56 1 - x. x >= 22 (the
+// tail's exp leaves exp's common range) and NaN away.
+OXM_AVX2 __m256d erfcAny(__m256d x, int& away)
+{
+    const ErfRanges g(x, 0x4006db6d00000000ll);
+    const __m256d negative = _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ);
+    const __m256d outside = _mm256_cmp_pd(x, k(22.0), _CMP_NLT_UQ);
+    const __m256d tail =
+        _mm256_andnot_pd(outside, _mm256_or_pd(g.tail, _mm256_andnot_pd(negative, g.beyond)));
+    __m256d y = k(2.0);
+    if (lanes(tail)) {
+        const __m256d ax = _mm256_blendv_pd(k(2.0), g.ax, tail);
+        const __m256d q = _mm256_div_pd(erfTail(ax, g.useA), ax);
+        y = _mm256_blendv_pd(y, _mm256_blendv_pd(q, _mm256_sub_pd(k(2.0), q), negative), tail);
+    }
+    if (lanes(g.nearOne)) {
+        const __m256d q =
+            erfNearOne(_mm256_sub_pd(_mm256_blendv_pd(k(1.0), g.ax, g.nearOne), k(1.0)));
+        y = _mm256_blendv_pd(
+            y,
+            _mm256_blendv_pd(_mm256_sub_pd(k(1.0 - kErx), q),
+                             _mm256_add_pd(k(1.0), _mm256_add_pd(k(kErx), q)), negative),
+            g.nearOne);
+    }
+    if (lanes(g.nearZero)) {
+        const __m256d xy = _mm256_mul_pd(x, erfNearZero(_mm256_and_pd(x, g.nearZero)));
+        const __m256d below = _mm256_blendv_pd(
+            _mm256_sub_pd(k(0.5), _mm256_add_pd(xy, _mm256_sub_pd(x, k(0.5)))),
+            _mm256_sub_pd(k(1.0), _mm256_add_pd(x, xy)), _mm256_cmp_pd(x, k(0.25), _CMP_LT_OQ));
+        const __m256d tiny = _mm256_cmp_pd(g.ax, k(0x1p-56), _CMP_LT_OQ);
+        y = _mm256_blendv_pd(y, _mm256_blendv_pd(below, _mm256_sub_pd(k(1.0), x), tiny),
+                             g.nearZero);
+    }
+    away = lanes(outside);
+    return y;
+}
+
 // One row per function: its kernel; for the logs the argument of log and the result from log's
 // value; for the others the path for any four lanes.
 template <Fn F>
@@ -597,6 +787,16 @@ template <>
 struct Lanes<Fn::Atanh> {
     OXM_AVX2 static __m256d any(__m256d x, int& away) { return atanhAny(x, away); }
     static double kernel(double x, int& err) { return oxk::eval_OxArctanh(x, err); }
+};
+template <>
+struct Lanes<Fn::Erf> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return erfAny(x, away); }
+    static double kernel(double x, int&) { return oxk::eval_OxErf(x); }
+};
+template <>
+struct Lanes<Fn::Erfc> {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return erfcAny(x, away); }
+    static double kernel(double x, int&) { return oxk::eval_OxErfc(x); }
 };
 
 constexpr bool isLog(Fn f)

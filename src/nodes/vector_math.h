@@ -21,9 +21,10 @@
 
 namespace oxm {
 
-enum class Fn { Exp, Log, Log10, Expm1, Tanh, Sinh, Cosh, Asinh, Acosh, Atanh };
-inline constexpr Fn kFunctions[] = {Fn::Exp,  Fn::Log,  Fn::Log10, Fn::Expm1, Fn::Tanh,
-                                    Fn::Sinh, Fn::Cosh, Fn::Asinh, Fn::Acosh, Fn::Atanh};
+enum class Fn { Exp, Log, Log10, Expm1, Tanh, Sinh, Cosh, Asinh, Acosh, Atanh, Erf, Erfc };
+inline constexpr Fn kFunctions[] = {Fn::Exp,   Fn::Log,   Fn::Log10, Fn::Expm1,
+                                    Fn::Tanh,  Fn::Sinh,  Fn::Cosh,  Fn::Asinh,
+                                    Fn::Acosh, Fn::Atanh, Fn::Erf,   Fn::Erfc};
 
 OXEL_API const char* name(Fn fn);         // "exp", "log", "log10", ...
 OXEL_API double reference(Fn fn, double x);  // the C library's function

@@ -100,6 +100,18 @@ const double kAcoshSeparating[] = {
     0x1.1b71666ccc98cp+0,  0x1.babf8b4b69f3cp+0,  0x1.12e84976f35cep+0,  0x1.923a9de58c953p+0,
 };
 
+// Where erf and erfc change with the C library's exp for processors without FMA.
+const double kErfSeparating[] = {
+    0x1.69bf02b45d16cp+0,  0x1.c4d44849671c8p+0,  0x1.77b71ecc782d6p+0,  -0x1.62d3a9ae3c0b2p+0,
+    0x1.8a2be457b7b98p+0,  0x1.5a1abe2669a86p+0,  0x1.cedd8c90e341ap+0,  -0x1.52faabcdaaa7ap+0,
+    -0x1.558f690efb10cp+0, 0x1.f0c9bd4f376bap+0,  -0x1.8409df7e49942p+0, -0x1.7fb162e76239cp+0,
+};
+const double kErfcSeparating[] = {
+    0x1.bc9acbb12a432p+3,  0x1.55788807a48e8p+3,  0x1.89775123d7f2cp+0,  0x1.483105c1b2176p+3,
+    0x1.aad37dffe449p+3,   0x1.03153cc05ea6ap+4,  0x1.160d2da3da4dcp+2,  0x1.8b1b9e8ea7e2ap+3,
+    0x1.8a446cc5e0348p+0,  0x1.892ecd5c85eb8p+2,  0x1.15a579ce39622p+2,  0x1.70c4773867452p+2,
+};
+
 // Ranges [lo, hi) of every branch, random inputs from each; {0, 0}: random bit patterns (for
 // log without the sign: every exponent alike).
 struct Range {
@@ -122,6 +134,9 @@ const Range kAsinhRanges[] = {{-0x1p-27, 0x1p-27}, {-2.5, 2.5}, {-1e5, 1e5}, {0.
 const Range kAcoshRanges[] = {{1.0, 2.0}, {1.0, 30.0}, {2.0, 1e8}, {0.0, 0.0}};
 const Range kAtanhRanges[] = {{-0x1p-27, 0x1p-27}, {-0.5, 0.5}, {-1.0, 1.0}, {0.99, 1.0},
                               {0.0, 0.0}};
+const Range kErfRanges[] = {{-0x1p-27, 0x1p-27}, {-0.9, 0.9}, {-1.3, 1.3}, {-6.5, 6.5},
+                            {0.0, 0.0}};
+const Range kErfcRanges[] = {{-0.9, 0.9}, {-1.3, 1.3}, {-7.0, 7.0}, {2.8, 23.0}, {0.0, 0.0}};
 const int kPerRange = 256;
 
 struct Rng {
@@ -212,6 +227,8 @@ double cCosh(double x) { return std::cosh(x); }
 double cAsinh(double x) { return std::asinh(x); }
 double cAcosh(double x) { return std::acosh(x); }
 double cAtanh(double x) { return std::atanh(x); }
+double cErf(double x) { return std::erf(x); }
+double cErfc(double x) { return std::erfc(x); }
 
 constexpr Row kRows[] = {
     {Fn::Exp, "exp", &cExp, {kExpSeparating, nullptr}, {size(kExpSeparating), 0}, kExpRanges,
@@ -234,6 +251,10 @@ constexpr Row kRows[] = {
      kAcoshRanges, std::size(kAcoshRanges)},
     {Fn::Atanh, "atanh", &cAtanh, {kAtanhSeparating, nullptr}, {size(kAtanhSeparating), 0},
      kAtanhRanges, std::size(kAtanhRanges)},
+    {Fn::Erf, "erf", &cErf, {kErfSeparating, nullptr}, {size(kErfSeparating), 0}, kErfRanges,
+     std::size(kErfRanges)},
+    {Fn::Erfc, "erfc", &cErfc, {kErfcSeparating, nullptr}, {size(kErfcSeparating), 0},
+     kErfcRanges, std::size(kErfcRanges)},
 };
 
 constexpr bool inOrder()

@@ -167,7 +167,8 @@ constexpr MathKind kMathKinds[] = {
     {Kind::OxExp, oxm::Fn::Exp},     {Kind::OxLn, oxm::Fn::Log},   {Kind::OxLog10, oxm::Fn::Log10},
     {Kind::OxExpm1, oxm::Fn::Expm1}, {Kind::OxTanh, oxm::Fn::Tanh}, {Kind::OxSinh, oxm::Fn::Sinh},
     {Kind::OxCosh, oxm::Fn::Cosh},   {Kind::OxArcsinh, oxm::Fn::Asinh},
-    {Kind::OxArccosh, oxm::Fn::Acosh}, {Kind::OxArctanh, oxm::Fn::Atanh}};
+    {Kind::OxArccosh, oxm::Fn::Acosh}, {Kind::OxArctanh, oxm::Fn::Atanh},
+    {Kind::OxErf, oxm::Fn::Erf},     {Kind::OxErfc, oxm::Fn::Erfc}};
 
 template <oxm::Fn F>
 void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
