@@ -1,5 +1,5 @@
-// Four-lane exp, log, log10, expm1, tanh, sinh, cosh, asinh, acosh and atanh that give the
-// C library's bits: the batch program's columns of these functions.
+// Four-lane exp, log, log10, expm1, tanh, sinh, cosh, asinh, acosh, atanh, erf and erfc that
+// give the C library's bits: the batch program's columns of these functions.
 //
 // exp and log follow the algorithm of the table-based exp and log that glibc 2.36 runs on
 // x86-64 with AVX2 and FMA (its FMA build), operation for operation, with every fused
@@ -7,13 +7,13 @@
 // the compiler adds none). log10 is the classic reduction to log of [1/2, 2) with log10(2) in
 // two parts, no fused operation, around that log. expm1 and log1p are the classic freely
 // licensed algorithms with the fused operations of that library's FMA build; tanh, sinh, cosh,
-// asinh, acosh and atanh are the classic forms over them, exp, log and sqrt, without fused
-// operations. Lanes outside the common path go to the scalar function (exp: NaN, infinities,
-// |x| >= 1024, results that overflow or are subnormal; log and log10: x <= 0, subnormal x,
-// infinity, NaN; expm1: x >= 512, NaN; tanh: NaN; sinh and cosh: |x| >= 22, NaN; asinh:
-// |x| > 2^28, NaN; acosh: x <= 1, x >= 2^28, NaN; atanh: |x| >= 1 - 2^-53, NaN). Whether they
-// serve is decided once per process by a self-check against the running C library (see
-// vector_math_check.cpp).
+// asinh, acosh, atanh, erf and erfc are the classic forms over them, exp, log and sqrt, without
+// fused operations. Lanes outside the common path go to the scalar function (exp: NaN,
+// infinities, |x| >= 1024, results that overflow or are subnormal; log and log10: x <= 0,
+// subnormal x, infinity, NaN; expm1: x >= 512, NaN; tanh and erf: NaN; sinh and cosh:
+// |x| >= 22, NaN; asinh: |x| > 2^28, NaN; acosh: x <= 1, x >= 2^28, NaN; atanh:
+// |x| >= 1 - 2^-53, NaN; erfc: x >= 22, NaN). Whether they serve is decided once per process
+// by a self-check against the running C library (see vector_math_check.cpp).
 #ifndef OXEL_NODES_VECTOR_MATH_H
 #define OXEL_NODES_VECTOR_MATH_H
 
