@@ -12,6 +12,10 @@
 #include <oxel/oxel.h>
 
 #include "nodes/kernels.h"
+#if defined(__x86_64__) && defined(__GNUC__)
+#include "nodes/vector_power.h"
+#define OXEL_TEST_POW4 1
+#endif
 
 namespace {
 
@@ -97,15 +101,44 @@ std::string check(double a, double b, double got, int err)
 
 }  // namespace
 
-// Random bases from 1e-300 to 1e300 of both signs against exponents of every kind.
+// The four-lane power of the batch columns on four inputs: every lane it serves has the
+// kernel's bits (the kernel's results in want); returns the number served.
+int fourLanesAgree(const double* a, const double* b, const double* want)
+{
+#ifdef OXEL_TEST_POW4
+    if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma"))
+        return 0;
+    double r[4];
+    const int left = oxk::pw::pow4(a, b, r);
+    int served = 0;
+    for (int l = 0; l < 4; ++l) {
+        if (left >> l & 1)
+            continue;
+        ++served;
+        EXPECT_TRUE(sameBits(r[l], want[l])) << std::hexfloat << a[l] << " ^ " << b[l] << ": "
+                                             << r[l] << ", kernel " << want[l];
+    }
+    return served;
+#else
+    (void)a, (void)b, (void)want;
+    return 0;
+#endif
+}
+
+// Random bases from 1e-300 to 1e300 of both signs against exponents of every kind; the
+// four-lane power of the batch columns on the same inputs.
 TEST(Power, MatchesPowlRuleOnRandomInputs)
 {
     Inputs in;
-    int failures = 0;
+    int failures = 0, served = 0;
+    double ga[4], gb[4], gr[4];
     for (int i = 0; i < kSamples && failures < 10; ++i) {
         double a = in.base(), b = in.exponent(a);
         int err = 0;
         double got = oxk::eval_OxHoch(a, b, err);
+        ga[i % 4] = a, gb[i % 4] = b, gr[i % 4] = got;
+        if (i % 4 == 3)
+            served += fourLanesAgree(ga, gb, gr);
         std::string m = check(a, b, got, err);
         // powerOf: the power alone, without substitution or guard.
         double ref = b == 2.0 ? static_cast<double>(static_cast<long double>(a) * a)
@@ -121,6 +154,11 @@ TEST(Power, MatchesPowlRuleOnRandomInputs)
         EXPECT_EQ("", m);
         failures += !m.empty();
     }
+#ifdef OXEL_TEST_POW4
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+        EXPECT_GT(served, kSamples / 4);
+    }
+#endif
 }
 
 // Every pair of special values, and bases a few ulps around the overflow limit.

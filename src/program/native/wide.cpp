@@ -5,12 +5,14 @@
 #include "program/native/wide.h"
 
 #include <array>
+#include <cmath>
 #include <utility>
 
 #include "program/native/native.h"
 
 #if defined(__x86_64__) && defined(__GNUC__) && defined(OXEL_VECTOR_MATH)
 #include "nodes/vector_math.h"
+#include "nodes/vector_power.h"
 #define OXN_MATH 1
 #endif
 
@@ -210,6 +212,71 @@ bool haveAvx2()
     return have;
 }
 
+#ifdef OXN_MATH
+// Which operand of a power is a column: both, the base (a constant exponent's plan) or the
+// exponent (a constant base's plan).
+enum class PowShape { Columns, Exponent, Base };
+
+// a^b four rows at a time (vector_power.h); the rows it leaves, and every row while the
+// rounding mode is not the plain one, take the kernel, which also records their codes.
+template <PowShape S, bool Raise>
+void powerLoop(const oxb::Insn& in, const oxb::Frame& f)
+{
+    const double* x = f.cols[in.a];
+    const double* y = S == PowShape::Columns ? f.cols[in.b] : nullptr;
+    double* r = f.cols[in.out];
+    const double k = S == PowShape::Exponent ? in.plan->b : S == PowShape::Base ? in.plan->a : 0;
+    const double fixed[4] = {k, k, k, k};
+    const bool plain = (_mm_getcsr() & 0xe040u) == 0;
+    int dummy = 0;
+    for (int i = 0; i < f.n; i += 4) {
+        int left = 15;
+        if (plain)
+            left = S == PowShape::Columns    ? oxk::pw::pow4(x + i, y + i, r + i)
+                   : S == PowShape::Exponent ? oxk::pw::pow4(x + i, fixed, r + i)
+                                             : oxk::pw::pow4(fixed, x + i, r + i);
+        for (; left; left &= left - 1) {
+            const int j = i + __builtin_ctz(static_cast<unsigned>(left));
+            if (j >= f.n)
+                break;
+            int& err = Raise ? f.err[j] : dummy;
+            r[j] = S == PowShape::Columns ? oxk::eval_OxHoch(x[j], y[j], err)
+                                          : oxk::powPlanned(*in.plan, x[j], err);
+        }
+    }
+}
+
+template <PowShape S>
+oxb::Runner powerLoopOf(bool raises)
+{
+    return raises ? &powerLoop<S, true> : &powerLoop<S, false>;
+}
+
+// Powers of two columns and planned powers. Constant integral exponents up to 64 keep the
+// kernel's loop (its binary powering measured faster than the four lanes' logarithm), and so
+// does a constant base outside the normal numbers, which leaves every row to the kernel.
+oxb::Runner powerRunner(const oxp::Step& s)
+{
+    static const bool fma = __builtin_cpu_supports("fma");
+    if (s.kind != Kind::OxHoch || !fma)
+        return nullptr;
+    if (s.b.mode == oxp::Operand::Const)
+        return s.b.k == std::floor(s.b.k) && std::fabs(s.b.k) <= 64.0
+                   ? nullptr
+                   : powerLoopOf<PowShape::Exponent>(s.raises);
+    if (s.a.mode == oxp::Operand::Const)
+        return s.a.k >= 0x1p-1022 && s.a.k <= 0x1.fffffffffffffp1023
+                   ? powerLoopOf<PowShape::Base>(s.raises)
+                   : nullptr;
+    return powerLoopOf<PowShape::Columns>(s.raises);
+}
+#else
+oxb::Runner powerRunner(const oxp::Step&)
+{
+    return nullptr;
+}
+#endif
+
 }  // namespace
 
 oxb::Runner wideRunner(const oxp::Step& s)
@@ -219,6 +286,8 @@ oxb::Runner wideRunner(const oxp::Step& s)
         return math;
     if (!enabled() || !haveAvx2())
         return nullptr;
+    if (oxb::Runner power = powerRunner(s))
+        return power;
     if (oxp::plannedPower(s)) {
         static const bool fma = __builtin_cpu_supports("fma");
         return oxp::squareStep(s) && fma ? &squareLoop : nullptr;
