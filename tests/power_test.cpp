@@ -101,15 +101,16 @@ std::string check(double a, double b, double got, int err)
 
 }  // namespace
 
-// The four-lane power of the batch columns on four inputs: every lane it serves has the
-// kernel's bits (the kernel's results in want); returns the number served.
-int fourLanesAgree(const double* a, const double* b, const double* want)
+// The four-lane power of the batch columns on four inputs (n: the integral exponent's form,
+// 0 for the general one): every lane it serves has the kernel's bits (the kernel's results in
+// want); returns the number served.
+int fourLanesAgree(const double* a, const double* b, const double* want, int n = 0)
 {
 #ifdef OXEL_TEST_POW4
     if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma"))
         return 0;
     double r[4];
-    const int left = oxk::pw::pow4(a, b, r);
+    const int left = n ? oxk::pw::powInt4(a, n, r) : oxk::pw::pow4(a, b, r);
     int served = 0;
     for (int l = 0; l < 4; ++l) {
         if (left >> l & 1)
@@ -120,7 +121,7 @@ int fourLanesAgree(const double* a, const double* b, const double* want)
     }
     return served;
 #else
-    (void)a, (void)b, (void)want;
+    (void)a, (void)b, (void)want, (void)n;
     return 0;
 #endif
 }
@@ -157,6 +158,32 @@ TEST(Power, MatchesPowlRuleOnRandomInputs)
 #ifdef OXEL_TEST_POW4
     if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
         EXPECT_GT(served, kSamples / 4);
+    }
+#endif
+}
+
+// The four-lane integral powers, 1 <= |n| <= 64, on random and special bases.
+TEST(Power, FourLaneIntegralPowers)
+{
+    Inputs in;
+    int served = 0, total = 0;
+    for (int n = -64; n <= 64; ++n) {
+        if (n == 0)
+            continue;
+        for (int i = 0; i < 4000; i += 4, total += 4) {
+            double a[4], b[4], want[4];
+            for (int l = 0; l < 4; ++l) {
+                a[l] = i < 32 ? kSpecial[(i + l) % 32] : in.base();
+                b[l] = n;
+                int err = 0;
+                want[l] = oxk::eval_OxHoch(a[l], b[l], err);
+            }
+            served += fourLanesAgree(a, b, want, n);
+        }
+    }
+#ifdef OXEL_TEST_POW4
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+        EXPECT_GT(served, total / 3);
     }
 #endif
 }

@@ -118,7 +118,62 @@ OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
     return {s.h, yl};
 }
 
+// The rounding test of roundDD: the mask of lanes where y within relErr rounds one way, and
+// that rounding in r.
+OXP_AVX2 __m256d roundDD4(DD4 y, __m256d relErr, __m256d& r)
+{
+    const __m256d eps = _mm256_mul_pd(_mm256_andnot_pd(k(-0.0), y.h), relErr);
+    r = _mm256_add_pd(y.h, _mm256_sub_pd(y.l, eps));
+    return _mm256_cmp_pd(r, _mm256_add_pd(y.h, _mm256_add_pd(y.l, eps)), _CMP_EQ_OQ);
+}
+
+// Lanes of positive normal a.
+OXP_AVX2 __m256d positiveNormal(__m256d a)
+{
+    const __m256i rel = _mm256_sub_epi64(ints(a), ints(k(0x1p-1022)));
+    return bits(_mm256_and_si256(_mm256_cmpgt_epi64(rel, _mm256_set1_epi64x(-1)),
+                                 _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x7FE0000000000000ll), rel)));
+}
+
 }  // namespace
+
+[[gnu::target("avx2,fma")]] int powInt4(const double* ap, int n, double* out)
+{
+    const __m256d a = _mm256_loadu_pd(ap);
+    const __m256d x0 = _mm256_andnot_pd(k(-0.0), a);
+    const unsigned m = static_cast<unsigned>(n < 0 ? -n : n);
+    // m (|e| + 1) <= 960 for the exponent e of |a|: every power on the way stays within
+    // [2^-960, 2^960], so no low part underflows.
+    const __m256d e = _mm256_sub_pd(
+        bits(_mm256_or_si256(_mm256_srli_epi64(ints(x0), 52), ints(k(0x1p52)))), k(0x1p52 + 1023));
+    const __m256d span = _mm256_add_pd(_mm256_andnot_pd(k(-0.0), e), k(1.0));
+    const __m256d usual = _mm256_and_pd(
+        positiveNormal(x0),
+        _mm256_cmp_pd(span, k(static_cast<double>(960 / m)), _CMP_LE_OQ));
+    const __m256d x = _mm256_blendv_pd(k(1.0), x0, usual);
+    DD4 r = {x, k(0.0)};
+    for (int i = 30 - __builtin_clz(m); i >= 0; --i) {
+        const DD4 sq = twoProd(r.h, r.h);
+        r = {sq.h, _mm256_fmadd_pd(_mm256_add_pd(r.h, r.h), r.l, sq.l)};
+        if ((m >> i) & 1) {
+            const DD4 p = twoProd(r.h, x);
+            r = {p.h, _mm256_fmadd_pd(r.l, x, p.l)};
+        }
+    }
+    if (n < 0) {
+        const __m256d q = _mm256_div_pd(k(1.0), r.h);
+        const DD4 p = twoProd(q, r.h);
+        const __m256d t = _mm256_sub_pd(_mm256_sub_pd(_mm256_sub_pd(k(1.0), p.h), p.l),
+                                        _mm256_mul_pd(q, r.l));
+        r = {q, _mm256_mul_pd(q, t)};
+    }
+    __m256d y;
+    const __m256d proved =
+        _mm256_and_pd(usual, roundDD4(r, k((kPowlErrInt + kModelErrInt) * (1.0 + 0x1p-20)), y));
+    // The sign of a for odd powers.
+    _mm256_storeu_pd(out, m & 1 ? _mm256_or_pd(y, _mm256_and_pd(a, k(-0.0))) : y);
+    return _mm256_movemask_pd(proved) ^ 15;
+}
 
 [[gnu::target("avx2,fma")]] int pow4(const double* ap, const double* bp, double* out)
 {
@@ -126,12 +181,8 @@ OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
     const __m256d b = _mm256_loadu_pd(bp);
     const __m256d ab = _mm256_andnot_pd(k(-0.0), b);
     // a in [DBL_MIN, DBL_MAX] (the sign bit excluded), |b| < 2^60 (NaN excluded), b != 2.
-    const __m256i rel = _mm256_sub_epi64(ints(a), ints(k(0x1p-1022)));
-    const __m256i normal =
-        _mm256_and_si256(_mm256_cmpgt_epi64(rel, _mm256_set1_epi64x(-1)),
-                         _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x7FE0000000000000ll), rel));
     const __m256d usual = _mm256_and_pd(
-        _mm256_and_pd(bits(normal), _mm256_cmp_pd(ab, k(0x1p60), _CMP_LT_OQ)),
+        _mm256_and_pd(positiveNormal(a), _mm256_cmp_pd(ab, k(0x1p60), _CMP_LT_OQ)),
         _mm256_cmp_pd(b, k(2.0), _CMP_NEQ_UQ));
     // Lanes of another path compute on 1^1.
     const __m256d as = _mm256_blendv_pd(k(1.0), a, usual);
@@ -149,10 +200,8 @@ OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
                          integral));
     __m256i e;
     const DD4 y = expdd4(ps, e);
-    const __m256d eps = _mm256_mul_pd(_mm256_andnot_pd(k(-0.0), y.h), relErr);
-    const __m256d lo = _mm256_add_pd(y.h, _mm256_sub_pd(y.l, eps));
-    const __m256d hi = _mm256_add_pd(y.h, _mm256_add_pd(y.l, eps));
-    const __m256d proved = _mm256_and_pd(_mm256_and_pd(usual, inRange), _mm256_cmp_pd(lo, hi, _CMP_EQ_OQ));
+    __m256d lo;
+    const __m256d proved = _mm256_and_pd(_mm256_and_pd(usual, inRange), roundDD4(y, relErr, lo));
     const __m256d twoE = bits(_mm256_slli_epi64(_mm256_add_epi64(e, _mm256_set1_epi64x(1023)), 52));
     _mm256_storeu_pd(out, _mm256_mul_pd(lo, twoE));
     return _mm256_movemask_pd(proved) ^ 15;

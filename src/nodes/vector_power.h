@@ -15,6 +15,12 @@ namespace pw {
 // rounding to nearest without flush to zero.
 OXEL_API int pow4(const double* a, const double* b, double* r);
 
+// r[i] = a[i]^n for a constant integer 1 <= |n| <= 64 through the kernel's binary powering in
+// double-double (and its reciprocal for n < 0) with the same rounding test; the mask of lanes
+// left to the kernel: a not a normal number, a power that may leave [2^-960, 2^960], or not
+// proved.
+OXEL_API int powInt4(const double* a, int n, double* r);
+
 }  // namespace pw
 }  // namespace oxk
 

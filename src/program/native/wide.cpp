@@ -213,9 +213,9 @@ bool haveAvx2()
 }
 
 #ifdef OXN_MATH
-// Which operand of a power is a column: both, the base (a constant exponent's plan) or the
-// exponent (a constant base's plan).
-enum class PowShape { Columns, Exponent, Base };
+// Which operand of a power is a column: both, the base (a constant exponent's plan, or an
+// integral one from 1 to 64 in magnitude) or the exponent (a constant base's plan).
+enum class PowShape { Columns, Exponent, Integer, Base };
 
 // a^b four rows at a time (vector_power.h); the rows it leaves, and every row while the
 // rounding mode is not the plain one, take the kernel, which also records their codes.
@@ -225,7 +225,8 @@ void powerLoop(const oxb::Insn& in, const oxb::Frame& f)
     const double* x = f.cols[in.a];
     const double* y = S == PowShape::Columns ? f.cols[in.b] : nullptr;
     double* r = f.cols[in.out];
-    const double k = S == PowShape::Exponent ? in.plan->b : S == PowShape::Base ? in.plan->a : 0;
+    const double k = S == PowShape::Base ? in.plan->a : S == PowShape::Columns ? 0 : in.plan->b;
+    const int n = static_cast<int>(k);
     const double fixed[4] = {k, k, k, k};
     const bool plain = (_mm_getcsr() & 0xe040u) == 0;
     int dummy = 0;
@@ -234,6 +235,7 @@ void powerLoop(const oxb::Insn& in, const oxb::Frame& f)
         if (plain)
             left = S == PowShape::Columns    ? oxk::pw::pow4(x + i, y + i, r + i)
                    : S == PowShape::Exponent ? oxk::pw::pow4(x + i, fixed, r + i)
+                   : S == PowShape::Integer  ? oxk::pw::powInt4(x + i, n, r + i)
                                              : oxk::pw::pow4(fixed, x + i, r + i);
         for (; left; left &= left - 1) {
             const int j = i + __builtin_ctz(static_cast<unsigned>(left));
@@ -252,18 +254,20 @@ oxb::Runner powerLoopOf(bool raises)
     return raises ? &powerLoop<S, true> : &powerLoop<S, false>;
 }
 
-// Powers of two columns and planned powers. Constant integral exponents up to 64 keep the
-// kernel's loop (its binary powering measured faster than the four lanes' logarithm), and so
-// does a constant base outside the normal numbers, which leaves every row to the kernel.
+// Powers of two columns and planned powers but the square (its own loop below) and the
+// exponent 0; a constant base outside the normal numbers leaves every row to the kernel, so
+// it keeps the kernel's loop.
 oxb::Runner powerRunner(const oxp::Step& s)
 {
     static const bool fma = __builtin_cpu_supports("fma");
-    if (s.kind != Kind::OxHoch || !fma)
+    if (s.kind != Kind::OxHoch || !fma || oxp::squareStep(s))
         return nullptr;
-    if (s.b.mode == oxp::Operand::Const)
-        return s.b.k == std::floor(s.b.k) && std::fabs(s.b.k) <= 64.0
-                   ? nullptr
-                   : powerLoopOf<PowShape::Exponent>(s.raises);
+    if (s.b.mode == oxp::Operand::Const) {
+        const double b = s.b.k;
+        if (b == std::floor(b) && std::fabs(b) <= 64.0)
+            return b != 0.0 ? powerLoopOf<PowShape::Integer>(s.raises) : nullptr;
+        return powerLoopOf<PowShape::Exponent>(s.raises);
+    }
     if (s.a.mode == oxp::Operand::Const)
         return s.a.k >= 0x1p-1022 && s.a.k <= 0x1.fffffffffffffp1023
                    ? powerLoopOf<PowShape::Base>(s.raises)
