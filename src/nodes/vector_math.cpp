@@ -10,6 +10,7 @@
 #include <immintrin.h>
 
 #include "nodes/kernels.h"
+#include "nodes/kinds.h"
 #include "nodes/vector_math_tables.h"
 
 namespace oxm {
@@ -753,51 +754,21 @@ struct Lanes<Fn::Log10> {
     OXM_AVX2 static __m256d finished(__m256d x, __m256d l) { return log10Finished(x, l); }
     static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
 };
-template <>
-struct Lanes<Fn::Expm1> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return expm1Any(x, away); }
-    static double kernel(double x, int& err) { return oxk::eval_OxExpm1(x, err); }
+// The others: the path for any four lanes, and the kind table's kernel.
+template <Fn F, __m256d (*Any)(__m256d, int&)>
+struct ByKind {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return Any(x, away); }
+    static double kernel(double x, int& err) { return oxk::row(kind(F)).un(x, err); }
 };
-template <>
-struct Lanes<Fn::Tanh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return tanhAny(x, away); }
-    static double kernel(double x, int&) { return oxk::eval_OxTanh(x); }
-};
-template <>
-struct Lanes<Fn::Sinh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return sinhAny(x, away); }
-    static double kernel(double x, int& err) { return oxk::eval_OxSinh(x, err); }
-};
-template <>
-struct Lanes<Fn::Cosh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return coshAny(x, away); }
-    static double kernel(double x, int&) { return oxk::eval_OxCosh(x); }
-};
-template <>
-struct Lanes<Fn::Asinh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return asinhAny(x, away); }
-    static double kernel(double x, int&) { return oxk::eval_OxArcsinh(x); }
-};
-template <>
-struct Lanes<Fn::Acosh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return acoshAny(x, away); }
-    static double kernel(double x, int& err) { return oxk::eval_OxArccosh(x, err); }
-};
-template <>
-struct Lanes<Fn::Atanh> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return atanhAny(x, away); }
-    static double kernel(double x, int& err) { return oxk::eval_OxArctanh(x, err); }
-};
-template <>
-struct Lanes<Fn::Erf> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return erfAny(x, away); }
-    static double kernel(double x, int&) { return oxk::eval_OxErf(x); }
-};
-template <>
-struct Lanes<Fn::Erfc> {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return erfcAny(x, away); }
-    static double kernel(double x, int&) { return oxk::eval_OxErfc(x); }
-};
+template <> struct Lanes<Fn::Expm1> : ByKind<Fn::Expm1, &expm1Any> {};
+template <> struct Lanes<Fn::Tanh> : ByKind<Fn::Tanh, &tanhAny> {};
+template <> struct Lanes<Fn::Sinh> : ByKind<Fn::Sinh, &sinhAny> {};
+template <> struct Lanes<Fn::Cosh> : ByKind<Fn::Cosh, &coshAny> {};
+template <> struct Lanes<Fn::Asinh> : ByKind<Fn::Asinh, &asinhAny> {};
+template <> struct Lanes<Fn::Acosh> : ByKind<Fn::Acosh, &acoshAny> {};
+template <> struct Lanes<Fn::Atanh> : ByKind<Fn::Atanh, &atanhAny> {};
+template <> struct Lanes<Fn::Erf> : ByKind<Fn::Erf, &erfAny> {};
+template <> struct Lanes<Fn::Erfc> : ByKind<Fn::Erfc, &erfcAny> {};
 
 constexpr bool isLog(Fn f)
 {

@@ -19,12 +19,46 @@
 
 #include <oxel/export.h>
 
+#include "nodes/kinds.h"
+
 namespace oxm {
 
 enum class Fn { Exp, Log, Log10, Expm1, Tanh, Sinh, Cosh, Asinh, Acosh, Atanh, Erf, Erfc };
 inline constexpr Fn kFunctions[] = {Fn::Exp,   Fn::Log,   Fn::Log10, Fn::Expm1,
                                     Fn::Tanh,  Fn::Sinh,  Fn::Cosh,  Fn::Asinh,
                                     Fn::Acosh, Fn::Atanh, Fn::Erf,   Fn::Erfc};
+
+// The node class of each function: the kernel its column matches, the steps it serves.
+constexpr oxk::Kind kind(Fn fn)
+{
+    switch (fn) {
+    case Fn::Exp:
+        return oxk::Kind::OxExp;
+    case Fn::Log:
+        return oxk::Kind::OxLn;
+    case Fn::Log10:
+        return oxk::Kind::OxLog10;
+    case Fn::Expm1:
+        return oxk::Kind::OxExpm1;
+    case Fn::Tanh:
+        return oxk::Kind::OxTanh;
+    case Fn::Sinh:
+        return oxk::Kind::OxSinh;
+    case Fn::Cosh:
+        return oxk::Kind::OxCosh;
+    case Fn::Asinh:
+        return oxk::Kind::OxArcsinh;
+    case Fn::Acosh:
+        return oxk::Kind::OxArccosh;
+    case Fn::Atanh:
+        return oxk::Kind::OxArctanh;
+    case Fn::Erf:
+        return oxk::Kind::OxErf;
+    case Fn::Erfc:
+        break;
+    }
+    return oxk::Kind::OxErfc;
+}
 
 OXEL_API const char* name(Fn fn);         // "exp", "log", "log10", ...
 OXEL_API double reference(Fn fn, double x);  // the C library's function

@@ -159,19 +159,8 @@ template <Kind K, bool AConst, bool BConst>
     X(OxSqroot)
 
 #ifdef OXN_MATH
-// The functions with four-lane forms that give the C library's bits (vector_math.h): the kind
-// and the function of each.
-struct MathKind {
-    Kind kind;
-    oxm::Fn fn;
-};
-constexpr MathKind kMathKinds[] = {
-    {Kind::OxExp, oxm::Fn::Exp},     {Kind::OxLn, oxm::Fn::Log},   {Kind::OxLog10, oxm::Fn::Log10},
-    {Kind::OxExpm1, oxm::Fn::Expm1}, {Kind::OxTanh, oxm::Fn::Tanh}, {Kind::OxSinh, oxm::Fn::Sinh},
-    {Kind::OxCosh, oxm::Fn::Cosh},   {Kind::OxArcsinh, oxm::Fn::Asinh},
-    {Kind::OxArccosh, oxm::Fn::Acosh}, {Kind::OxArctanh, oxm::Fn::Atanh},
-    {Kind::OxErf, oxm::Fn::Erf},     {Kind::OxErfc, oxm::Fn::Erfc}};
-
+// The functions with four-lane forms that give the C library's bits (vector_math.h), each
+// serving the steps of its kind.
 template <oxm::Fn F>
 void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
 {
@@ -181,23 +170,24 @@ void mathLoop(const oxb::Insn& in, const oxb::Frame& f)
 template <size_t... I>
 constexpr std::array<oxb::Runner, sizeof...(I)> mathLoops(std::index_sequence<I...>)
 {
-    return {&mathLoop<kMathKinds[I].fn>...};
+    return {&mathLoop<oxm::kFunctions[I]>...};
 }
 
 // The function serving kind's column, if any.
-const MathKind* servedMath(Kind kind)
+const oxm::Fn* servedMath(Kind kind)
 {
-    for (const MathKind& m : kMathKinds)
-        if (m.kind == kind && oxm::serves(m.fn))
-            return &m;
+    for (const oxm::Fn& fn : oxm::kFunctions)
+        if (oxm::kind(fn) == kind && oxm::serves(fn))
+            return &fn;
     return nullptr;
 }
 
 oxb::Runner mathRunner(Kind kind)
 {
-    static constexpr auto loops = mathLoops(std::make_index_sequence<std::size(kMathKinds)>());
-    const MathKind* m = servedMath(kind);
-    return m ? loops[static_cast<size_t>(m - kMathKinds)] : nullptr;
+    static constexpr auto loops =
+        mathLoops(std::make_index_sequence<std::size(oxm::kFunctions)>());
+    const oxm::Fn* fn = servedMath(kind);
+    return fn ? loops[static_cast<size_t>(fn - oxm::kFunctions)] : nullptr;
 }
 #else
 oxb::Runner mathRunner(Kind)
@@ -325,8 +315,8 @@ oxb::Runner wideRunner(const oxp::Step&)
 MathColumn mathColumn(Kind kind)
 {
 #ifdef OXN_MATH
-    if (const MathKind* m = servedMath(kind))
-        return oxm::column(m->fn);
+    if (const oxm::Fn* fn = servedMath(kind))
+        return oxm::column(*fn);
 #else
     (void)kind;
 #endif
