@@ -330,7 +330,8 @@ TEST(VectorMath, BatchColumnsMatchEval)
     for (const char* text :
          {"exp(x)", "ln(x)", "log10(x)", "exp(x) - ln(y)", "ln(exp(x) + y) * log10(y)",
           "tanh(x) + expm1(y)", "sinh(x) - cosh(y)", "tanh(x * y + x / 3 - y)",
-          "asinh(x) + acosh(y)", "atanh(x / 30) - atanh(y)", "erf(x / 10) + erfc(y / 20)",
+          "asinh(x) + acosh(y)", "atanh(x / 30) - atanh(y)", "erf(x / 300) + erfc(y / 200)",
+          "erfc(x / 10) - erf(y)",
           "pow(x, y / 100)", "pow(y, 3.5) - pow(1.7, x / 50)", "pow(x, 3) + pow(y, -5)"}) {
         OxelExpression e;
         ASSERT_EQ(parseXyz(e, text, 2), 1) << text;

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <iterator>
+#include <type_traits>
 #include <utility>
 
 #include <immintrin.h>
@@ -436,11 +437,13 @@ OXM_AVX2 __m256d log1pLanes(__m256d x)
     // 1 + x normalised to [sqrt(2)/2, sqrt(2)) by its leading word.
     const __m256i hu = _mm256_and_si256(_mm256_srli_epi64(iu, 32), _mm256_set1_epi64x(0xfffff));
     const __m256i half = _mm256_cmpgt_epi64(hu, _mm256_set1_epi64x(0x6a09d));
+    const __m256i exponent =
+        _mm256_sub_epi64(_mm256_set1_epi64x(0x3ff0000000000000ll),
+                         _mm256_and_si256(half, _mm256_set1_epi64x(1ll << 52)));
     const __m256d un = bits(_mm256_or_si256(
-        _mm256_and_si256(iu, _mm256_set1_epi64x(0x000fffffffffffffll)),
-        _mm256_sub_epi64(_mm256_set1_epi64x(0x3ff0000000000000ll), _mm256_and_si256(half, _mm256_set1_epi64x(1ll << 52)))));
+        _mm256_and_si256(iu, _mm256_set1_epi64x(0x000fffffffffffffll)), exponent));
     const __m256d kd =
-        _mm256_andnot_pd(kZero, _mm256_sub_pd(ku, bits(_mm256_and_si256(half, ints(k(-1.0)))))); 
+        _mm256_andnot_pd(kZero, _mm256_sub_pd(ku, bits(_mm256_and_si256(half, ints(k(-1.0))))));
     const __m256d f = _mm256_blendv_pd(_mm256_sub_pd(un, k(1.0)), x, kZero);
     // f's leading word zero: hu = 0 below sqrt(2), (2^20 - hu) / 4 = 0 above.
     const __m256d wordZero = _mm256_andnot_pd(
@@ -454,7 +457,8 @@ OXM_AVX2 __m256d log1pLanes(__m256d x)
     const __m256d rLow = fma(z, k(kLp1), _mm256_mul_pd(z2, fma(z, k(kLp3), k(kLp2))));
     const __m256d r = fma(_mm256_mul_pd(z2, z4), fma(z, k(kLp7), k(kLp6)),
                           fma(z4, fma(z, k(kLp5), k(kLp4)), rLow));
-    const __m256d rShort = _mm256_mul_pd(_mm256_fnmadd_pd(f, k(0x1.5555555555555p-1), k(1.0)), hfsq);
+    const __m256d rShort =
+        _mm256_mul_pd(_mm256_fnmadd_pd(f, k(0x1.5555555555555p-1), k(1.0)), hfsq);
     const __m256d kLow = fma(kd, k(kEm1Ln2Lo), c);
     // k = 0: f - (f^2/2 - s (f^2/2 + R)); else k ln2_hi - ((f^2/2 - (k ln2_lo + c + sR')) - f).
     const __m256d sr = _mm256_mul_pd(_mm256_add_pd(r, hfsq), s);
@@ -649,90 +653,100 @@ OXM_AVX2 __m256d erfTail(__m256d x, __m256d useA)
     return _mm256_mul_pd(e1, e2);
 }
 
-// The ranges of |x| by the leading word, as the C library tells them apart.
+// The ranges of |x| by the leading word, as the C library tells them apart: below 0.84375,
+// below 1.25, and from there the tail (below 6 for erf; erfc's runs on for positive x and
+// stops at 22, where its exp would leave exp's common range).
 struct ErfRanges {
-    __m256d ax, nearZero, nearOne, beyond, tail, useA;
-    OXM_AVX2 ErfRanges(__m256d x, int64_t splitA)
+    __m256d nearZero, nearOne, tail;
+    OXM_AVX2 ErfRanges(__m256d x, bool complement)
     {
-        ax = _mm256_andnot_pd(k(-0.0), x);
+        const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
         const __m256i ai = ints(ax);
         nearZero = bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x3feb000000000000ll), ai));
-        beyond = bits(_mm256_cmpgt_epi64(ai, _mm256_set1_epi64x(0x3ff3ffffffffffffll)));
-        nearOne = bits(_mm256_cmpeq_epi64(_mm256_setzero_si256(), ints(_mm256_or_pd(nearZero, beyond))));
+        const __m256d beyond =
+            bits(_mm256_cmpgt_epi64(ai, _mm256_set1_epi64x(0x3ff3ffffffffffffll)));
+        nearOne = bits(
+            _mm256_cmpeq_epi64(_mm256_setzero_si256(), ints(_mm256_or_pd(nearZero, beyond))));
         tail = _mm256_and_pd(beyond, _mm256_cmp_pd(ax, k(6.0), _CMP_LT_OQ));
-        useA = bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(splitA), ai));
+        if (complement) {
+            const __m256d positive =
+                _mm256_andnot_pd(_mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ), beyond);
+            tail = _mm256_and_pd(_mm256_cmp_pd(x, k(22.0), _CMP_LT_OQ),
+                                 _mm256_or_pd(tail, positive));
+        }
     }
 };
 
-// erf: x + x r/s, erx + P/Q, 1 - tail/|x| and 1 from 6 on, with the sign of x; below 2^-28
-// x + efx x (below 2^-1015 scaled by 16). NaN away.
-OXM_AVX2 __m256d erfAny(__m256d x, int& away)
-{
-    const ErfRanges g(x, 0x4006db6e00000000ll);
-    __m256d y = k(1.0);
-    if (lanes(g.tail)) {
-        const __m256d ax = _mm256_blendv_pd(k(2.0), g.ax, g.tail);
-        const __m256d q = _mm256_div_pd(erfTail(ax, g.useA), ax);
-        y = _mm256_blendv_pd(y, _mm256_sub_pd(k(1.0), q), g.tail);
-    }
-    if (lanes(g.nearOne))
-        y = _mm256_blendv_pd(
-            y, _mm256_add_pd(k(kErx), erfNearOne(_mm256_sub_pd(
-                                          _mm256_blendv_pd(k(1.0), g.ax, g.nearOne), k(1.0)))),
-            g.nearOne);
-    y = _mm256_or_pd(y, _mm256_and_pd(x, k(-0.0)));
-    if (lanes(g.nearZero)) {
-        const __m256d xs = _mm256_and_pd(x, g.nearZero);
-        const __m256d small = _mm256_add_pd(x, _mm256_mul_pd(x, erfNearZero(xs)));
-        const __m256d tiny = _mm256_cmp_pd(g.ax, k(0x1p-28), _CMP_LT_OQ);
-        const __m256d scaled = _mm256_mul_pd(
-            k(0.0625), _mm256_add_pd(_mm256_mul_pd(k(16.0), x), _mm256_mul_pd(k(16.0 * kEfx), x)));
-        const __m256d tinyValue = _mm256_blendv_pd(
-            _mm256_add_pd(x, _mm256_mul_pd(k(kEfx), x)), scaled,
-            bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x0080000000000000ll), ints(g.ax))));
-        y = _mm256_blendv_pd(y, _mm256_blendv_pd(small, tinyValue, tiny), g.nearZero);
-    }
-    away = lanes(_mm256_cmp_pd(x, x, _CMP_UNORD_Q));
-    return y;
-}
+// The three ranges' paths of erf and erfc, each for four lanes of its range.
+template <Fn F>
+struct ErfPaths {
+    static constexpr bool kComplement = F == Fn::Erfc;
 
-// erfc: 1 - (x + x r/s) below x = 1/4, else 1/2 - (x r/s + (x - 1/2)); (1 - erx) - P/Q or
-// 1 + (erx + P/Q); tail/|x| or 2 - tail/|x|; 2 from -6 down; below 2^-56 1 - x. x >= 22 (the
-// tail's exp leaves exp's common range) and NaN away.
-OXM_AVX2 __m256d erfcAny(__m256d x, int& away)
-{
-    const ErfRanges g(x, 0x4006db6d00000000ll);
-    const __m256d negative = _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ);
-    const __m256d outside = _mm256_cmp_pd(x, k(22.0), _CMP_NLT_UQ);
-    const __m256d tail =
-        _mm256_andnot_pd(outside, _mm256_or_pd(g.tail, _mm256_andnot_pd(negative, g.beyond)));
-    __m256d y = k(2.0);
-    if (lanes(tail)) {
-        const __m256d ax = _mm256_blendv_pd(k(2.0), g.ax, tail);
-        const __m256d q = _mm256_div_pd(erfTail(ax, g.useA), ax);
-        y = _mm256_blendv_pd(y, _mm256_blendv_pd(q, _mm256_sub_pd(k(2.0), q), negative), tail);
+    // erf: x + x r/s, below 2^-28 x + efx x (below 2^-1015 scaled by 16). erfc: below 2^-56
+    // 1 - x; 1 - (x + x r/s) below x = 1/4; else 1/2 - (x r/s + (x - 1/2)).
+    OXM_AVX2 static __m256d nearZero(__m256d x)
+    {
+        const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+        const __m256d xy = _mm256_mul_pd(x, erfNearZero(x));
+        if constexpr (kComplement) {
+            const __m256d below = _mm256_blendv_pd(
+                _mm256_sub_pd(k(0.5), _mm256_add_pd(xy, _mm256_sub_pd(x, k(0.5)))),
+                _mm256_sub_pd(k(1.0), _mm256_add_pd(x, xy)), _mm256_cmp_pd(x, k(0.25), _CMP_LT_OQ));
+            return _mm256_blendv_pd(below, _mm256_sub_pd(k(1.0), x),
+                                    _mm256_cmp_pd(ax, k(0x1p-56), _CMP_LT_OQ));
+        } else {
+            const __m256d sixteen =
+                _mm256_add_pd(_mm256_mul_pd(k(16.0), x), _mm256_mul_pd(k(16.0 * kEfx), x));
+            const __m256d least =
+                bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(0x0080000000000000ll), ints(ax)));
+            const __m256d tiny = _mm256_blendv_pd(_mm256_add_pd(x, _mm256_mul_pd(k(kEfx), x)),
+                                                  _mm256_mul_pd(k(0.0625), sixteen), least);
+            return _mm256_blendv_pd(_mm256_add_pd(x, xy), tiny,
+                                    _mm256_cmp_pd(ax, k(0x1p-28), _CMP_LT_OQ));
+        }
     }
-    if (lanes(g.nearOne)) {
-        const __m256d q =
-            erfNearOne(_mm256_sub_pd(_mm256_blendv_pd(k(1.0), g.ax, g.nearOne), k(1.0)));
-        y = _mm256_blendv_pd(
-            y,
-            _mm256_blendv_pd(_mm256_sub_pd(k(1.0 - kErx), q),
-                             _mm256_add_pd(k(1.0), _mm256_add_pd(k(kErx), q)), negative),
-            g.nearOne);
+
+    // erf: erx + P/Q with the sign of x. erfc: (1 - erx) - P/Q, or 1 + (erx + P/Q) below 0.
+    OXM_AVX2 static __m256d nearOne(__m256d x)
+    {
+        const __m256d q = erfNearOne(_mm256_sub_pd(_mm256_andnot_pd(k(-0.0), x), k(1.0)));
+        if constexpr (kComplement)
+            return _mm256_blendv_pd(_mm256_sub_pd(k(1.0 - kErx), q),
+                                    _mm256_add_pd(k(1.0), _mm256_add_pd(k(kErx), q)),
+                                    _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ));
+        return _mm256_or_pd(_mm256_add_pd(k(kErx), q), _mm256_and_pd(x, k(-0.0)));
     }
-    if (lanes(g.nearZero)) {
-        const __m256d xy = _mm256_mul_pd(x, erfNearZero(_mm256_and_pd(x, g.nearZero)));
-        const __m256d below = _mm256_blendv_pd(
-            _mm256_sub_pd(k(0.5), _mm256_add_pd(xy, _mm256_sub_pd(x, k(0.5)))),
-            _mm256_sub_pd(k(1.0), _mm256_add_pd(x, xy)), _mm256_cmp_pd(x, k(0.25), _CMP_LT_OQ));
-        const __m256d tiny = _mm256_cmp_pd(g.ax, k(0x1p-56), _CMP_LT_OQ);
-        y = _mm256_blendv_pd(y, _mm256_blendv_pd(below, _mm256_sub_pd(k(1.0), x), tiny),
-                             g.nearZero);
+
+    // erf: 1 - tail/|x| with the sign of x. erfc: tail/|x|, or 2 - tail/|x| below 0.
+    OXM_AVX2 static __m256d tail(__m256d x)
+    {
+        const __m256d ax = _mm256_andnot_pd(k(-0.0), x);
+        const int64_t splitA = kComplement ? 0x4006db6d00000000ll : 0x4006db6e00000000ll;
+        const __m256d useA = bits(_mm256_cmpgt_epi64(_mm256_set1_epi64x(splitA), ints(ax)));
+        const __m256d q = _mm256_div_pd(erfTail(ax, useA), ax);
+        if constexpr (kComplement)
+            return _mm256_blendv_pd(q, _mm256_sub_pd(k(2.0), q),
+                                    _mm256_cmp_pd(x, k(0.0), _CMP_LT_OQ));
+        return _mm256_or_pd(_mm256_sub_pd(k(1.0), q), _mm256_and_pd(x, k(-0.0)));
     }
-    away = lanes(outside);
-    return y;
-}
+
+    // Any four lanes: each range's path where it has lanes (others on a value of its range);
+    // erf 1 from 6 on, erfc 2 from -6 down, with the sign for erf. NaN and erfc from 22 away.
+    OXM_AVX2 static __m256d any(__m256d x, int& away)
+    {
+        const ErfRanges g(x, kComplement);
+        __m256d y = kComplement ? k(2.0) : _mm256_or_pd(k(1.0), _mm256_and_pd(x, k(-0.0)));
+        if (lanes(g.tail))
+            y = _mm256_blendv_pd(y, tail(_mm256_blendv_pd(k(2.0), x, g.tail)), g.tail);
+        if (lanes(g.nearOne))
+            y = _mm256_blendv_pd(y, nearOne(_mm256_blendv_pd(k(1.0), x, g.nearOne)), g.nearOne);
+        if (lanes(g.nearZero))
+            y = _mm256_blendv_pd(y, nearZero(_mm256_and_pd(x, g.nearZero)), g.nearZero);
+        away = lanes(kComplement ? _mm256_cmp_pd(x, k(22.0), _CMP_NLT_UQ)
+                                 : _mm256_cmp_pd(x, x, _CMP_UNORD_Q));
+        return y;
+    }
+};
 
 // One row per function: its kernel; for the logs the argument of log and the result from log's
 // value; for the others the path for any four lanes.
@@ -767,8 +781,8 @@ template <> struct Lanes<Fn::Cosh> : ByKind<Fn::Cosh, &coshAny> {};
 template <> struct Lanes<Fn::Asinh> : ByKind<Fn::Asinh, &asinhAny> {};
 template <> struct Lanes<Fn::Acosh> : ByKind<Fn::Acosh, &acoshAny> {};
 template <> struct Lanes<Fn::Atanh> : ByKind<Fn::Atanh, &atanhAny> {};
-template <> struct Lanes<Fn::Erf> : ByKind<Fn::Erf, &erfAny> {};
-template <> struct Lanes<Fn::Erfc> : ByKind<Fn::Erfc, &erfcAny> {};
+template <> struct Lanes<Fn::Erf> : ByKind<Fn::Erf, &ErfPaths<Fn::Erf>::any> {};
+template <> struct Lanes<Fn::Erfc> : ByKind<Fn::Erfc, &ErfPaths<Fn::Erfc>::any> {};
 
 constexpr bool isLog(Fn f)
 {
@@ -794,11 +808,11 @@ OXM_AVX2 __m256d logs4(__m256d x, int& away)
     return Lanes<F>::finished(x, _mm256_blendv_pd(logNearOne(xs), logMain(xs), far));
 }
 
-// Rows whose log runs near one, from groups that also hold other rows (common in data about
-// 1): gathered without a branch and run four at a time after the column's other rows, rather
-// than both paths on every lane of such groups.
-template <Fn F>
-struct NearRows {
+// Rows put off from groups whose lanes take different paths, gathered without a branch and
+// run four at a time through Path after the column's other rows, rather than every path on
+// every lane of such groups: the logs' rows near one (common in data about 1), erf's ranges.
+template <__m256d (*Path)(__m256d)>
+struct Deferred {
     static const int kRows = 256;
     alignas(16) int row[kRows + 4];
     int count = 0;
@@ -811,7 +825,7 @@ struct NearRows {
             const int* j = row + i;
             const __m256d v = _mm256_setr_pd(x[j[0]], x[j[1]], x[j[2]], x[j[3]]);
             alignas(32) double y[4];
-            _mm256_store_pd(y, Lanes<F>::finished(v, logNearOne(Lanes<F>::reduced(v))));
+            _mm256_store_pd(y, Path(v));
             for (int l = 0; l < 4; ++l)
                 r[j[l]] = y[l];
         }
@@ -834,12 +848,45 @@ struct NearRows {
     }
 };
 
+template <Fn F>
+OXM_AVX2 __m256d logNearOnePath(__m256d v)
+{
+    return Lanes<F>::finished(v, logNearOne(Lanes<F>::reduced(v)));
+}
+
+// erf's and erfc's rows of mixed groups, by range.
+template <Fn F>
+struct ErfRows {
+    Deferred<&ErfPaths<F>::nearZero> nearZero;
+    Deferred<&ErfPaths<F>::nearOne> nearOne;
+    Deferred<&ErfPaths<F>::tail> tail;
+};
+
+constexpr bool isErf(Fn f)
+{
+    return f == Fn::Erf || f == Fn::Erfc;
+}
+
+// The deferred rows of F's column, if it has any.
+template <Fn F, class = void>
+struct Put {
+    using Off = char;
+};
+template <Fn F>
+struct Put<F, std::enable_if_t<isLog(F)>> {
+    using Off = Deferred<&logNearOnePath<F>>;
+};
+template <Fn F>
+struct Put<F, std::enable_if_t<isErf(F)>> {
+    using Off = ErfRows<F>;
+};
+
 // Four rows at a time; lanes away from the four-lane path, and the rows that raise, run the
 // kernel (which also records their codes).
 template <Fn F>
 [[gnu::target("avx2,fma")]] void fourRows(const double* x, double* r, int* err, int n)
 {
-    [[maybe_unused]] NearRows<F> near;
+    [[maybe_unused]] typename Put<F>::Off off;
     for (int i = 0; i < n; i += 4) {
         const __m256d v = _mm256_loadu_pd(x + i);
         int away;
@@ -851,6 +898,22 @@ template <Fn F>
             }
             _mm256_storeu_pd(r + i, expAnyLanes(v, away));
             away |= lanes(_mm256_cmp_pd(v, k(oxk::kExpLimit), _CMP_GE_OQ));
+        } else if constexpr (isErf(F)) {
+            // A group in one range takes its path; mixed groups put their rows off by range,
+            // and lanes outside the three ranges run the kernel.
+            const ErfRanges g(v, F == Fn::Erfc);
+            const int zero = lanes(g.nearZero), one = lanes(g.nearOne), tail = lanes(g.tail);
+            if (zero == 15 || one == 15 || tail == 15) {
+                _mm256_storeu_pd(r + i, zero == 15  ? ErfPaths<F>::nearZero(v)
+                                        : one == 15 ? ErfPaths<F>::nearOne(v)
+                                                    : ErfPaths<F>::tail(v));
+                continue;
+            }
+            const int inside = n - i >= 4 ? 15 : (1 << (n - i)) - 1;
+            off.nearZero.add(static_cast<unsigned>(zero & inside), i, x, r);
+            off.nearOne.add(static_cast<unsigned>(one & inside), i, x, r);
+            off.tail.add(static_cast<unsigned>(tail & inside), i, x, r);
+            away = ~(zero | one | tail) & 15;
         } else if constexpr (!isLog(F)) {
             _mm256_storeu_pd(r + i, Lanes<F>::any(v, away));
         } else {
@@ -872,7 +935,7 @@ template <Fn F>
             const __m256d xs = _mm256_andnot_pd(zeroed, reduced);
             _mm256_storeu_pd(r + i, Lanes<F>::finished(v, logMain(xs)));
             const int inside = n - i >= 4 ? 15 : (1 << (n - i)) - 1;
-            near.add(static_cast<unsigned>(~farLanes & ~away & inside), i, x, r);
+            off.add(static_cast<unsigned>(~farLanes & ~away & inside), i, x, r);
         }
         for (; away; away &= away - 1) {
             const int j = i + __builtin_ctz(static_cast<unsigned>(away));
@@ -881,7 +944,12 @@ template <Fn F>
         }
     }
     if constexpr (isLog(F))
-        near.run(x, r);
+        off.run(x, r);
+    if constexpr (isErf(F)) {
+        off.nearZero.run(x, r);
+        off.nearOne.run(x, r);
+        off.tail.run(x, r);
+    }
 }
 
 // The four-lane paths assume rounding to nearest, no flush to zero and no denormals-are-zero

@@ -68,8 +68,8 @@ OXP_AVX2 DD4 logdd4(__m256d x)
     const __m256d invc = _mm256_setr_pd(t0.invc, t1.invc, t2.invc, t3.invc);
     const __m256d logcHi = _mm256_setr_pd(t0.logcHi, t1.logcHi, t2.logcHi, t3.logcHi);
     const __m256d logcLo = _mm256_setr_pd(t0.logcLo, t1.logcLo, t2.logcLo, t3.logcLo);
-    const __m256d m = bits(_mm256_or_si256(_mm256_and_si256(ix, _mm256_set1_epi64x(0x000FFFFFFFFFFFFFll)),
-                                           ints(k(1.0))));
+    const __m256i mantissa = _mm256_and_si256(ix, _mm256_set1_epi64x(0x000FFFFFFFFFFFFFll));
+    const __m256d m = bits(_mm256_or_si256(mantissa, ints(k(1.0))));
     const __m256d r = _mm256_fmsub_pd(m, invc, k(1.0));
     const __m256d hi1 = _mm256_fmadd_pd(kd, k(kLn2Hi), logcHi);
     const __m256d lo1 = _mm256_fmadd_pd(kd, k(kLn2Lo), logcLo);
@@ -97,9 +97,11 @@ OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
     const __m256d tl = _mm256_fnmadd_pd(kd, k(kLn2NLo), p.l);
     const __m256d v = _mm256_add_pd(t, tl);
     const __m256d vv = _mm256_mul_pd(v, v);
-    const __m256d poly = _mm256_add_pd(
-        _mm256_add_pd(k(0.5), _mm256_mul_pd(v, _mm256_add_pd(k(1.0 / 6), _mm256_mul_pd(v, k(1.0 / 24))))),
-        _mm256_mul_pd(_mm256_mul_pd(vv, v), _mm256_add_pd(k(1.0 / 120), _mm256_mul_pd(v, k(1.0 / 720)))));
+    const __m256d low = _mm256_add_pd(
+        k(0.5), _mm256_mul_pd(v, _mm256_add_pd(k(1.0 / 6), _mm256_mul_pd(v, k(1.0 / 24)))));
+    const __m256d high = _mm256_mul_pd(
+        _mm256_mul_pd(vv, v), _mm256_add_pd(k(1.0 / 120), _mm256_mul_pd(v, k(1.0 / 720))));
+    const __m256d poly = _mm256_add_pd(low, high);
     const __m256d E = _mm256_fmadd_pd(vv, poly, tl);
     alignas(32) int64_t j[4];
     _mm256_store_si256(reinterpret_cast<__m256i*>(j),
@@ -131,8 +133,8 @@ OXP_AVX2 __m256d roundDD4(DD4 y, __m256d relErr, __m256d& r)
 OXP_AVX2 __m256d positiveNormal(__m256d a)
 {
     const __m256i rel = _mm256_sub_epi64(ints(a), ints(k(0x1p-1022)));
-    return bits(_mm256_and_si256(_mm256_cmpgt_epi64(rel, _mm256_set1_epi64x(-1)),
-                                 _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x7FE0000000000000ll), rel)));
+    const __m256i below = _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x7FE0000000000000ll), rel);
+    return bits(_mm256_and_si256(_mm256_cmpgt_epi64(rel, _mm256_set1_epi64x(-1)), below));
 }
 
 }  // namespace
@@ -193,11 +195,12 @@ OXP_AVX2 __m256d positiveNormal(__m256d a)
     const __m256d inRange = _mm256_cmp_pd(_mm256_andnot_pd(k(-0.0), p.h), k(kLnNormal), _CMP_LT_OQ);
     const DD4 ps = {_mm256_blendv_pd(k(0.0), p.h, inRange), _mm256_blendv_pd(k(0.0), p.l, inRange)};
     const double scale = 1.0 + 0x1p-20;
-    const __m256d integral = _mm256_cmp_pd(bs, _mm256_round_pd(bs, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC), _CMP_EQ_OQ);
+    const __m256d floor = _mm256_round_pd(bs, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+    const __m256d integral = _mm256_cmp_pd(bs, floor, _CMP_EQ_OQ);
     const __m256d relErr = _mm256_fmadd_pd(
         _mm256_andnot_pd(k(-0.0), ps.h), k(kModelErrPerP * scale),
-        _mm256_blendv_pd(k((kPowlErrFrac + kModelErr) * scale), k((kPowlErrInt + kModelErr) * scale),
-                         integral));
+        _mm256_blendv_pd(k((kPowlErrFrac + kModelErr) * scale),
+                         k((kPowlErrInt + kModelErr) * scale), integral));
     __m256i e;
     const DD4 y = expdd4(ps, e);
     __m256d lo;
