@@ -47,13 +47,6 @@ OXP_AVX2 DD4 twoProd(__m256d a, __m256d b)
     return {p, _mm256_fmsub_pd(a, b, p)};
 }
 
-// The integer in the low bits of v + 2^52 + 2^51, for |v| < 2^51 integral.
-OXP_AVX2 __m256i integer(__m256d v)
-{
-    const __m256d shift = k(0x1.8p52);
-    return _mm256_sub_epi64(ints(_mm256_add_pd(v, shift)), ints(shift));
-}
-
 // logdd of four positive normal x.
 OXP_AVX2 DD4 logdd4(__m256d x)
 {

@@ -216,7 +216,7 @@ void powerLoop(const oxb::Insn& in, const oxb::Frame& f)
     const double* y = S == PowShape::Columns ? f.cols[in.b] : nullptr;
     double* r = f.cols[in.out];
     const double k = S == PowShape::Base ? in.plan->a : S == PowShape::Columns ? 0 : in.plan->b;
-    const int n = static_cast<int>(k);
+    const int n = S == PowShape::Integer ? static_cast<int>(k) : 0;  // |k| <= 64 there
     const double fixed[4] = {k, k, k, k};
     const bool plain = (_mm_getcsr() & 0xe040u) == 0;
     int dummy = 0;
