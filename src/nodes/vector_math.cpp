@@ -492,6 +492,19 @@ OXM_AVX2 __m256d atanhAny(__m256d x, int& away)
                             x, tiny);
 }
 
+// log(far) in the lanes of beyond (far >= 4 there), log1p(near) in the others: only the paths
+// the lanes need.
+OXM_AVX2 __m256d logOrLog1p(__m256d beyond, __m256d far, __m256d near)
+{
+    const int farLanes = lanes(beyond);
+    if (farLanes == 15)
+        return logMain(far);
+    if (farLanes == 0)
+        return log1pLanes(near);
+    return _mm256_blendv_pd(log1pLanes(_mm256_blendv_pd(near, k(1.0), beyond)),
+                            logMain(_mm256_blendv_pd(k(4.0), far, beyond)), beyond);
+}
+
 // asinh: log(2|x| + 1/(sqrt(x^2 + 1) + |x|)) beyond |x| = 2 (by the leading word), else
 // log1p(|x| + x^2/(1 + sqrt(1 + x^2))), with the sign of x; x below 2^-28. |x| > 2^28 and NaN
 // away.
@@ -507,15 +520,7 @@ OXM_AVX2 __m256d asinhAny(__m256d x, int& away)
     const __m256d q = _mm256_div_pd(_mm256_blendv_pd(t, k(1.0), beyondTwo),
                                     _mm256_add_pd(root, _mm256_blendv_pd(k(1.0), xs, beyondTwo)));
     const __m256d arg = _mm256_add_pd(q, _mm256_blendv_pd(xs, _mm256_add_pd(xs, xs), beyondTwo));
-    const int far = lanes(beyondTwo);
-    __m256d l;
-    if (far == 15)
-        l = logMain(arg);
-    else if (far == 0)
-        l = log1pLanes(arg);
-    else
-        l = _mm256_blendv_pd(log1pLanes(_mm256_blendv_pd(arg, k(1.0), beyondTwo)),
-                             logMain(_mm256_blendv_pd(k(4.0), arg, beyondTwo)), beyondTwo);
+    const __m256d l = logOrLog1p(beyondTwo, arg, arg);
     away = lanes(outside);
     return _mm256_blendv_pd(_mm256_or_pd(l, _mm256_and_pd(x, k(-0.0))), x, tiny);
 }
@@ -535,17 +540,8 @@ OXM_AVX2 __m256d acoshAny(__m256d x, int& away)
     const __m256d far = _mm256_sub_pd(_mm256_add_pd(xs, xs),
                                       _mm256_div_pd(k(1.0), _mm256_add_pd(root, xs)));
     const __m256d near = _mm256_add_pd(t, root);
-    const int farLanes = lanes(beyondTwo);
-    __m256d l;
-    if (farLanes == 15)
-        l = logMain(far);
-    else if (farLanes == 0)
-        l = log1pLanes(near);
-    else
-        l = _mm256_blendv_pd(log1pLanes(_mm256_blendv_pd(near, k(1.0), beyondTwo)),
-                             logMain(_mm256_blendv_pd(k(4.0), far, beyondTwo)), beyondTwo);
     away = lanes(_mm256_xor_pd(inside, bits(_mm256_set1_epi64x(-1))));
-    return l;
+    return logOrLog1p(beyondTwo, far, near);
 }
 
 // erf and erfc by the classic freely licensed method (see THIRD_PARTY_NOTICES): a rational
