@@ -12,6 +12,7 @@
 
 #include "nodes/kernels.h"
 #include "nodes/kinds.h"
+#include "nodes/vector_lanes.h"
 #include "nodes/vector_math_tables.h"
 
 namespace oxm {
@@ -19,26 +20,9 @@ namespace {
 
 using namespace tables;
 
-#define OXM_AVX2 [[gnu::target("avx2,fma"), gnu::always_inline]] inline
-
-OXM_AVX2 __m256d k(double v)
-{
-    return _mm256_set1_pd(v);
-}
-
 OXM_AVX2 __m256d fma(__m256d a, __m256d b, __m256d c)
 {
     return _mm256_fmadd_pd(a, b, c);
-}
-
-OXM_AVX2 __m256d bits(__m256i v)
-{
-    return _mm256_castsi256_pd(v);
-}
-
-OXM_AVX2 __m256i ints(__m256d v)
-{
-    return _mm256_castpd_si256(v);
 }
 
 // Four pairs {t[2j], t[2j+1]} of the table, j from the lanes of index: first and second
@@ -51,11 +35,6 @@ OXM_AVX2 void pairs(const double* t, __m256i index, __m256d& first, __m256d& sec
     const __m256d p13 = _mm256_set_m128d(_mm_load_pd(t + 2 * j[3]), _mm_load_pd(t + 2 * j[1]));
     first = _mm256_unpacklo_pd(p02, p13);
     second = _mm256_unpackhi_pd(p02, p13);
-}
-
-OXM_AVX2 int lanes(__m256d mask)
-{
-    return _mm256_movemask_pd(mask);
 }
 
 // exp(x) = 2^(k/N) exp(r) with x = k ln2/N + r, |r| <= ln2/2N; 2^(k/N) from the table as
@@ -744,41 +723,41 @@ struct ErfPaths {
     }
 };
 
-// One row per function: its kernel; for the logs the argument of log and the result from log's
-// value; for the others the path for any four lanes.
+// The scalar kernel behind F's column, from the kind table: lanes away from the four-lane
+// path and rows that raise run it, and it records their codes.
 template <Fn F>
-struct Lanes;
-template <>
-struct Lanes<Fn::Exp> {
-    static double kernel(double x, int& err) { return oxk::eval_OxExp(x, err); }
-};
+double kernel(double x, int& err)
+{
+    return oxk::row(kind(F)).un(x, err);
+}
+
+// One row per function: for the logs the argument of log and the result from log's value; for
+// the others but exp the path for any four lanes.
+template <Fn F>
+struct Lanes {};
 template <>
 struct Lanes<Fn::Log> {
     OXM_AVX2 static __m256d reduced(__m256d x) { return x; }
     OXM_AVX2 static __m256d finished(__m256d, __m256d l) { return l; }
-    static double kernel(double x, int& err) { return oxk::eval_OxLn(x, err); }
 };
 template <>
 struct Lanes<Fn::Log10> {
     OXM_AVX2 static __m256d reduced(__m256d x) { return log10Reduced(x); }
     OXM_AVX2 static __m256d finished(__m256d x, __m256d l) { return log10Finished(x, l); }
-    static double kernel(double x, int& err) { return oxk::eval_OxLog10(x, err); }
 };
-// The others: the path for any four lanes, and the kind table's kernel.
-template <Fn F, __m256d (*Any)(__m256d, int&)>
-struct ByKind {
-    OXM_AVX2 static __m256d any(__m256d x, int& away) { return Any(x, away); }
-    static double kernel(double x, int& err) { return oxk::row(kind(F)).un(x, err); }
+template <__m256d (*Path)(__m256d, int&)>
+struct AnyLanes {
+    OXM_AVX2 static __m256d any(__m256d x, int& away) { return Path(x, away); }
 };
-template <> struct Lanes<Fn::Expm1> : ByKind<Fn::Expm1, &expm1Any> {};
-template <> struct Lanes<Fn::Tanh> : ByKind<Fn::Tanh, &tanhAny> {};
-template <> struct Lanes<Fn::Sinh> : ByKind<Fn::Sinh, &sinhAny> {};
-template <> struct Lanes<Fn::Cosh> : ByKind<Fn::Cosh, &coshAny> {};
-template <> struct Lanes<Fn::Asinh> : ByKind<Fn::Asinh, &asinhAny> {};
-template <> struct Lanes<Fn::Acosh> : ByKind<Fn::Acosh, &acoshAny> {};
-template <> struct Lanes<Fn::Atanh> : ByKind<Fn::Atanh, &atanhAny> {};
-template <> struct Lanes<Fn::Erf> : ByKind<Fn::Erf, &ErfPaths<Fn::Erf>::any> {};
-template <> struct Lanes<Fn::Erfc> : ByKind<Fn::Erfc, &ErfPaths<Fn::Erfc>::any> {};
+template <> struct Lanes<Fn::Expm1> : AnyLanes<&expm1Any> {};
+template <> struct Lanes<Fn::Tanh> : AnyLanes<&tanhAny> {};
+template <> struct Lanes<Fn::Sinh> : AnyLanes<&sinhAny> {};
+template <> struct Lanes<Fn::Cosh> : AnyLanes<&coshAny> {};
+template <> struct Lanes<Fn::Asinh> : AnyLanes<&asinhAny> {};
+template <> struct Lanes<Fn::Acosh> : AnyLanes<&acoshAny> {};
+template <> struct Lanes<Fn::Atanh> : AnyLanes<&atanhAny> {};
+template <> struct Lanes<Fn::Erf> : AnyLanes<&ErfPaths<Fn::Erf>::any> {};
+template <> struct Lanes<Fn::Erfc> : AnyLanes<&ErfPaths<Fn::Erfc>::any> {};
 
 constexpr bool isLog(Fn f)
 {
@@ -936,7 +915,7 @@ template <Fn F>
         for (; away; away &= away - 1) {
             const int j = i + __builtin_ctz(static_cast<unsigned>(away));
             if (j < n)
-                r[j] = Lanes<F>::kernel(x[j], err[j]);
+                r[j] = kernel<F>(x[j], err[j]);
         }
     }
     if constexpr (isLog(F))
@@ -948,13 +927,6 @@ template <Fn F>
     }
 }
 
-// The four-lane paths assume rounding to nearest, no flush to zero and no denormals-are-zero
-// (MXCSR bits 13-14, 15 and 6); a host may change them at any time.
-bool plainRounding()
-{
-    return (_mm_getcsr() & 0xe040u) == 0;
-}
-
 template <Fn F>
 void guarded(const double* x, double* r, int* err, int n)
 {
@@ -963,7 +935,7 @@ void guarded(const double* x, double* r, int* err, int n)
         return;
     }
     for (int i = 0; i < n; ++i)
-        r[i] = Lanes<F>::kernel(x[i], err[i]);
+        r[i] = kernel<F>(x[i], err[i]);
 }
 
 template <Fn F>

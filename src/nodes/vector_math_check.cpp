@@ -13,6 +13,8 @@
 #include <gnu/libc-version.h>
 #endif
 
+#include "nodes/vector_lanes.h"
+
 namespace oxm {
 namespace {
 
@@ -299,7 +301,7 @@ bool selfCheck(Fn fn, double (*reference)(double))
     // Rounding to nearest without flushing for the check, whatever the host has set; the
     // columns test it again on every use.
     const unsigned csr = _mm_getcsr();
-    _mm_setcsr(csr & ~0xe040u);
+    _mm_setcsr(csr & ~kRoundingBits);
     const Row& row = rowOf(fn);
     bool ok = agreeRandom(fn, reference, row.ranges, row.rangesSize);
     for (int i = 0; i < 2; ++i)

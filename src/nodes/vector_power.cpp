@@ -9,46 +9,35 @@
 #include <immintrin.h>
 
 #include "nodes/power.h"
+#include "nodes/vector_lanes.h"
 
 namespace oxk {
 namespace pw {
 namespace {
 
-#define OXP_AVX2 [[gnu::target("avx2,fma"), gnu::always_inline]] inline
-
-OXP_AVX2 __m256d k(double v)
-{
-    return _mm256_set1_pd(v);
-}
-
-OXP_AVX2 __m256d bits(__m256i v)
-{
-    return _mm256_castsi256_pd(v);
-}
-
-OXP_AVX2 __m256i ints(__m256d v)
-{
-    return _mm256_castpd_si256(v);
-}
+using oxm::bits;
+using oxm::ints;
+using oxm::k;
+using oxm::lanes;
 
 struct DD4 {
     __m256d h, l;
 };
 
-OXP_AVX2 DD4 fastTwoSum(__m256d a, __m256d b)
+OXM_AVX2 DD4 fastTwoSum(__m256d a, __m256d b)
 {
     const __m256d s = _mm256_add_pd(a, b);
     return {s, _mm256_sub_pd(b, _mm256_sub_pd(s, a))};
 }
 
-OXP_AVX2 DD4 twoProd(__m256d a, __m256d b)
+OXM_AVX2 DD4 twoProd(__m256d a, __m256d b)
 {
     const __m256d p = _mm256_mul_pd(a, b);
     return {p, _mm256_fmsub_pd(a, b, p)};
 }
 
 // logdd of four positive normal x.
-OXP_AVX2 DD4 logdd4(__m256d x)
+OXM_AVX2 DD4 logdd4(__m256d x)
 {
     const __m256i ix = ints(x);
     const __m256d kd = _mm256_sub_pd(
@@ -80,7 +69,7 @@ OXP_AVX2 DD4 logdd4(__m256d x)
 }
 
 // expdd: (y.h + y.l) 2^e.
-OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
+OXM_AVX2 DD4 expdd4(DD4 p, __m256i& e)
 {
     const __m256d shift = k(0x1.8p52);
     const __m256d shifted = _mm256_fmadd_pd(p.h, k(kInvLn2N), shift);
@@ -115,7 +104,7 @@ OXP_AVX2 DD4 expdd4(DD4 p, __m256i& e)
 
 // The rounding test of roundDD: the mask of lanes where y within relErr rounds one way, and
 // that rounding in r.
-OXP_AVX2 __m256d roundDD4(DD4 y, __m256d relErr, __m256d& r)
+OXM_AVX2 __m256d roundDD4(DD4 y, __m256d relErr, __m256d& r)
 {
     const __m256d eps = _mm256_mul_pd(_mm256_andnot_pd(k(-0.0), y.h), relErr);
     r = _mm256_add_pd(y.h, _mm256_sub_pd(y.l, eps));
@@ -123,7 +112,7 @@ OXP_AVX2 __m256d roundDD4(DD4 y, __m256d relErr, __m256d& r)
 }
 
 // Lanes of positive normal a.
-OXP_AVX2 __m256d positiveNormal(__m256d a)
+OXM_AVX2 __m256d positiveNormal(__m256d a)
 {
     const __m256i rel = _mm256_sub_epi64(ints(a), ints(k(0x1p-1022)));
     const __m256i below = _mm256_cmpgt_epi64(_mm256_set1_epi64x(0x7FE0000000000000ll), rel);
@@ -167,7 +156,7 @@ OXP_AVX2 __m256d positiveNormal(__m256d a)
         _mm256_and_pd(usual, roundDD4(r, k((kPowlErrInt + kModelErrInt) * (1.0 + 0x1p-20)), y));
     // The sign of a for odd powers.
     _mm256_storeu_pd(out, m & 1 ? _mm256_or_pd(y, _mm256_and_pd(a, k(-0.0))) : y);
-    return _mm256_movemask_pd(proved) ^ 15;
+    return lanes(proved) ^ 15;
 }
 
 [[gnu::target("avx2,fma")]] int pow4(const double* ap, const double* bp, double* out)
@@ -200,7 +189,7 @@ OXP_AVX2 __m256d positiveNormal(__m256d a)
     const __m256d proved = _mm256_and_pd(_mm256_and_pd(usual, inRange), roundDD4(y, relErr, lo));
     const __m256d twoE = bits(_mm256_slli_epi64(_mm256_add_epi64(e, _mm256_set1_epi64x(1023)), 52));
     _mm256_storeu_pd(out, _mm256_mul_pd(lo, twoE));
-    return _mm256_movemask_pd(proved) ^ 15;
+    return lanes(proved) ^ 15;
 }
 
 }  // namespace pw

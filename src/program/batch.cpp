@@ -12,6 +12,8 @@
 
 #include <oxel/nodes.h>
 
+#include "nodes/vector_lanes.h"
+
 namespace oxb {
 namespace {
 
@@ -306,14 +308,6 @@ void runRows(OxelProgram& p, const Source& src, int numRows, double* results, in
     }
 }
 
-// The block code's tests assume rounding to nearest (overflows are infinite), and it is only
-// measured without flush to zero or denormals-are-zero (MXCSR bits 13-14, 15 and 6); a host
-// may change them at any time.
-bool plainRounding()
-{
-    return (_mm_getcsr() & 0xe040u) == 0;
-}
-
 // A block through the fused code: the rows it marks, and those past its last group of four,
 // are gathered into the front of the workspace's input columns (in place where a column is
 // there already: row k moves to k or below) and run through the instructions.
@@ -401,7 +395,7 @@ void runCompiled(const OxelProgram& p, const Source& src, int begin, int end, do
     const int numInputs = static_cast<int>(p.inputVars.size());
     const bool streams = src.stream && reinterpret_cast<uintptr_t>(results) % 16 == 0;
     const bool fused = p.block && (streams || !p.blockStreamedOnly) && !src.outs &&
-                       oxn::enabled() && plainRounding();
+                       oxn::enabled() && oxm::plainRounding();
     for (int start = begin; start < end; start += rows) {
         const int n = std::min(rows, end - start);
         // Vector steps may read and write one row past a partial block: such blocks work on

@@ -62,8 +62,8 @@ public:
     // program serves only batches whose results stream.
     bool blockStreamedOnly = false;
     int blockRound = 1;  // groups of four per round of its loop
-    // With tail, the block program is all steps but the last, an ln or log10 of its result,
-    // which tail then computes over the block's column.
+    // With tail, the block program is all steps but the last, a function with a four-lane form
+    // (ln, tanh, ...) of its result, which tail then computes over the block's column.
     void (*tail)(const double* x, double* r, int* err, int n) = nullptr;
     std::vector<oxb::Insn> code;
     std::vector<int> inputVars;   // variable index of input column i

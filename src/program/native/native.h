@@ -43,12 +43,12 @@ void releaseNative(NativeCode& code);
 // A fused block program of the column batch (block_jit.cpp): rows [0, 4 * groups) of the
 // input columns (columns[c] for variable inputVars[c]) through every step, four at a time,
 // values straight into results, 0 into errors; groups is a multiple of blockRound(ir), the
-// groups its loop takes per round. Per group of four it writes a byte to marks, bit j set where row j's value cannot be
-// vouched for (a value or an input left the range where the steps give their kernels'
-// results): those rows must be evaluated again by the column program, whose values and codes
-// are eval()'s; unmarked rows have no error. Returns
-// the marks ORed. With stream (results 16-byte aligned), values bypass the caches (the
-// caller fences before others read them).
+// groups its loop takes per round. Per group of four it writes a byte to marks, bit j set
+// where row j's value cannot be vouched for (a value or an input left the range where the
+// steps give their kernels' results): those rows must be evaluated again by the column
+// program, whose values and codes are eval()'s; unmarked rows have no error. Returns the marks
+// ORed. With stream (results 16-byte aligned), values bypass the caches (the caller fences
+// before others read them).
 // Four groups per round for programs of a usual size: one result test, one mark store and the
 // loop's bookkeeping serve them all. One for long programs, whose code would grow as much.
 inline int blockRound(const oxp::Program& ir)

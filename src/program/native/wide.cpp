@@ -1,7 +1,7 @@
 // Four-lane AVX2 column loops: + - * / with their results tested (a result below 2^1022 in
 // magnitude is the kernel's own, see point_jit.cpp; other lanes run the kernel), min, max,
-// comparisons, connectives, negation, abs, sqrt, and the functions of vector_math.h (exp, ln,
-// log10, expm1, tanh, sinh, cosh), all of them the scalar kernels' bits.
+// comparisons, connectives, negation, abs, sqrt, the functions of vector_math.h and powers
+// (vector_power.h), all of them the scalar kernels' bits.
 #include "program/native/wide.h"
 
 #include <array>
@@ -11,6 +11,7 @@
 #include "program/native/native.h"
 
 #if defined(__x86_64__) && defined(__GNUC__) && defined(OXEL_VECTOR_MATH)
+#include "nodes/vector_lanes.h"
 #include "nodes/vector_math.h"
 #include "nodes/vector_power.h"
 #define OXN_MATH 1
@@ -218,7 +219,7 @@ void powerLoop(const oxb::Insn& in, const oxb::Frame& f)
     const double k = S == PowShape::Base ? in.plan->a : S == PowShape::Columns ? 0 : in.plan->b;
     const int n = S == PowShape::Integer ? static_cast<int>(k) : 0;  // |k| <= 64 there
     const double fixed[4] = {k, k, k, k};
-    const bool plain = (_mm_getcsr() & 0xe040u) == 0;
+    const bool plain = oxm::plainRounding();
     int dummy = 0;
     for (int i = 0; i < f.n; i += 4) {
         int left = 15;
