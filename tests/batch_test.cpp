@@ -462,7 +462,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         const char* text;
         bool block;  // it has block code (with native code on)
     } formulas[] = {
-        {"x / y - z", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true}, {"x / y", false},
+        {"x / y - z", true}, {"sqrt(x) - y * 2", true}, {"x * 1e300 * y", true}, {"x / y", true},
         {"x * x * y - 3 * x * y * y + z * z * x - y / 4", true},  // inputs checked, no step tested
         {"a = x * y; b = sqrt(a - 1); a + b / z", true},  // assigned slots
         {"floor(x / y) * ceil(z - x) + (x < y && z > 0)", true},
@@ -472,6 +472,7 @@ TEST(BatchEval, BlockCodeRedoesFailingRows)
         {"!(x < y) || y == z && !(z >= 2)", true},  // connectives of truth values
         {"max(x, y) - min(z, x) + abs(y) + !x - (x >= z) * (y == z) || x <= y", true},
         {"ln(x) - y * 2 + x % z", false},  // the column instructions alone
+        {"x < y", false}, {"!x", false},  // a lone truth value: the column loop (unless streamed)
         // The last step over the block code's column: failing in it (ln of a negative,
         // exp overflowing) or before it (a division by zero).
         {"ln(x * y - z / 2)", tail}, {"exp(x / y - z * 3)", tail},
@@ -556,8 +557,8 @@ TEST(BatchEval, StreamedResultsMatchSmallBatches)
     const double* cols[] = {x.data(), y.data(), z.data()};
     std::vector<double> big(n + 1), small(n);
     std::vector<int> bigErr(n), smallErr(n);
-    // A lone step has block code for streamed results only.
-    for (const char* text : {"x / y - z * z + sqrt(x)", "x / y"}) {
+    // A lone comparison has block code for streamed results only.
+    for (const char* text : {"x / y - z * z + sqrt(x)", "x <= y"}) {
         OxelExpression e;
         ASSERT_EQ(parseXyz(e, text), 1);
         for (int offset : {0, 1}) {  // results 16-byte aligned, and not

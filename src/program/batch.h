@@ -58,8 +58,8 @@ public:
     // rows it marks.
     oxn::BlockFn block = nullptr;
     oxn::NativeCode blockCode;
-    // A lone step: its column loop is as fused already and a little faster, so the block
-    // program serves only batches whose results stream.
+    // A lone comparison, connective or negation: its column loop (which has no result test)
+    // is a little faster, so the block program serves only batches whose results stream.
     bool blockStreamedOnly = false;
     int blockRound = 1;  // groups of four per round of its loop
     // With tail, the block program is all steps but the last, a function with a four-lane form
