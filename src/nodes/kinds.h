@@ -150,6 +150,13 @@ static_assert(sizeof kKinds / sizeof kKinds[0] == static_cast<size_t>(Kind::Unkn
 
 constexpr const KindRow& row(Kind k) { return kKinds[static_cast<int>(k)]; }
 
+// The comparisons, connectives and negation: their values are 0.0 or 1.0 and they cannot fail.
+constexpr bool truthValued(Kind k)
+{
+    const Shape shape = row(k).shape;
+    return shape == Shape::Ordering || shape == Shape::Tolerant || shape == Shape::Not;
+}
+
 // The kind of a node's class (Unknown for classes defined outside the library).
 Kind kindOf(const Oxel* node);
 

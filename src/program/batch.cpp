@@ -228,14 +228,6 @@ void tailBlock(OxelProgram& p, const oxp::Program& ir)
         p.tail = tail;
 }
 
-// The comparisons, connectives and negation: their values are 0 or 1 and cannot fail.
-bool truthValued(oxk::Kind kind)
-{
-    const oxk::Shape shape = oxk::row(kind).shape;
-    return shape == oxk::Shape::Ordering || shape == oxk::Shape::Tolerant ||
-           shape == oxk::Shape::Not;
-}
-
 }  // namespace
 
 OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
@@ -252,7 +244,8 @@ OxelProgram* oxelProgramCompile(Oxel* root, int numVars)
     p->compiled = true;
     p->block = oxn::compileBlock(ir, p->inputVars, p->blockCode);
     p->blockRound = oxn::blockRound(ir);
-    p->blockStreamedOnly = p->block && ir.steps.size() == 1 && truthValued(ir.steps[0].kind);
+    p->blockStreamedOnly = p->block && ir.steps.size() == 1 &&
+                             oxk::truthValued(ir.steps[0].kind);
     if (!p->block)
         tailBlock(*p, ir);
     return p;

@@ -271,16 +271,8 @@ private:
     // A step's value that is 0.0 or 1.0: a comparison's or a connective's.
     bool truth(const Operand& o) const
     {
-        if (o.mode != Operand::Reg)
-            return false;
-        switch (l_.steps[static_cast<size_t>(o.index)].kind) {
-        case Kind::OxLess: case Kind::OxGreater: case Kind::OxLessEqual:
-        case Kind::OxGreaterEqual: case Kind::OxEqual: case Kind::OxAnd: case Kind::OxOr:
-        case Kind::OxNot:
-            return true;
-        default:
-            return false;
-        }
+        return o.mode == Operand::Reg &&
+               oxk::truthValued(l_.steps[static_cast<size_t>(o.index)].kind);
     }
 
     void inlined(const oxp::Step& s);
